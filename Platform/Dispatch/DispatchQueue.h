@@ -1,0 +1,56 @@
+// Serial queues: first in, first out, one task at a time.
+//
+// A queue owns no thread. While it has tasks it stands in line at the worker pool (WorkerPool.h),
+// whose threads run one queue's tasks at a time each. A task may block: the pool notices and brings
+// another thread in.
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace Platform {
+
+using Task = std::function<void()>;
+
+enum class DispatchQueueAttribute { serial };
+inline constexpr auto DISPATCH_QUEUE_SERIAL = DispatchQueueAttribute::serial;
+
+// Always held by shared_ptr; a queue with tasks stays alive until they have run. Any thread.
+class DispatchQueue : public std::enable_shared_from_this<DispatchQueue> {
+ public:
+  explicit DispatchQueue(std::string label) : label_(std::move(label)) {}
+
+  const std::string& label() const { return label_; }
+
+  // Appends and returns at once.
+  void async(Task task);
+
+  // Whether the calling thread is running a task of this queue.
+  bool isCurrent() const;
+
+ private:
+  friend class WorkerPool;
+
+  // Runs the tasks that wait now, and says whether others have come meanwhile. Pool threads only.
+  bool runWaitingTasks();
+
+  const std::string label_;
+  std::mutex mutex_;
+  // Protected by mutex_:
+  std::vector<Task> waiting_;
+  bool inLine_ = false;  // at the pool, or running: whoever clears it has seen waiting_ empty
+};
+
+using dispatch_queue_t = std::shared_ptr<DispatchQueue>;
+
+// `label` names the queue in diagnostics.
+dispatch_queue_t dispatch_queue_create(std::string label, DispatchQueueAttribute attribute);
+
+// Appends a task and returns at once.
+void dispatch_async(const dispatch_queue_t& queue, Task task);
+
+}  // namespace Platform

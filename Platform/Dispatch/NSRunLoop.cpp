@@ -1,0 +1,11 @@
+#include "Platform/Dispatch/NSRunLoop.h"
+
+#include <unistd.h>
+
+namespace Platform {
+
+void NSRunLoop::run() {
+  for (;;) ::pause();
+}
+
+}  // namespace Platform

@@ -1,0 +1,286 @@
+#include "Platform/Dispatch/WorkerPool.h"
+
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/timerfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <deque>
+#include <list>
+#include <map>
+#include <mutex>
+#include <thread>
+#include <unordered_map>
+
+#include "Platform/Runtime/BackgroundThread.h"
+#include "Platform/Runtime/Stop.h"
+#include "Platform/Runtime/UniqueFd.h"
+
+namespace Platform {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr auto keeperPeriod = std::chrono::milliseconds(10);
+constexpr std::size_t mostWorkers = 512;
+constexpr std::uint64_t wakeKey = 0;
+
+struct Worker {
+  int regions = 0;             // BlockingRegions alive on this thread; only it reads and writes
+  std::uint64_t busySince = 0;  // the keeper's period in which its task began; 0: not in a task
+  bool countedAsBlocked = false;
+};
+
+thread_local Worker* thisWorker = nullptr;
+
+struct DelayedTask {
+  dispatch_queue_t queue;
+  Task task;
+};
+
+}  // namespace
+
+struct WorkerPool::State {
+  const UniqueFd epoll{::epoll_create1(EPOLL_CLOEXEC)};
+  const UniqueFd wake{::eventfd(0, EFD_CLOEXEC)};
+  const UniqueFd timer{::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC)};
+  const std::size_t wanted = std::clamp<std::size_t>(std::thread::hardware_concurrency(), 2, 4);
+
+  std::mutex mutex;
+  // Protected by mutex:
+  bool started = false;
+  std::deque<std::shared_ptr<DispatchQueue>> line;
+  std::list<Worker> workers;
+  std::size_t blocked = 0;   // workers in a BlockingRegion, or found stuck by the keeper
+  std::size_t sleeping = 0;  // workers in epoll_wait
+  std::uint64_t period = 1;  // the keeper's count
+  bool timerArmed = false;
+  bool activity = false;  // since the keeper last looked
+  std::multimap<Clock::time_point, DelayedTask> delayed;
+  std::unordered_map<std::uint64_t, std::weak_ptr<ReadinessHandler>> handlers;
+  std::uint64_t lastKey = wakeKey;
+
+  void start();
+  void wakeOne() { ::eventfd_write(wake.get(), 1); }
+  void armTimer();
+  void addWorker();
+  void bringInAnother();
+  void work(std::list<Worker>::iterator self);
+  void setBlocked(Worker& worker, bool isBlocked);
+  void runLine(std::unique_lock<std::mutex>& lock, Worker& self);
+  void keep();
+  void startDueTasks(std::unique_lock<std::mutex>& lock);
+  void findStuckWorkers();
+};
+
+// All methods of State that take no lock are called with mutex held, but for wakeOne.
+
+void WorkerPool::State::start() {
+  if (std::exchange(started, true)) return;
+  for (std::size_t i = 0; i < wanted; ++i) addWorker();
+  if (workers.empty() || !startBackgroundThread("gantrel-keeper", [this] { keep(); })) {
+    stopProcess(ExitStatus::software);
+  }
+}
+
+void WorkerPool::State::armTimer() {
+  activity = true;
+  if (std::exchange(timerArmed, true)) return;
+  itimerspec once{};
+  once.it_value.tv_nsec = std::chrono::nanoseconds(keeperPeriod).count();
+  ::timerfd_settime(timer.get(), 0, &once, nullptr);
+}
+
+void WorkerPool::State::addWorker() {
+  if (workers.size() >= mostWorkers) return;
+  const auto self = workers.emplace(workers.end());
+  if (!startBackgroundThread("gantrel-worker", [this, self] { work(self); })) workers.erase(self);
+}
+
+// For when a worker will not come back soon: somebody must be there for what waits and for events.
+void WorkerPool::State::bringInAnother() {
+  const std::size_t free = workers.size() - blocked;
+  if (sleeping > 0) {
+    if (!line.empty()) wakeOne();
+  } else if (free == 0 || (!line.empty() && free < wanted)) {
+    addWorker();
+  }
+}
+
+void WorkerPool::State::setBlocked(Worker& worker, bool isBlocked) {
+  if (std::exchange(worker.countedAsBlocked, isBlocked) == isBlocked) return;
+  isBlocked ? ++blocked : --blocked;
+}
+
+void WorkerPool::State::runLine(std::unique_lock<std::mutex>& lock, Worker& self) {
+  while (!line.empty()) {
+    std::shared_ptr<DispatchQueue> queue = std::move(line.front());
+    line.pop_front();
+    self.busySince = period;
+    lock.unlock();
+    if (!queue->runWaitingTasks()) queue.reset();
+    lock.lock();
+    self.busySince = 0;
+    setBlocked(self, false);
+    if (queue) line.push_back(std::move(queue));
+  }
+}
+
+void WorkerPool::State::work(std::list<Worker>::iterator self) {
+  thisWorker = &*self;
+  std::unique_lock lock(mutex);
+  for (;;) {
+    runLine(lock, *self);
+    if (workers.size() - blocked > 2 * wanted) break;
+    ++sleeping;
+    lock.unlock();
+    // One event at a time: the others are for other workers, in case this one's task takes long.
+    epoll_event event{};
+    const int count = ::epoll_wait(epoll.get(), &event, 1, -1);
+    lock.lock();
+    --sleeping;
+    if (count != 1) continue;
+    armTimer();
+    const auto handler = handlers.find(event.data.u64);
+    if (handler == handlers.end()) continue;
+    const std::shared_ptr<ReadinessHandler> target = handler->second.lock();
+    lock.unlock();
+    if (target) target->ready(event.events);
+    lock.lock();
+  }
+  workers.erase(self);
+}
+
+void WorkerPool::State::keep() {
+  for (;;) {
+    std::uint64_t expirations;
+    if (::read(timer.get(), &expirations, sizeof expirations) < 0) continue;
+    std::unique_lock lock(mutex);
+    ++period;
+    startDueTasks(lock);
+    findStuckWorkers();
+    if (!line.empty()) bringInAnother();
+    timerArmed = false;
+    const bool busy = std::any_of(workers.begin(), workers.end(),
+                                  [](const Worker& worker) { return worker.busySince != 0; });
+    if (activity || busy || !line.empty() || !delayed.empty()) armTimer();
+    activity = false;
+  }
+}
+
+void WorkerPool::State::startDueTasks(std::unique_lock<std::mutex>& lock) {
+  const auto now = Clock::now();
+  while (!delayed.empty() && delayed.begin()->first <= now) {
+    DelayedTask due = std::move(delayed.extract(delayed.begin()).mapped());
+    lock.unlock();
+    due.queue->async(std::move(due.task));
+    due.queue.reset();
+    lock.lock();
+  }
+}
+
+void WorkerPool::State::findStuckWorkers() {
+  for (Worker& worker : workers) {
+    if (worker.busySince == 0 || period - worker.busySince < 2) continue;
+    setBlocked(worker, true);
+  }
+  if (workers.size() == blocked) bringInAnother();
+}
+
+WorkerPool::WorkerPool() : state_(new State) {
+  if (!state_->epoll.isValid() || !state_->wake.isValid() || !state_->timer.isValid()) {
+    stopProcess(ExitStatus::software);
+  }
+  // Edge-triggered, so that each write wakes a worker and nobody has to read the counter back.
+  epoll_event event{.events = EPOLLIN | EPOLLET, .data = {.u64 = wakeKey}};
+  ::epoll_ctl(state_->epoll.get(), EPOLL_CTL_ADD, state_->wake.get(), &event);
+}
+
+WorkerPool& WorkerPool::shared() {
+  static WorkerPool* const instance = new WorkerPool;
+  return *instance;
+}
+
+bool WorkerPool::isWorker() { return thisWorker != nullptr; }
+
+void WorkerPool::enqueue(std::shared_ptr<DispatchQueue> queue) {
+  const std::lock_guard lock(state_->mutex);
+  state_->start();
+  state_->line.push_back(std::move(queue));
+  const bool runsItself = thisWorker != nullptr && thisWorker->regions == 0;
+  if (!runsItself) {
+    state_->armTimer();
+    state_->bringInAnother();
+  }
+}
+
+Watch WorkerPool::watch(int fd, std::uint32_t events, std::weak_ptr<ReadinessHandler> handler) {
+  std::uint64_t key;
+  {
+    const std::lock_guard lock(state_->mutex);
+    state_->start();
+    key = ++state_->lastKey;
+    state_->handlers.emplace(key, std::move(handler));
+  }
+  Watch watch(fd, key);
+  epoll_event event{.events = events | EPOLLET, .data = {.u64 = key}};
+  if (::epoll_ctl(state_->epoll.get(), EPOLL_CTL_ADD, fd, &event) != 0) watch.end();
+  return watch;
+}
+
+void WorkerPool::after(std::chrono::milliseconds delay, dispatch_queue_t queue, Task task) {
+  const std::lock_guard lock(state_->mutex);
+  state_->start();
+  state_->delayed.emplace(Clock::now() + delay, DelayedTask{std::move(queue), std::move(task)});
+  state_->armTimer();
+}
+
+WorkerPool::BlockingRegion::BlockingRegion() {
+  if (!thisWorker || thisWorker->regions++ != 0) return;
+  State& state = *shared().state_;
+  const std::lock_guard lock(state.mutex);
+  state.setBlocked(*thisWorker, true);
+  state.bringInAnother();
+}
+
+WorkerPool::BlockingRegion::~BlockingRegion() {
+  if (!thisWorker || --thisWorker->regions != 0) return;
+  State& state = *shared().state_;
+  const std::lock_guard lock(state.mutex);
+  state.setBlocked(*thisWorker, false);
+  // Its task begins anew as far as the keeper is concerned.
+  thisWorker->busySince = state.period;
+}
+
+Watch::Watch(Watch&& other) noexcept : fd_(std::exchange(other.fd_, -1)), key_(other.key_) {}
+
+Watch& Watch::operator=(Watch&& other) noexcept {
+  if (this != &other) {
+    end();
+    fd_ = std::exchange(other.fd_, -1);
+    key_ = other.key_;
+  }
+  return *this;
+}
+
+Watch::~Watch() { end(); }
+
+void Watch::setEvents(std::uint32_t events) {
+  epoll_event event{.events = events | EPOLLET, .data = {.u64 = key_}};
+  ::epoll_ctl(WorkerPool::shared().state_->epoll.get(), EPOLL_CTL_MOD, fd_, &event);
+}
+
+void Watch::end() {
+  if (fd_ < 0) return;
+  WorkerPool::State& state = *WorkerPool::shared().state_;
+  ::epoll_ctl(state.epoll.get(), EPOLL_CTL_DEL, std::exchange(fd_, -1), nullptr);
+  std::weak_ptr<ReadinessHandler> handler;  // freed after the lock
+  const std::lock_guard lock(state.mutex);
+  const auto found = state.handlers.find(key_);
+  if (found == state.handlers.end()) return;
+  handler = std::move(found->second);
+  state.handlers.erase(found);
+}
+
+}  // namespace Platform

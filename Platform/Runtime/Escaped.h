@@ -1,0 +1,15 @@
+// Making text safe to show. Text that came from outside may hold anything: line breaks that forge log
+// lines, sequences that command a terminal, marks that turn the reading direction around.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace Platform {
+
+// `utf8` with every control, line-separating and direction-changing character written as \xNN or
+// \u{NNNN}, and the backslash doubled so that nothing else can look like an escape. Bytes that are
+// not UTF-8 are written as \xNN.
+std::string escaped(std::string_view utf8);
+
+}  // namespace Platform

@@ -1,0 +1,151 @@
+#include "Platform/Runtime/Text.h"
+
+#include <unicode/uchar.h>
+#include <unicode/unorm2.h>
+#include <unicode/utf16.h>
+#include <unicode/utf8.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <vector>
+
+#include "Platform/Runtime/Stop.h"
+
+namespace Platform {
+namespace {
+
+// Below this code point nothing decomposes and nothing combines.
+constexpr UChar32 firstInteresting = 0xC0;
+
+std::size_t asciiPrefixLength(std::string_view bytes) {
+  std::size_t i = 0;
+  for (; i + 8 <= bytes.size(); i += 8) {
+    std::uint64_t word;
+    std::memcpy(&word, bytes.data() + i, 8);
+    if ((word & 0x8080808080808080u) != 0) break;
+  }
+  while (i < bytes.size() && static_cast<unsigned char>(bytes[i]) < 0x80) ++i;
+  return i;
+}
+
+bool isUtf8(std::string_view bytes, std::size_t from) {
+  const auto* data = reinterpret_cast<const std::uint8_t*>(bytes.data());
+  const auto size = static_cast<std::int64_t>(bytes.size());
+  auto i = static_cast<std::int64_t>(from);
+  while (i < size) {
+    UChar32 codePoint;
+    U8_NEXT(data, i, size, codePoint);
+    if (codePoint < 0) return false;
+  }
+  return true;
+}
+
+void append(std::string& out, UChar32 codePoint) {
+  char buffer[U8_MAX_LENGTH];
+  std::int32_t length = 0;
+  U8_APPEND_UNSAFE(buffer, length, codePoint);
+  out.append(buffer, static_cast<std::size_t>(length));
+}
+
+// Builds the canonical decomposition code point by code point. Marks wait in `run_` until the next
+// starter and are then put in order by a stable sort: the library's own whole-text normaliser
+// inserts each mark by a linear search, which makes a long run of misordered marks quadratic.
+class Decomposer {
+ public:
+  void add(UChar32 codePoint) {
+    if (codePoint < firstInteresting) {
+      endRun();
+      append(out_, codePoint);
+      return;
+    }
+    UChar buffer[32];  // the longest full canonical decomposition has four code points
+    UErrorCode status = U_ZERO_ERROR;
+    const std::int32_t length = unorm2_getDecomposition(nfc(), codePoint, buffer, 32, &status);
+    if (length < 0 || U_FAILURE(status)) {
+      addDecomposed(codePoint);
+      return;
+    }
+    for (std::int32_t i = 0; i < length;) {
+      UChar32 part;
+      U16_NEXT(buffer, i, length, part);
+      addDecomposed(part);
+    }
+  }
+
+  std::string finish() {
+    endRun();
+    return std::move(out_);
+  }
+
+ private:
+  static const UNormalizer2* nfc() {
+    static const UNormalizer2* const instance = [] {
+      UErrorCode status = U_ZERO_ERROR;
+      const UNormalizer2* normalizer = unorm2_getNFCInstance(&status);
+      if (U_FAILURE(status)) stopProcess(ExitStatus::software);
+      return normalizer;
+    }();
+    return instance;
+  }
+
+  void addDecomposed(UChar32 codePoint) {
+    const std::uint32_t combiningClass = u_getCombiningClass(codePoint);
+    if (combiningClass != 0) {
+      run_.push_back(combiningClass << 24 | static_cast<std::uint32_t>(codePoint));
+      return;
+    }
+    endRun();
+    append(out_, codePoint);
+  }
+
+  void endRun() {
+    if (run_.empty()) return;
+    std::stable_sort(run_.begin(), run_.end(),
+                     [](std::uint32_t a, std::uint32_t b) { return a >> 24 < b >> 24; });
+    for (const std::uint32_t mark : run_) append(out_, static_cast<UChar32>(mark & 0xFFFFFF));
+    run_.clear();
+  }
+
+  std::string out_;
+  std::vector<std::uint32_t> run_;  // combining class in the top byte, code point below
+};
+
+std::string decompose(std::string_view validUtf8) {
+  Decomposer decomposer;
+  const auto* data = reinterpret_cast<const std::uint8_t*>(validUtf8.data());
+  const auto size = static_cast<std::int64_t>(validUtf8.size());
+  for (std::int64_t i = 0; i < size;) {
+    UChar32 codePoint;
+    U8_NEXT_UNSAFE(data, i, codePoint);
+    decomposer.add(codePoint);
+  }
+  return decomposer.finish();
+}
+
+}  // namespace
+
+Text::Text() : hash_(std::hash<std::string>{}(bytes_)) {}
+
+Text::Text(std::string validUtf8) : bytes_(std::move(validUtf8)) {
+  if (asciiPrefixLength(bytes_) != bytes_.size()) {
+    std::string canonical = decompose(bytes_);
+    if (canonical != bytes_) canonical_ = std::make_shared<const std::string>(std::move(canonical));
+  }
+  hash_ = std::hash<std::string>{}(this->canonical());
+}
+
+std::optional<Text> Text::fromUtf8(std::string bytes) {
+  if (!isUtf8(bytes, asciiPrefixLength(bytes))) return std::nullopt;
+  return Text(std::move(bytes));
+}
+
+Text operator+(const Text& a, const Text& b) { return Text(a.bytes_ + b.bytes_); }
+
+Text operator""_text(const char* literal, std::size_t length) {
+  std::optional<Text> text = Text::fromUtf8(std::string(literal, length));
+  if (!text) stopProcess(ExitStatus::software);
+  return *std::move(text);
+}
+
+}  // namespace Platform

@@ -1,0 +1,63 @@
+// Text: Unicode text as the product compares it.
+//
+// A Text is valid UTF-8, embedded NULs allowed. Two texts are equal when they are canonically
+// equivalent (Unicode Standard, section 3.7): "é" written as one code point equals "e" followed by a
+// combining acute accent. Case counts. Bytes that are not UTF-8 never become a Text.
+//
+// The canonical form is computed once, when the text is made, in O(n log n), so that comparing and
+// hashing later, on a queue that others wait for, is as cheap as for bytes. Pure ASCII text, the
+// common case, is its own canonical form and stores none.
+#pragma once
+
+#include <compare>
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace Platform {
+
+// A value: copies are independent. Any thread.
+class Text {
+ public:
+  Text();
+
+  // None when `bytes` is not valid UTF-8.
+  static std::optional<Text> fromUtf8(std::string bytes);
+
+  // The text as it was given, not its canonical form.
+  const std::string& utf8() const { return bytes_; }
+  bool isEmpty() const { return bytes_.empty(); }
+
+  // Equal for equal texts.
+  std::size_t hash() const { return hash_; }
+
+  friend bool operator==(const Text& a, const Text& b) {
+    return a.hash_ == b.hash_ && a.canonical() == b.canonical();
+  }
+  // An order for sorted containers: by the canonical form's bytes, not a language's collation.
+  friend std::strong_ordering operator<=>(const Text& a, const Text& b) {
+    return a.canonical() <=> b.canonical();
+  }
+  friend Text operator+(const Text& a, const Text& b);
+
+ private:
+  explicit Text(std::string validUtf8);
+  const std::string& canonical() const { return canonical_ ? *canonical_ : bytes_; }
+
+  std::string bytes_;
+  std::shared_ptr<const std::string> canonical_;  // null: bytes_ is canonical already
+  std::size_t hash_;
+};
+
+// A text in the source. The literal must be UTF-8; one that is not stops the process.
+Text operator""_text(const char* literal, std::size_t length);
+
+}  // namespace Platform
+
+template <>
+struct std::hash<Platform::Text> {
+  std::size_t operator()(const Platform::Text& text) const noexcept { return text.hash(); }
+};

@@ -1,0 +1,11 @@
+// The product's addresses, all of them.
+#pragma once
+
+#include <string_view>
+
+namespace Gantrel_Sync_Helper::Addresses {
+
+// Why the agent has no bundle identifier of its own to give.
+inline constexpr std::string_view agentIdentifierIssue = "https://gantrel.example/issues/73";
+
+}  // namespace Gantrel_Sync_Helper::Addresses
