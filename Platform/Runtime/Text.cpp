@@ -29,7 +29,7 @@ std::size_t asciiPrefixLength(std::string_view bytes) {
   return i;
 }
 
-bool isUtf8(std::string_view bytes, std::size_t from) {
+bool isUtf8From(std::string_view bytes, std::size_t from) {
   const auto* data = reinterpret_cast<const std::uint8_t*>(bytes.data());
   const auto size = static_cast<std::int64_t>(bytes.size());
   auto i = static_cast<std::int64_t>(from);
@@ -135,8 +135,10 @@ Text::Text(std::string validUtf8) : bytes_(std::move(validUtf8)) {
   hash_ = std::hash<std::string>{}(this->canonical());
 }
 
+bool Text::isUtf8(std::string_view bytes) { return isUtf8From(bytes, asciiPrefixLength(bytes)); }
+
 std::optional<Text> Text::fromUtf8(std::string bytes) {
-  if (!isUtf8(bytes, asciiPrefixLength(bytes))) return std::nullopt;
+  if (!isUtf8(bytes)) return std::nullopt;
   return Text(std::move(bytes));
 }
 

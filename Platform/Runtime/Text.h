@@ -27,6 +27,9 @@ class Text {
   // None when `bytes` is not valid UTF-8.
   static std::optional<Text> fromUtf8(std::string bytes);
 
+  // Whether fromUtf8 would give a text.
+  static bool isUtf8(std::string_view bytes);
+
   // The text as it was given, not its canonical form.
   const std::string& utf8() const { return bytes_; }
   bool isEmpty() const { return bytes_.empty(); }

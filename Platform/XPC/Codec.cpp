@@ -1,0 +1,395 @@
+#include "Platform/XPC/Codec.h"
+
+#include <bit>
+#include <cstring>
+#include <limits>
+#include <string>
+#include <utility>
+
+#include "Platform/Runtime/Stop.h"
+
+namespace Platform {
+namespace {
+
+using Wire::Major;
+
+constexpr std::uint8_t majorShift = 5;
+constexpr std::uint8_t argumentMask = 0x1F;
+constexpr std::uint8_t oneByteFollows = 24;
+// The argument of the smallest 64-bit signed integer: -1 minus it is the number.
+constexpr auto mostNegative = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
+
+void appendBigEndian(std::vector<std::byte>& out, std::uint64_t number, int width) {
+  for (int shift = 8 * (width - 1); shift >= 0; shift -= 8) {
+    out.push_back(static_cast<std::byte>(number >> shift));
+  }
+}
+
+void storeLittleEndian(std::byte* out, std::uint32_t number) {
+  for (int i = 0; i < 4; ++i) out[i] = static_cast<std::byte>(number >> (8 * i));
+}
+
+std::string_view characters(std::span<const std::byte> bytes) {
+  return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
+}
+
+void encode(Encoder& encoder, const Value& value, int depth) {
+  if (depth > Wire::deepestNesting) stopProcess(ExitStatus::software);
+  if (value.isNil()) {
+    encoder.simple(Wire::nullByte);
+  } else if (const auto boolean = value.asBoolean()) {
+    encode(encoder, *boolean);
+  } else if (const auto positive = value.asUnsigned()) {
+    encoder.head(Major::unsignedInteger, *positive);
+  } else if (const auto negative = value.asSigned()) {
+    encoder.head(Major::negativeInteger, ~static_cast<std::uint64_t>(*negative));
+  } else if (const auto real = value.asReal()) {
+    encoder.real(*real);
+  } else if (const Text* text = value.asText()) {
+    encode(encoder, *text);
+  } else if (const Data* data = value.asData()) {
+    encoder.bytes(*data);
+  } else if (const NSDate* date = value.asDate()) {
+    encoder.head(Major::tag, Wire::dateTag);
+    encoder.real(date->timeIntervalSince1970);
+  } else if (const Array* array = value.asArray()) {
+    encoder.head(Major::array, array->size());
+    for (const Value& item : *array) encode(encoder, item, depth + 1);
+  } else if (const Dictionary* dictionary = value.asDictionary()) {
+    encoder.head(Major::map, dictionary->size());
+    for (const auto& [key, item] : *dictionary) {
+      encode(encoder, key);
+      encode(encoder, item, depth + 1);
+    }
+  } else {
+    const auto endpoint = value.asObject<NSXPCListenerEndpoint>();
+    if (!endpoint) stopProcess(ExitStatus::software);
+    encoder.endpoint(endpoint);
+  }
+}
+
+}  // namespace
+
+bool OutgoingFrame::isSendable() const {
+  return bytes.size() - Wire::headerSize <= Wire::mostPayloadBytes &&
+         endpoints.size() <= Wire::mostDescriptors;
+}
+
+Encoder::Encoder() {
+  frame_.bytes.reserve(128);
+  frame_.bytes.resize(Wire::headerSize);
+}
+
+void Encoder::head(Major major, std::uint64_t argument) {
+  const auto high = static_cast<std::uint8_t>(static_cast<std::uint8_t>(major) << majorShift);
+  if (argument < oneByteFollows) {
+    simple(static_cast<std::uint8_t>(high | argument));
+    return;
+  }
+  int code = 0;  // the argument follows in 1 << code bytes: the fewest that hold it
+  if (argument > std::numeric_limits<std::uint8_t>::max()) code = 1;
+  if (argument > std::numeric_limits<std::uint16_t>::max()) code = 2;
+  if (argument > std::numeric_limits<std::uint32_t>::max()) code = 3;
+  simple(static_cast<std::uint8_t>(high | (oneByteFollows + code)));
+  appendBigEndian(frame_.bytes, argument, 1 << code);
+}
+
+void Encoder::bytes(std::span<const std::byte> content) {
+  head(Major::bytes, content.size());
+  frame_.bytes.insert(frame_.bytes.end(), content.begin(), content.end());
+}
+
+void Encoder::text(std::string_view utf8) {
+  head(Major::text, utf8.size());
+  const auto content = std::as_bytes(std::span(utf8));
+  frame_.bytes.insert(frame_.bytes.end(), content.begin(), content.end());
+}
+
+void Encoder::real(double number) {
+  simple(Wire::realByte);
+  appendBigEndian(frame_.bytes, std::bit_cast<std::uint64_t>(number), 8);
+}
+
+void Encoder::endpoint(const EndpointRef& endpoint) {
+  if (!endpoint) {
+    simple(Wire::nullByte);
+    return;
+  }
+  head(Major::tag, Wire::endpointTag);
+  head(Major::unsignedInteger, frame_.endpoints.size());
+  frame_.endpoints.push_back(endpoint);
+}
+
+OutgoingFrame Encoder::finish() {
+  const std::size_t payload = frame_.bytes.size() - Wire::headerSize;
+  storeLittleEndian(frame_.bytes.data(), static_cast<std::uint32_t>(payload));
+  storeLittleEndian(frame_.bytes.data() + 4, static_cast<std::uint32_t>(frame_.endpoints.size()));
+  return std::move(frame_);
+}
+
+void Decoder::malformed() {
+  malformed_ = true;
+  rest_ = {};
+}
+
+std::span<const std::byte> Decoder::take(std::uint64_t length) {
+  if (length > rest_.size()) {
+    malformed();
+    return {};
+  }
+  const auto taken = rest_.first(length);
+  rest_ = rest_.subspan(length);
+  return taken;
+}
+
+std::optional<Wire::Major> Decoder::nextMajor() const {
+  if (rest_.empty()) return std::nullopt;
+  return static_cast<Major>(std::to_integer<std::uint8_t>(rest_[0]) >> majorShift);
+}
+
+std::optional<Decoder::Head> Decoder::head() {
+  const auto first = take(1);
+  if (first.empty()) {
+    malformed();
+    return std::nullopt;
+  }
+  Head head{};
+  head.firstByte = std::to_integer<std::uint8_t>(first[0]);
+  head.major = static_cast<Major>(head.firstByte >> majorShift);
+  const std::uint8_t low = head.firstByte & argumentMask;
+  if (low < oneByteFollows) {
+    head.argument = low;
+  } else if (low < oneByteFollows + 4) {
+    const int width = 1 << (low - oneByteFollows);
+    for (const std::byte byte : take(static_cast<std::uint64_t>(width))) {
+      head.argument = head.argument << 8 | std::to_integer<std::uint64_t>(byte);
+    }
+    // Only the shortest form is well-formed; a real's argument is no number to be shortened.
+    const std::uint64_t least = width == 1 ? oneByteFollows : std::uint64_t{1} << (4 * width);
+    if (head.major != Major::simple && head.argument < least) malformed();
+  } else {
+    malformed();  // indefinite lengths and reserved codes
+  }
+  if (head.major == Major::simple && head.firstByte != Wire::falseByte &&
+      head.firstByte != Wire::trueByte && head.firstByte != Wire::nullByte &&
+      head.firstByte != Wire::realByte) {
+    malformed();
+  }
+  if (malformed_) return std::nullopt;
+  return head;
+}
+
+// What a typed read does with an item of another type.
+void Decoder::passOver(std::span<const std::byte> itemAndRest) {
+  rest_ = itemAndRest;
+  skip();
+  wrongClass();
+}
+
+std::uint64_t Decoder::unsignedInteger() {
+  const auto start = rest_;
+  const auto read = head();
+  if (!read) return 0;
+  if (read->major == Major::unsignedInteger) return read->argument;
+  passOver(start);
+  return 0;
+}
+
+std::string_view Decoder::text() {
+  const auto start = rest_;
+  const auto read = head();
+  if (!read) return {};
+  if (read->major == Major::text) return characters(take(read->argument));
+  passOver(start);
+  return {};
+}
+
+std::size_t Decoder::array() {
+  const auto start = rest_;
+  const auto read = head();
+  if (!read) return 0;
+  if (read->major != Major::array) {
+    passOver(start);
+    return 0;
+  }
+  // Every item takes a byte at least, so a larger count is a lie.
+  if (read->argument > rest_.size()) malformed();
+  return malformed_ ? 0 : read->argument;
+}
+
+bool Decoder::boolean() {
+  const auto start = rest_;
+  const auto read = head();
+  if (!read) return false;
+  if (read->firstByte == Wire::trueByte) return true;
+  if (read->firstByte != Wire::falseByte) passOver(start);
+  return false;
+}
+
+EndpointRef Decoder::endpoint() {
+  const auto start = rest_;
+  const auto read = head();
+  if (!read) return nullptr;
+  if (read->major == Major::tag && read->argument == Wire::endpointTag) {
+    const auto index = head();
+    if (index && index->major == Major::unsignedInteger) return endpointAt(index->argument);
+    malformed();
+    return nullptr;
+  }
+  passOver(start);
+  return nullptr;
+}
+
+bool Decoder::takeNil() {
+  if (rest_.empty() || std::to_integer<std::uint8_t>(rest_[0]) != Wire::nullByte) return false;
+  rest_ = rest_.subspan(1);
+  return true;
+}
+
+void Decoder::skip() { skip(0); }
+
+void Decoder::skip(int depth) {
+  if (depth > Wire::deepestNesting) malformed();
+  const auto read = head();
+  if (!read) return;
+  const std::uint64_t argument = read->argument;
+  switch (read->major) {
+    case Major::negativeInteger:
+      if (argument > mostNegative) malformed();
+      return;
+    case Major::bytes:
+      take(argument);
+      return;
+    case Major::text:
+      if (!Text::isUtf8(characters(take(argument)))) malformed();
+      return;
+    case Major::array:
+      for (std::uint64_t i = 0; i < argument && !malformed_; ++i) skip(depth + 1);
+      return;
+    case Major::map:
+      for (std::uint64_t i = 0; i < argument && !malformed_; ++i) {
+        if (nextMajor() != Major::text) malformed();
+        skip(depth + 1);
+        skip(depth + 1);
+      }
+      return;
+    case Major::tag: {
+      const auto content = head();
+      const bool isDate = argument == Wire::dateTag && content && content->firstByte == Wire::realByte;
+      const bool isEndpoint = argument == Wire::endpointTag && content &&
+                              content->major == Major::unsignedInteger &&
+                              content->argument < descriptors_.size();
+      if (!isDate && !isEndpoint) malformed();
+      return;
+    }
+    case Major::unsignedInteger:
+    case Major::simple:
+      return;
+  }
+}
+
+Value Decoder::value() { return value(0); }
+
+Value Decoder::value(int depth) {
+  if (depth > Wire::deepestNesting) malformed();
+  const auto read = head();
+  if (!read) return {};
+  const std::uint64_t argument = read->argument;
+  switch (read->major) {
+    case Major::unsignedInteger:
+      return argument;
+    case Major::negativeInteger:
+      if (argument > mostNegative) malformed();
+      return static_cast<std::int64_t>(~argument);
+    case Major::bytes: {
+      const auto content = take(argument);
+      return Data(content.begin(), content.end());
+    }
+    case Major::text: {
+      auto text = Text::fromUtf8(std::string(characters(take(argument))));
+      if (!text) malformed();
+      return text ? Value(*std::move(text)) : Value();
+    }
+    case Major::array:
+      return items(argument, depth + 1);
+    case Major::map:
+      return entries(argument, depth + 1);
+    case Major::tag:
+      return tagged(argument, depth + 1);
+    case Major::simple:
+      break;
+  }
+  if (read->firstByte == Wire::realByte) return std::bit_cast<double>(argument);
+  if (read->firstByte == Wire::nullByte) return {};
+  return read->firstByte == Wire::trueByte;
+}
+
+Value::Array Decoder::items(std::uint64_t count, int depth) {
+  Array array;  // grows with what is there, not with what is claimed
+  for (std::uint64_t i = 0; i < count && !malformed_; ++i) array.push_back(value(depth));
+  return array;
+}
+
+Value::Dictionary Decoder::entries(std::uint64_t count, int depth) {
+  Dictionary dictionary;
+  for (std::uint64_t i = 0; i < count && !malformed_; ++i) {
+    const Value key = value(depth);
+    Value item = value(depth);
+    if (!key.asText() || !dictionary.emplace(*key.asText(), std::move(item)).second) malformed();
+  }
+  return dictionary;
+}
+
+Value Decoder::tagged(std::uint64_t tag, int depth) {
+  const Value content = value(depth);
+  if (tag == Wire::dateTag && content.asReal()) return NSDate{*content.asReal()};
+  if (tag == Wire::endpointTag && content.asUnsigned()) return endpointAt(*content.asUnsigned());
+  malformed();
+  return {};
+}
+
+EndpointRef Decoder::endpointAt(std::uint64_t index) {
+  if (index >= descriptors_.size()) {
+    malformed();
+    return nullptr;
+  }
+  // One that is named a second time is gone already, and so no endpoint.
+  EndpointRef endpoint = NSXPCListenerEndpoint::adopt(std::move(descriptors_[index]));
+  if (!endpoint) wrongClass();
+  return endpoint;
+}
+
+void encode(Encoder& encoder, bool boolean) {
+  encoder.simple(boolean ? Wire::trueByte : Wire::falseByte);
+}
+
+void encode(Encoder& encoder, const Text& text) { encoder.text(text.utf8()); }
+
+void encode(Encoder& encoder, const EndpointRef& endpoint) { encoder.endpoint(endpoint); }
+
+void encode(Encoder& encoder, const std::optional<EndpointRef>& endpoint) {
+  encoder.endpoint(endpoint.value_or(nullptr));
+}
+
+void encode(Encoder& encoder, const Value& value) { encode(encoder, value, 0); }
+
+void decode(Decoder& decoder, bool& boolean) { boolean = decoder.boolean(); }
+
+void decode(Decoder& decoder, Text& text) {
+  auto read = Text::fromUtf8(std::string(decoder.text()));
+  if (!read) {
+    decoder.malformed();
+    return;
+  }
+  text = *std::move(read);
+}
+
+void decode(Decoder& decoder, EndpointRef& endpoint) { endpoint = decoder.endpoint(); }
+
+void decode(Decoder& decoder, std::optional<EndpointRef>& endpoint) {
+  endpoint = decoder.takeNil() ? std::nullopt : std::optional(decoder.endpoint());
+}
+
+void decode(Decoder& decoder, Value& value) { value = decoder.value(); }
+
+}  // namespace Platform

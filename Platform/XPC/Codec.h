@@ -1,0 +1,129 @@
+// The codec: values of the interfaces to bytes and back, one encode/decode pair per type.
+//
+// Decoding distinguishes two faults. A payload that is not of the wire's format is malformed, and its
+// connection has no future. A well-formed item of another type than the interface declares is an
+// argument of the wrong class: the message is refused and nothing else happens. After either, decoding
+// goes on without effect, so callers ask once, at the end.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string_view>
+#include <vector>
+
+#include "Platform/Runtime/Text.h"
+#include "Platform/Runtime/UniqueFd.h"
+#include "Platform/Runtime/Value.h"
+#include "Platform/XPC/NSXPCListenerEndpoint.h"
+#include "Platform/XPC/Wire.h"
+
+namespace Platform {
+
+using EndpointRef = std::shared_ptr<NSXPCListenerEndpoint>;
+
+// A frame ready to be sent: header and payload, and the endpoints whose descriptors go beside it.
+struct OutgoingFrame {
+  std::vector<std::byte> bytes;
+  std::vector<EndpointRef> endpoints;
+
+  // False when it is larger than the wire allows.
+  bool isSendable() const;
+};
+
+// A frame as it arrived. What the decoder does not take out of `descriptors` is closed with it.
+struct Frame {
+  std::vector<std::byte> payload;
+  std::vector<UniqueFd> descriptors;
+};
+
+// Writes one frame. A value.
+class Encoder {
+ public:
+  Encoder();
+
+  void head(Wire::Major major, std::uint64_t argument);
+  void bytes(std::span<const std::byte> content);
+  void text(std::string_view utf8);
+  void simple(std::uint8_t firstByte) { frame_.bytes.push_back(std::byte{firstByte}); }
+  void real(double number);
+  void endpoint(const EndpointRef& endpoint);  // nil when null
+
+  OutgoingFrame finish();  // fills in the header
+
+ private:
+  OutgoingFrame frame_;
+};
+
+// Reads one frame's payload, item by item. Owns nothing: the frame must outlive it.
+class Decoder {
+ public:
+  explicit Decoder(Frame& frame) : rest_(frame.payload), descriptors_(frame.descriptors) {}
+
+  bool isMalformed() const { return malformed_; }
+  bool isWrongClass() const { return wrongClass_; }
+  bool isSound() const { return !malformed_ && !wrongClass_; }
+  bool isAtEnd() const { return rest_.empty(); }
+
+  // Each reads one item. An item of another type is passed over and makes the payload wrongClass; the
+  // result is then empty.
+  std::uint64_t unsignedInteger();
+  std::string_view text();  // its bytes, UTF-8 not yet checked; valid as long as the frame
+  std::size_t array();      // the number of items that follow; 0 for another type
+  bool boolean();
+  EndpointRef endpoint();
+  Value value();
+  bool takeNil();  // whether the item is nil, which is then read
+
+  void skip();  // one item, checked in full, without building it
+  void wrongClass() { wrongClass_ = true; }
+  void malformed();
+
+ private:
+  struct Head {
+    Wire::Major major;
+    std::uint8_t firstByte;
+    std::uint64_t argument;  // of a simple value or real: its bits
+  };
+
+  std::optional<Head> head();
+  std::optional<Wire::Major> nextMajor() const;
+  std::span<const std::byte> take(std::uint64_t length);
+  void passOver(std::span<const std::byte> itemAndRest);
+  void skip(int depth);
+  EndpointRef endpointAt(std::uint64_t index);
+  Value value(int depth);
+  Value::Array items(std::uint64_t count, int depth);
+  Value::Dictionary entries(std::uint64_t count, int depth);
+  Value tagged(std::uint64_t tag, int depth);
+
+  std::span<const std::byte> rest_;
+  std::span<UniqueFd> descriptors_;
+  bool malformed_ = false;
+  bool wrongClass_ = false;
+};
+
+// The types that an interface may use. To add one, add its pair here.
+void encode(Encoder& encoder, bool boolean);
+void encode(Encoder& encoder, const Text& text);
+void encode(Encoder& encoder, const EndpointRef& endpoint);
+void encode(Encoder& encoder, const std::optional<EndpointRef>& endpoint);
+// Stops the process for an object that is not an endpoint, and for a value nested too deeply.
+void encode(Encoder& encoder, const Value& value);
+
+void decode(Decoder& decoder, bool& boolean);
+void decode(Decoder& decoder, Text& text);
+void decode(Decoder& decoder, EndpointRef& endpoint);  // nil is of the wrong class
+void decode(Decoder& decoder, std::optional<EndpointRef>& endpoint);
+void decode(Decoder& decoder, Value& value);
+
+// Whether a type may stand in an interface.
+template <class T>
+concept WireType = requires(Encoder& encoder, Decoder& decoder, T& value) {
+  encode(encoder, std::as_const(value));
+  decode(decoder, value);
+};
+
+}  // namespace Platform

@@ -1,0 +1,529 @@
+#include "Platform/XPC/Connection.h"
+
+#include <poll.h>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <iterator>
+#include <utility>
+
+#include "Platform/Runtime/Stop.h"
+#include "Platform/XPC/NamedService.h"
+
+namespace Platform {
+namespace {
+
+constexpr std::size_t bytesPerTurn = 64 << 10;    // what one peer may hand in before others get their turn
+constexpr std::size_t mostUnreadReplies = 256 << 10;  // bytes; then the peer has to read before it may ask
+constexpr auto retryDelay = std::chrono::milliseconds(10);
+
+std::span<std::byte> receiveBuffer() {
+  // Not cleared, so a thread that only ever receives little touches little of it.
+  thread_local const std::unique_ptr<std::byte[]> buffer(new std::byte[bytesPerTurn]);
+  return {buffer.get(), bytesPerTurn};
+}
+
+OutgoingFrame refusalOf(std::uint64_t serial) {
+  Encoder encoder;
+  encoder.head(Wire::Major::array, 2);
+  encoder.head(Wire::Major::unsignedInteger, static_cast<std::uint64_t>(Wire::Kind::refusal));
+  encoder.head(Wire::Major::unsignedInteger, serial);
+  return encoder.finish();
+}
+
+// The way back for one call of the peer.
+class Answer final : public ReplySender {
+ public:
+  Answer(std::uint64_t callSerial, std::weak_ptr<Connection> connection, std::uint64_t linkNumber)
+      : connection_(std::move(connection)), linkNumber_(linkNumber) {
+    serial = callSerial;
+  }
+  ~Answer() override { deliver(refusalOf, serial); }
+
+  void send(OutgoingFrame reply) override {
+    if (!reply.isSendable()) reply = refusalOf(serial);
+    deliver([&](std::uint64_t) { return std::move(reply); }, serial);
+  }
+
+ private:
+  template <class MakeFrame>
+  void deliver(MakeFrame makeFrame, std::uint64_t callSerial) {
+    if (sent_.test_and_set()) return;
+    if (const auto connection = connection_.lock()) {
+      connection->sendAnswer(linkNumber_, makeFrame(callSerial));
+    }
+  }
+
+  const std::weak_ptr<Connection> connection_;  // empty when no answer is expected
+  const std::uint64_t linkNumber_;
+  std::atomic_flag sent_;
+};
+
+struct ConnectVisitor {
+  Connected operator()(const Connection::NamedTarget& target) const {
+    const auto path = namedServicePath(target.service);
+    return path ? connectTo(*path) : Connected{};
+  }
+  Connected operator()(const Connection::EndpointTarget& target) const {
+    return connectTo("/proc/self/fd/" + std::to_string(target.endpoint->descriptor()));
+  }
+  Connected operator()(const Connection::Accepted&) const { return {}; }
+};
+
+}  // namespace
+
+Connection::Connection(Target target, UniqueFd socket)
+    : target_(std::move(target)),
+      queue_(dispatch_queue_create("NSXPCConnection", DISPATCH_QUEUE_SERIAL)) {
+  if (socket.isValid()) link_ = std::make_shared<Link>(++lastLinkNumber_, std::move(socket));
+}
+
+void Connection::exportInterface(NSXPCInterface interface) {
+  const Lock lock(mutex_);
+  exportedInterface_ = interface;
+}
+
+void Connection::exportObject(std::shared_ptr<NSObject> object) {
+  const Lock lock(mutex_);
+  exportedObject_ = std::move(object);
+}
+
+void Connection::setInterruptionHandler(std::function<void()> handler) {
+  const Lock lock(mutex_);
+  interruptionHandler_ = std::move(handler);
+}
+
+void Connection::setInvalidationHandler(std::function<void()> handler) {
+  const Lock lock(mutex_);
+  invalidationHandler_ = std::move(handler);
+}
+
+void Connection::resume(std::shared_ptr<NSXPCConnection> handle) {
+  const Lock lock(mutex_);
+  if (phase_ != Phase::created) return;
+  if (exportedInterface_) implementer_ = exportedInterface_.implementer(exportedObject_.get());
+  // An object without an interface, or one that does not implement it, is a fault of the program.
+  if ((exportedInterface_ || exportedObject_) && !implementer_) stopProcess(ExitStatus::software);
+  phase_ = Phase::open;
+  if (!link_) return;
+  keepAlive_ = std::move(handle);
+  updateInterest();
+  if (!link_->watch) endAll(Error::invalid, true);
+}
+
+void Connection::invalidate() {
+  const Lock lock(mutex_);
+  if (phase_ == Phase::over) return;
+  flush();
+  isSilent_ = true;
+  inbox_.clear();
+  endAll(Error::invalid, true);
+}
+
+void Connection::close() {
+  // What goes is released after the lock: it may lead back here.
+  std::vector<Incoming> inbox;
+  std::unordered_map<std::uint64_t, PendingCall> calls;
+  std::function<void()> interruption;
+  std::function<void()> invalidation;
+  std::shared_ptr<NSObject> exported;
+  const Lock lock(mutex_);
+  flush();
+  isSilent_ = true;
+  phase_ = Phase::over;
+  link_.reset();
+  inbox.swap(inbox_);
+  calls.swap(calls_);
+  interruption.swap(interruptionHandler_);
+  invalidation.swap(invalidationHandler_);
+  exported.swap(exportedObject_);
+}
+
+// Sending
+
+std::optional<Connection::Error> Connection::submit(OutgoingFrame frame) {
+  if (phase_ != Phase::open) return Error::invalid;
+  if (!frame.isSendable()) return Error::refused;
+  if (!link_ && !connecting_ && connect() == ConnectOutcome::refused) {
+    if (isNamed()) return Error::interrupted;
+    endAll(Error::invalid, true);
+    return Error::invalid;
+  }
+  outbox_.append(std::move(frame));
+  return std::nullopt;
+}
+
+ConnectOutcome Connection::connect() {
+  Connected connected = std::visit(ConnectVisitor(), target_);
+  if (connected.outcome == ConnectOutcome::connected && !adoptLink(std::move(connected.socket))) {
+    connected.outcome = ConnectOutcome::tryLater;
+  }
+  connecting_ = connected.outcome == ConnectOutcome::tryLater;
+  if (connecting_) {
+    WorkerPool::shared().after(retryDelay, queue_,
+                               [self = shared_from_this()] { self->retryConnect(); });
+  }
+  return connected.outcome;
+}
+
+bool Connection::adoptLink(UniqueFd socket) {
+  link_ = std::make_shared<Link>(++lastLinkNumber_, std::move(socket));
+  updateInterest();
+  if (link_->watch) return true;
+  link_.reset();
+  return false;
+}
+
+void Connection::retryConnect() {
+  const Lock lock(mutex_);
+  if (phase_ != Phase::open || link_) return;
+  if (connect() == ConnectOutcome::refused) endAll(isNamed() ? Error::interrupted : Error::invalid, !isNamed());
+  flush();
+  for (WaitingCall* call : waiting_) call->wake.notify_one();
+}
+
+// The end of the socket is always of interest; input only when somebody is to be told of it who does
+// not read for himself.
+void Connection::updateInterest() {
+  if (!link_ || phase_ != Phase::open) return;
+  std::uint32_t events = EPOLLRDHUP;
+  const bool hasListener = implementer_ || calls_.size() > waiting_.size();
+  // Interest in input stays once it is there, until a waiting call takes over: changing it costs a call.
+  if (waiting_.empty() && (hasListener || (link_->events & EPOLLIN) != 0)) events |= EPOLLIN;
+  if (writeBlocked_) events |= EPOLLOUT;
+  if (events == link_->events) return;
+  link_->events = events;
+  if (link_->watch) {
+    link_->watch.setEvents(events);
+  } else {
+    link_->watch = WorkerPool::shared().watch(link_->socket.get(), events, weak_from_this());
+  }
+}
+
+void Connection::flush() {
+  if (!link_ || outbox_.isEmpty()) return;
+  const Outbox::Result result = outbox_.flush(link_->socket.get());
+  writeBlocked_ = result == Outbox::Result::blocked;
+  if (result == Outbox::Result::tryLater && !std::exchange(retryScheduled_, true)) {
+    WorkerPool::shared().after(retryDelay, queue_, [self = shared_from_this()] {
+      const Lock lock(self->mutex_);
+      self->retryScheduled_ = false;
+      self->flush();
+    });
+  }
+  if (result == Outbox::Result::broken) {
+    // What the peer sent before it went is still to be read, and then the end.
+    outbox_.clear();
+    hungUp_ = true;
+    scheduleTurn();
+  }
+  if (paused_ && outbox_.waitingBytes() < mostUnreadReplies / 2) {
+    paused_ = false;
+    scheduleTurn();
+  }
+  updateInterest();
+}
+
+void Connection::sendSoon() {
+  if (WorkerPool::isWorker()) {
+    scheduleTurn();
+  } else {
+    flush();
+  }
+}
+
+void Connection::sendMessage(OutgoingFrame frame) {
+  const Lock lock(mutex_);
+  if (!submit(std::move(frame))) sendSoon();
+}
+
+void Connection::sendCall(std::uint64_t serial, OutgoingFrame frame, DecodeReply onReply,
+                          NSXPCErrorHandler onError) {
+  const Lock lock(mutex_);
+  if (const auto error = submit(std::move(frame))) {
+    if (onError) queue_->async([onError, error] { onError(*error); });
+    return;
+  }
+  calls_.emplace(serial, PendingCall{std::move(onReply), std::move(onError)});
+  updateInterest();
+  sendSoon();
+}
+
+void Connection::sendAnswer(std::uint64_t linkNumber, OutgoingFrame frame) {
+  const Lock lock(mutex_);
+  if (!link_ || link_->number != linkNumber) return;
+  outbox_.append(std::move(frame));
+  sendSoon();
+}
+
+// Waiting
+
+std::optional<Connection::Error> Connection::waitForCall(std::uint64_t serial, OutgoingFrame frame,
+                                                         const DecodeReply& onReply) {
+  WaitingCall call;
+  {
+    const WorkerPool::BlockingRegion region;
+    Lock lock(mutex_);
+    if (const auto error = submit(std::move(frame))) return error;
+    calls_.emplace(serial, PendingCall{.onReply = {}, .onError = {}, .waiting = &call});
+    waiting_.push_back(&call);
+    updateInterest();
+    flush();
+    while (!call.isDone()) {
+      if (reading_ || !link_) {
+        call.wake.wait(lock);
+      } else {
+        readForWaitingCall(lock);
+      }
+    }
+    std::erase(waiting_, &call);
+    if (!waiting_.empty()) {
+      waiting_.front()->wake.notify_one();  // somebody has to read
+    } else {
+      updateInterest();
+      if (std::exchange(missedTurn_, false)) scheduleTurn();
+    }
+  }
+  if (call.error) return call.error;
+  Decoder decoder(*call.answer);
+  decoder.array();
+  const bool isReply = decoder.unsignedInteger() == static_cast<std::uint64_t>(Wire::Kind::reply);
+  decoder.unsignedInteger();
+  if (!isReply) return Error::refused;
+  onReply(decoder);
+  return decoder.isSound() && decoder.isAtEnd() ? std::nullopt : std::optional(Error::replyInvalid);
+}
+
+void Connection::readForWaitingCall(Lock& lock) {
+  if (outbox_.isEmpty()) {
+    read(lock, Wait::yes);
+  } else {
+    const std::shared_ptr<Link> link = link_;
+    pollfd socket{link->socket.get(), static_cast<short>(retryScheduled_ ? POLLIN : POLLIN | POLLOUT), 0};
+    const auto patience = retryScheduled_ ? static_cast<int>(retryDelay.count()) : -1;
+    reading_ = true;
+    lock.unlock();
+    ::poll(&socket, 1, patience);
+    lock.lock();
+    reading_ = false;
+    if (link_ != link) return;
+    flush();
+    read(lock, Wait::no);
+  }
+  if (!inbox_.empty()) scheduleTurn();
+}
+
+// Reading
+
+void Connection::ready(std::uint32_t events) {
+  const Lock lock(mutex_);
+  if ((events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0) hungUp_ = true;
+  scheduleTurn();
+}
+
+void Connection::scheduleTurn() {
+  if (std::exchange(turnScheduled_, true)) return;
+  queue_->async([self = shared_from_this()] { self->turn(); });
+}
+
+void Connection::turn() {
+  {
+    Lock lock(mutex_);
+    turnScheduled_ = false;
+    flush();
+    if (link_ && phase_ == Phase::open && read(lock, Wait::no)) scheduleTurn();
+  }
+  deliverInbox();
+}
+
+// One receive. Says whether there may be more.
+bool Connection::read(Lock& lock, Wait wait) {
+  if (reading_) {
+    missedTurn_ = true;
+    return false;
+  }
+  // While an answer of our own is awaited reading goes on, or two peers in backlog would starve.
+  if (outbox_.waitingBytes() > mostUnreadReplies && calls_.empty()) {
+    paused_ = true;
+    return false;
+  }
+  reading_ = true;
+  const std::shared_ptr<Link> link = link_;
+  lock.unlock();
+  const std::span<std::byte> buffer = receiveBuffer();
+  Received received = receive(link->socket.get(), buffer, wait);
+  const bool hadDescriptors = !received.descriptors.empty();
+  const bool isFull = received.bytes == buffer.size();
+  std::vector<Frame> frames;
+  bool isSound = link->frames.feed(buffer.first(received.bytes), std::move(received.descriptors), frames);
+  // All that was sent with these descriptors is here, so a frame must have claimed them.
+  if (!isFull && link->frames.hasUndeclaredDescriptors()) isSound = false;
+  lock.lock();
+  reading_ = false;
+  if (link_ != link) return false;
+  for (Frame& frame : frames) take(std::move(frame), link->number);
+  if (received.outcome == Received::Outcome::ended || !isSound) {
+    endLink(isSound ? Ending::peerGone : Ending::fault);
+    return false;
+  }
+  if (received.outcome == Received::Outcome::nothingYet) {
+    hungUp_ = false;
+    return false;
+  }
+  if (wait == Wait::no && !waiting_.empty()) waiting_.front()->wake.notify_one();
+  // The kernel ends a receive behind descriptors, and the end of the stream brings no event of its own
+  // when it was announced with the last data.
+  return isFull || hadDescriptors || hungUp_;
+}
+
+void Connection::take(Frame frame, std::uint64_t linkNumber) {
+  if (!waiting_.empty()) {
+    Decoder decoder(frame);
+    decoder.array();
+    const auto kind = static_cast<Wire::Kind>(decoder.unsignedInteger());
+    const std::uint64_t serial = decoder.unsignedInteger();
+    if (decoder.isSound() && (kind == Wire::Kind::reply || kind == Wire::Kind::refusal)) {
+      const auto found = calls_.find(serial);
+      if (found != calls_.end() && found->second.waiting) {
+        found->second.waiting->answer = std::move(frame);
+        found->second.waiting->wake.notify_one();
+        calls_.erase(found);
+        return;
+      }
+    }
+  }
+  inbox_.push_back({std::move(frame), linkNumber});
+}
+
+// Delivering
+
+void Connection::deliverInbox() {
+  for (;;) {
+    std::vector<Incoming> arrived;
+    {
+      const Lock lock(mutex_);
+      if (inbox_.empty()) return;
+      arrived.swap(inbox_);
+    }
+    for (Incoming& incoming : arrived) {
+      if (isSilent_) return;
+      if (deliver(incoming)) continue;
+      const Lock lock(mutex_);
+      if (link_ && link_->number == incoming.linkNumber) endLink(Ending::fault);
+      return;
+    }
+  }
+}
+
+// False when the frame is malformed.
+bool Connection::deliver(Incoming& incoming) {
+  Decoder decoder(incoming.frame);
+  const std::size_t count = decoder.array();
+  const std::uint64_t kind = decoder.unsignedInteger();
+  if (!decoder.isSound()) return false;
+  switch (static_cast<Wire::Kind>(kind)) {
+    case Wire::Kind::message:
+      return count == 3 && deliverCall(incoming, decoder, false);
+    case Wire::Kind::call:
+      return count == 4 && deliverCall(incoming, decoder, true);
+    case Wire::Kind::reply:
+      return count == 3 && deliverAnswer(decoder, true);
+    case Wire::Kind::refusal:
+      return count == 2 && deliverAnswer(decoder, false);
+  }
+  return false;
+}
+
+bool Connection::deliverCall(Incoming& incoming, Decoder& decoder, bool expectsAnswer) {
+  const std::uint64_t serial = expectsAnswer ? decoder.unsignedInteger() : 0;
+  const std::string_view selector = decoder.text();
+  if (!decoder.isSound()) return false;
+  const auto answer = std::make_shared<Answer>(
+      serial, expectsAnswer ? weak_from_this() : std::weak_ptr<Connection>(), incoming.linkNumber);
+  // Set before `resume`, and cleared by tasks of this queue.
+  if (implementer_ && exportedInterface_.dispatch(implementer_, selector, decoder, answer)) {
+    if (decoder.isSound()) return true;
+  }
+  if (decoder.isMalformed()) return false;
+  // It is not for us: then it must be well-formed all the same.
+  Decoder whole(incoming.frame);
+  whole.skip();
+  return whole.isSound() && whole.isAtEnd();
+}
+
+bool Connection::deliverAnswer(Decoder& decoder, bool isReply) {
+  const std::uint64_t serial = decoder.unsignedInteger();
+  if (!decoder.isSound()) return false;
+  PendingCall call;
+  {
+    const Lock lock(mutex_);
+    const auto found = calls_.find(serial);
+    // An answer to what was never asked, or was asked before an interruption, is nothing to anybody.
+    if (found == calls_.end() || found->second.waiting) return true;
+    call = std::move(found->second);
+    calls_.erase(found);
+  }
+  if (isReply) {
+    call.onReply(decoder);
+    if (decoder.isSound() && decoder.isAtEnd()) return true;
+  }
+  if (call.onError) call.onError(isReply ? Error::replyInvalid : Error::refused);
+  return !decoder.isMalformed();
+}
+
+// Ending
+
+void Connection::endLink(Ending ending) {
+  const bool isFinal = ending == Ending::fault || !isNamed();
+  if (ending == Ending::fault) {
+    isSilent_ = true;
+    inbox_.clear();
+  }
+  endAll(isFinal ? Error::invalid : Error::interrupted, isFinal);
+}
+
+void Connection::endAll(Error error, bool isFinal) {
+  if (link_) ::shutdown(link_->socket.get(), SHUT_RDWR);  // wakes a thread that reads
+  link_.reset();
+  outbox_.clear();
+  writeBlocked_ = false;
+  paused_ = false;
+  hungUp_ = false;
+  if (isFinal) phase_ = Phase::over;
+  for (WaitingCall* call : waiting_) {
+    if (!call->isDone()) call->error = error;
+    call->wake.notify_one();
+  }
+  // The calls end on the queue, behind what has arrived, and are released there: never under the lock.
+  queue_->async([self = shared_from_this(), calls = std::exchange(calls_, {}), error, isFinal] {
+    self->deliverInbox();
+    for (const auto& [serial, call] : calls) {
+      if (call.onError) call.onError(error);
+    }
+    self->announceEnd(isFinal);
+  });
+}
+
+void Connection::announceEnd(bool isFinal) {
+  std::function<void()> interruption;
+  std::function<void()> invalidation;
+  std::shared_ptr<NSObject> exported;
+  std::shared_ptr<NSXPCConnection> handle;
+  {
+    const Lock lock(mutex_);
+    if (isFinal) {
+      invalidation.swap(invalidationHandler_);
+      interruption.swap(interruptionHandler_);  // released with the rest: it may hold its owner
+      exported.swap(exportedObject_);
+      handle.swap(keepAlive_);
+      implementer_ = nullptr;
+    } else {
+      interruption = interruptionHandler_;
+    }
+  }
+  const auto& handler = isFinal ? invalidation : interruption;
+  if (handler) handler();
+}
+
+}  // namespace Platform

@@ -1,0 +1,64 @@
+#include "Platform/XPC/FrameReader.h"
+
+#include <algorithm>
+#include <iterator>
+
+namespace Platform {
+namespace {
+
+std::size_t loadLittleEndian(const std::byte* bytes) {
+  std::uint32_t number = 0;
+  for (int i = 3; i >= 0; --i) number = number << 8 | std::to_integer<std::uint32_t>(bytes[i]);
+  return number;
+}
+
+// What may wait for the rest of its frame: a whole frame's worth, and one more receive's.
+constexpr std::size_t mostWaitingDescriptors = 2 * Wire::mostDescriptors;
+
+}  // namespace
+
+bool FrameReader::feed(std::span<const std::byte> bytes, std::vector<UniqueFd> descriptors,
+                       std::vector<Frame>& frames) {
+  std::move(descriptors.begin(), descriptors.end(), std::back_inserter(descriptors_));
+  if (descriptors_.size() > mostWaitingDescriptors) return false;
+  for (;;) {
+    if (isInHeader()) {
+      const std::size_t count = std::min(bytes.size(), header_.size() - headerBytes_);
+      std::copy_n(bytes.begin(), count, header_.begin() + static_cast<std::ptrdiff_t>(headerBytes_));
+      bytes = bytes.subspan(count);
+      headerBytes_ += count;
+      if (isInHeader()) return true;
+      if (!readHeader()) return false;
+    }
+    const std::size_t count = std::min(bytes.size(), payloadBytes_ - payload_.size());
+    payload_.insert(payload_.end(), bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(count));
+    bytes = bytes.subspan(count);
+    if (payload_.size() < payloadBytes_) return true;
+    if (!completeFrame(frames)) return false;
+  }
+}
+
+bool FrameReader::readHeader() {
+  payloadBytes_ = loadLittleEndian(header_.data());
+  declaredDescriptors_ = loadLittleEndian(header_.data() + 4);
+  return payloadBytes_ <= Wire::mostPayloadBytes && declaredDescriptors_ <= Wire::mostDescriptors;
+}
+
+bool FrameReader::completeFrame(std::vector<Frame>& frames) {
+  // Descriptors travel with their frame's first bytes, so by now they must be here.
+  if (descriptors_.size() < declaredDescriptors_) return false;
+  Frame& frame = frames.emplace_back();
+  frame.payload.swap(payload_);
+  const auto end = descriptors_.begin() + static_cast<std::ptrdiff_t>(declaredDescriptors_);
+  frame.descriptors.assign(std::make_move_iterator(descriptors_.begin()), std::make_move_iterator(end));
+  descriptors_.erase(descriptors_.begin(), end);
+  headerBytes_ = 0;
+  return true;
+}
+
+bool FrameReader::hasUndeclaredDescriptors() const {
+  if (headerBytes_ == 0) return !descriptors_.empty();
+  return !isInHeader() && descriptors_.size() > declaredDescriptors_;
+}
+
+}  // namespace Platform

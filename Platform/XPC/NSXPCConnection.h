@@ -1,0 +1,168 @@
+// NSXPCConnection: a connection between two processes, over which each may call methods of an object
+// that the other exports.
+//
+// A connection delivers its peer's messages on a serial queue of its own, in the order in which they
+// were sent; different connections run concurrently. Reply blocks and handlers run on that queue too.
+// Calls through a waiting proxy return when the answer is there; the calling thread reads the
+// connection itself meanwhile, so waiting is safe on any thread, also inside a handler of this very
+// connection.
+//
+// How it ends: an interruption means that the service behind a named connection went away; the same
+// object connects anew with the next message. An invalidation is final: the peer of an endpoint's or an
+// accepted connection is gone, it broke the wire's rules, or `invalidate` was called. Calls that wait
+// for an answer fail at once in both cases.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <utility>
+
+#include "Platform/Runtime/NSObject.h"
+#include "Platform/Runtime/Text.h"
+#include "Platform/XPC/NSXPCInterface.h"
+#include "Platform/XPC/NSXPCListenerEndpoint.h"
+
+namespace Platform {
+
+class Connection;
+template <class Interface>
+class RemoteProxy;
+
+enum class NSXPCConnectionError {
+  interrupted,   // the service is not there, or went away before it answered
+  invalid,       // the connection is over, or was never resumed
+  refused,       // the peer knows no such message, did not like its arguments, or dropped the reply block
+  replyInvalid,  // the answer is not of the interface's types
+};
+
+using NSXPCErrorHandler = std::function<void(NSXPCConnectionError)>;
+
+// All methods: any thread. Everything but `resume`, `invalidate` and the proxies is set up before
+// `resume`. An accepted connection is kept alive by the layer until its peer goes; any other by its
+// owners and proxies. When the last reference goes the connection closes, and blocks and handlers are
+// dropped uncalled.
+class NSXPCConnection final : public NSObject {
+ public:
+  // To the named service. It need not be there yet: a connection is made with the first message.
+  static std::shared_ptr<NSXPCConnection> initWithMachServiceName(const Text& name);
+  // To the listener behind the endpoint. The endpoint must not be null.
+  static std::shared_ptr<NSXPCConnection> initWithListenerEndpoint(
+      std::shared_ptr<NSXPCListenerEndpoint> endpoint);
+  // For the layer's own use.
+  explicit NSXPCConnection(std::shared_ptr<Connection> connection);
+  ~NSXPCConnection() override;
+
+  // What the peer may call, and on what. Both or neither; the object must implement the interface.
+  void setExportedInterface(NSXPCInterface interface);
+  void setExportedObject(std::shared_ptr<NSObject> object);
+
+  void setInterruptionHandler(std::function<void()> handler);
+  void setInvalidationHandler(std::function<void()> handler);
+
+  // Until then nothing is delivered and calls fail. Once.
+  void resume();
+  // Ends the connection; its invalidation handler is called. Messages sent before may be lost.
+  void invalidate();
+
+  // The peer's exported object. Of each call's reply block and error handler, one is called, once.
+  // Messages without a reply block are sent and forgotten. The proxy keeps the connection alive.
+  template <class Interface>
+  std::shared_ptr<Interface> remoteObjectProxyWithErrorHandler(NSXPCErrorHandler handler) {
+    return proxy<Interface>(Waiting::no, std::move(handler));
+  }
+  template <class Interface>
+  std::shared_ptr<Interface> remoteObjectProxy() {
+    return proxy<Interface>(Waiting::no, {});
+  }
+  // The same, with calls that return after the reply block or error handler has been called, on the
+  // calling thread.
+  template <class Interface>
+  std::shared_ptr<Interface> synchronousRemoteObjectProxyWithErrorHandler(NSXPCErrorHandler handler) {
+    return proxy<Interface>(Waiting::yes, std::move(handler));
+  }
+
+ private:
+  template <class Interface>
+  friend class RemoteProxy;
+  enum class Waiting { no, yes };
+  using DecodeReply = std::function<void(Decoder&)>;
+
+  template <class Interface>
+  std::shared_ptr<Interface> proxy(Waiting waiting, NSXPCErrorHandler handler) {
+    auto self = std::static_pointer_cast<NSXPCConnection>(shared_from_this());
+    return std::make_shared<typename Interface::Proxy>(std::move(self), waiting == Waiting::yes,
+                                                       std::move(handler));
+  }
+
+  static Encoder beginMessage(std::string_view selector);
+  Encoder beginCall(std::string_view selector, std::uint64_t& serial);
+  void sendMessage(OutgoingFrame frame);
+  void sendCall(std::uint64_t serial, OutgoingFrame frame, DecodeReply onReply,
+                NSXPCErrorHandler onError);
+  // None when there is an answer, which `onReply` has been given.
+  std::optional<NSXPCConnectionError> waitForCall(std::uint64_t serial, OutgoingFrame frame,
+                                                  const DecodeReply& onReply);
+
+  const std::shared_ptr<Connection> connection_;
+};
+
+// What the proxies of all interfaces have in common; see NSXPCInterface.h for how one is written.
+template <class Interface>
+class RemoteProxy : public Interface {
+ public:
+  RemoteProxy(std::shared_ptr<NSXPCConnection> connection, bool waits, NSXPCErrorHandler onError)
+      : connection_(std::move(connection)), waits_(waits), onError_(std::move(onError)) {}
+
+ protected:
+  template <auto Member, class... Arguments>
+  void send(const Arguments&... arguments) {
+    using Traits = Detail::MethodTraits<decltype(Member)>;
+    static_assert(std::is_same_v<typename Traits::ArgumentTuple, std::tuple<Arguments...>>,
+                  "a proxy's method passes on its own arguments, in order");
+    constexpr std::string_view selector = Interface::protocol().template selectorOf<Member>();
+    const auto all = std::tie(arguments...);
+    if constexpr (Traits::hasReply) {
+      std::uint64_t serial;
+      Encoder encoder = connection_->beginCall(selector, serial);
+      encodeValues<Traits::valueCount>(encoder, all);
+      call(serial, encoder.finish(), std::get<Traits::valueCount>(all));
+    } else {
+      Encoder encoder = NSXPCConnection::beginMessage(selector);
+      encodeValues<Traits::valueCount>(encoder, all);
+      connection_->sendMessage(encoder.finish());
+    }
+  }
+
+ private:
+  template <std::size_t Count, class Tuple>
+  static void encodeValues(Encoder& encoder, const Tuple& all) {
+    encoder.head(Wire::Major::array, Count);
+    [&]<std::size_t... I>(std::index_sequence<I...>) {
+      (encode(encoder, std::get<I>(all)), ...);
+    }(std::make_index_sequence<Count>());
+  }
+
+  template <class... Values>
+  void call(std::uint64_t serial, OutgoingFrame frame, const Reply<Values...>& reply) {
+    using Tuple = std::tuple<std::remove_cvref_t<Values>...>;
+    const auto onReply = [reply](Decoder& decoder) {
+      Tuple values;
+      if (decoder.array() != std::tuple_size_v<Tuple>) decoder.wrongClass();
+      std::apply([&](auto&... value) { (decode(decoder, value), ...); }, values);
+      if (!decoder.isSound() || !decoder.isAtEnd() || !reply) return;
+      std::apply([&](auto&... value) { reply(std::move(value)...); }, values);
+    };
+    if (!waits_) {
+      connection_->sendCall(serial, std::move(frame), onReply, onError_);
+    } else if (const auto error = connection_->waitForCall(serial, std::move(frame), onReply)) {
+      if (onError_) onError_(*error);
+    }
+  }
+
+  const std::shared_ptr<NSXPCConnection> connection_;
+  const bool waits_;
+  const NSXPCErrorHandler onError_;
+};
+
+}  // namespace Platform

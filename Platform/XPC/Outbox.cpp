@@ -1,0 +1,109 @@
+#include "Platform/XPC/Outbox.h"
+
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <iterator>
+
+namespace Platform {
+namespace {
+
+// Descriptors under way count against the user, and past the limit nobody of that user can send any. A
+// peer that stops reading must not hold many: few go in one call, and once a connection has sent some,
+// its socket buffer is made small. Neither costs throughput.
+constexpr std::size_t mostDescriptorsPerSend = 32;
+constexpr std::size_t descriptorsBeforeSmallBuffer = 64;
+constexpr int smallBuffer = 16 << 10;
+
+constexpr std::size_t keptBytes = 512;       // what an idle connection may hold on to
+constexpr std::size_t compactAfter = 1 << 20;  // sent bytes that may stay in front of waiting ones
+
+}  // namespace
+
+void Outbox::append(OutgoingFrame frame) {
+  if (!frame.endpoints.empty()) carriers_.push_back({bytes_.size(), std::move(frame.endpoints)});
+  if (bytes_.empty()) {
+    bytes_ = std::move(frame.bytes);
+  } else {
+    bytes_.insert(bytes_.end(), frame.bytes.begin(), frame.bytes.end());
+  }
+}
+
+Outbox::Result Outbox::flush(int socket) {
+  while (!isEmpty()) {
+    // Take whole carriers until the next would make it too many descriptors; its bytes must then stay
+    // behind as well, since descriptors go no later than the first byte of their frame.
+    int descriptors[Wire::mostDescriptors];
+    std::size_t count = 0;
+    std::size_t end = bytes_.size();
+    std::size_t next = carriersSent_;
+    for (; next < carriers_.size(); ++next) {
+      const Carrier& carrier = carriers_[next];
+      if (count != 0 && count + carrier.endpoints.size() > mostDescriptorsPerSend) {
+        end = carrier.start;
+        break;
+      }
+      for (const EndpointRef& endpoint : carrier.endpoints) {
+        descriptors[count++] = endpoint->descriptor();
+      }
+    }
+
+    iovec bytes{bytes_.data() + sent_, end - sent_};
+    msghdr message{};
+    message.msg_iov = &bytes;
+    message.msg_iovlen = 1;
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof descriptors)];
+    if (count != 0) {
+      if (!bufferIsSmall_ && descriptorsSent_ + count > descriptorsBeforeSmallBuffer) {
+        ::setsockopt(socket, SOL_SOCKET, SO_SNDBUF, &smallBuffer, sizeof smallBuffer);
+        bufferIsSmall_ = true;
+      }
+      message.msg_control = control;
+      message.msg_controllen = CMSG_SPACE(count * sizeof(int));
+      cmsghdr* const header = CMSG_FIRSTHDR(&message);
+      header->cmsg_level = SOL_SOCKET;
+      header->cmsg_type = SCM_RIGHTS;
+      header->cmsg_len = CMSG_LEN(count * sizeof(int));
+      std::memcpy(CMSG_DATA(header), descriptors, count * sizeof(int));
+    }
+    const ssize_t sent = ::sendmsg(socket, &message, MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (sent < 0) {
+      if (errno == EINTR) continue;
+      dropSent();
+      if (errno == EAGAIN) return Result::blocked;
+      return errno == ETOOMANYREFS ? Result::tryLater : Result::broken;
+    }
+    // A partial send has sent all its descriptors.
+    sent_ += static_cast<std::size_t>(sent);
+    descriptorsSent_ += count;
+    for (; carriersSent_ < next; ++carriersSent_) carriers_[carriersSent_].endpoints.clear();
+  }
+  dropSent();
+  return Result::done;
+}
+
+void Outbox::dropSent() {
+  if (isEmpty()) {
+    clear();
+    return;
+  }
+  if (sent_ < compactAfter) return;
+  bytes_.erase(bytes_.begin(), bytes_.begin() + static_cast<std::ptrdiff_t>(sent_));
+  carriers_.erase(carriers_.begin(), carriers_.begin() + static_cast<std::ptrdiff_t>(carriersSent_));
+  for (Carrier& carrier : carriers_) carrier.start -= sent_;
+  sent_ = 0;
+  carriersSent_ = 0;
+}
+
+void Outbox::clear() {
+  if (bytes_.capacity() > keptBytes) bytes_ = {};
+  if (carriers_.capacity() * sizeof(Carrier) > keptBytes) carriers_ = {};
+  bytes_.clear();
+  carriers_.clear();
+  sent_ = 0;
+  carriersSent_ = 0;
+}
+
+}  // namespace Platform

@@ -1,0 +1,113 @@
+#include "Platform/XPC/Socket.h"
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "Platform/XPC/Wire.h"
+
+namespace Platform {
+namespace {
+
+constexpr int longestQueue = 4096;
+
+sockaddr_un addressOf(const std::string& path) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  path.copy(address.sun_path, sizeof address.sun_path - 1);
+  return address;
+}
+
+UniqueFd newSocket(int flags) {
+  return UniqueFd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | flags, 0));
+}
+
+}  // namespace
+
+Received receive(int socket, std::span<std::byte> buffer, Wait wait) {
+  Received received;
+  iovec bytes{buffer.data(), buffer.size()};
+  alignas(cmsghdr) char control[CMSG_SPACE(Wire::mostDescriptors * sizeof(int))];
+  msghdr message{};
+  message.msg_iov = &bytes;
+  message.msg_iovlen = 1;
+  message.msg_control = control;
+  message.msg_controllen = sizeof control;
+  ssize_t count;
+  do {
+    count = ::recvmsg(socket, &message, MSG_CMSG_CLOEXEC | (wait == Wait::no ? MSG_DONTWAIT : 0));
+  } while (count < 0 && errno == EINTR);
+  if (count < 0 && errno == EAGAIN) {
+    received.outcome = Received::Outcome::nothingYet;
+    return received;
+  }
+  if (count < 0) return received;
+  for (cmsghdr* header = CMSG_FIRSTHDR(&message); header; header = CMSG_NXTHDR(&message, header)) {
+    if (header->cmsg_level != SOL_SOCKET || header->cmsg_type != SCM_RIGHTS) continue;
+    const std::size_t descriptors = (header->cmsg_len - CMSG_LEN(0)) / sizeof(int);
+    for (std::size_t i = 0; i < descriptors; ++i) {
+      int descriptor;
+      std::memcpy(&descriptor, CMSG_DATA(header) + i * sizeof(int), sizeof descriptor);
+      received.descriptors.emplace_back(descriptor);
+    }
+  }
+  if (count == 0 || (message.msg_flags & MSG_CTRUNC) != 0) return received;
+  received.outcome = Received::Outcome::data;
+  received.bytes = static_cast<std::size_t>(count);
+  return received;
+}
+
+Connected connectTo(const std::string& path) {
+  Connected result;
+  if (!fitsSocketAddress(path)) return result;
+  UniqueFd socket = newSocket(SOCK_NONBLOCK);
+  if (!socket.isValid()) {
+    result.outcome = ConnectOutcome::tryLater;
+    return result;
+  }
+  const sockaddr_un address = addressOf(path);
+  while (::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+    if (errno == EINTR) continue;
+    if (errno == EAGAIN) result.outcome = ConnectOutcome::tryLater;
+    return result;
+  }
+  // From here on each call says for itself whether it waits.
+  ::fcntl(socket.get(), F_SETFL, O_RDWR);
+  result.outcome = ConnectOutcome::connected;
+  result.socket = std::move(socket);
+  return result;
+}
+
+UniqueFd bindTo(const std::string& path) {
+  UniqueFd socket = newSocket(SOCK_NONBLOCK);
+  const sockaddr_un address = addressOf(path);
+  if (!fitsSocketAddress(path) || !socket.isValid() ||
+      ::bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+    return {};
+  }
+  // The folder is private already; the mode says it again for whoever looks at the socket alone.
+  if (::chmod(path.c_str(), 0600) != 0) {
+    ::unlink(path.c_str());
+    return {};
+  }
+  return socket;
+}
+
+bool fitsSocketAddress(const std::string& path) {
+  return path.size() < sizeof(sockaddr_un::sun_path) && path.find('\0') == std::string::npos;
+}
+
+bool listenOn(int socket) { return ::listen(socket, longestQueue) == 0; }
+
+bool isPeerOfThisUser(int socket) {
+  ucred peer{};
+  socklen_t size = sizeof peer;
+  return ::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 && peer.uid == ::geteuid();
+}
+
+}  // namespace Platform

@@ -1,0 +1,72 @@
+// EndPointHandler: an application's handle on its link to the agent.
+//
+//   const auto agent = EndPointHandler::initWithServiceName(agentAppBundleIdentifier);
+//   agent->connect();
+//   agent->registerEndpoint(listener->endpoint(), "notes"_text);
+//
+// The agent need not run yet: a connection is made with the first message, and made anew when the agent
+// was away. Destroying a handle sends nothing.
+#pragma once
+
+#include <memory>
+#include <optional>
+
+#include "Platform/Runtime/Text.h"
+#include "Platform/XPC/NSXPCConnection.h"
+#include "Shared/EndPointHandling.h"
+
+namespace Gantrel_Sync_Helper {
+
+// Set up on one thread; then the messages may be sent from any.
+class EndPointHandler {
+ public:
+  // Told, on the connection's queue, when a call with a reply block ends without its answer.
+  using ErrorBlock = Platform::NSXPCErrorHandler;
+
+  EndPointHandler() = default;
+  EndPointHandler(const EndPointHandler&) = delete;
+  EndPointHandler& operator=(const EndPointHandler&) = delete;
+  // Releases the three fields in the order of their declaration, and nothing else happens: a connection
+  // that somebody else holds stays usable.
+  virtual ~EndPointHandler();
+
+  static std::shared_ptr<EndPointHandler> initWithServiceName(Platform::Text serviceName);
+
+  // The name of the agent's service, which is its bundle identifier. Reading it, or the connection,
+  // before it is set stops the process.
+  virtual const Platform::Text& serviceName() const;
+  virtual void setServiceName(std::optional<Platform::Text> serviceName);
+  virtual const std::shared_ptr<Platform::NSXPCConnection>& agentConnection() const;
+  virtual void setAgentConnection(std::shared_ptr<Platform::NSXPCConnection> connection);
+  // Null until `connect`, unless one is set. The messages are sent to it.
+  virtual const std::shared_ptr<EndPointHandling>& remoteObjectProxy() const;
+  virtual void setRemoteObjectProxy(std::shared_ptr<EndPointHandling> proxy);
+
+  // Sets up connection and proxy for the service named `serviceName`.
+  void connect(ErrorBlock onError = {});
+
+  // The messages of EndPointHandling. Of the reply block and the error block one is called. Without a
+  // proxy they do nothing.
+  void registerEndpoint(const Platform::EndpointRef& endpoint, const Platform::Text& identifier,
+                        Platform::Reply<bool> reply);
+  void retrieveEndpoint(const Platform::Text& identifier,
+                        Platform::Reply<std::optional<Platform::EndpointRef>> reply);
+  void removeEndpoint(const Platform::Text& identifier);
+
+  // The same, waiting for the answer on the calling thread, which may be any. None when there is no
+  // answer: the agent is not there or went away, or the handle is not connected. They use
+  // `agentConnection`.
+  std::optional<bool> registerEndpoint(const Platform::EndpointRef& endpoint,
+                                       const Platform::Text& identifier);
+  // The inner value is null when nothing is stored under the identifier.
+  std::optional<Platform::EndpointRef> retrieveEndpoint(const Platform::Text& identifier);
+
+ private:
+  std::shared_ptr<EndPointHandling> waitingProxy() const;
+
+  std::optional<Platform::Text> serviceName_;
+  std::shared_ptr<Platform::NSXPCConnection> agentConnection_;
+  std::shared_ptr<EndPointHandling> remoteObjectProxy_;
+};
+
+}  // namespace Gantrel_Sync_Helper
