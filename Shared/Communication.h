@@ -11,8 +11,8 @@ class Communication {
 
   virtual void openMeetingWithId(Platform::Text identifier) = 0;
   virtual void createNewMeeting() = 0;
-  // Hands the upcoming meetings to the reply block, as a value of any kind. The example applications
-  // answer an array of dictionaries; see Examples/Meetings.h.
+  // Hands the upcoming meetings to the reply block, as a value of any kind. The example
+  // applications answer an array of dictionaries; see Examples/Meetings.h.
   virtual void fetchUpcomingMeetings(Platform::Reply<Platform::Value> reply) = 0;
   virtual void displaySyncing() = 0;
   virtual void displayNotSyncing() = 0;
@@ -20,12 +20,12 @@ class Communication {
   class Proxy;
   static consteval auto protocol() {
     using Platform::method;
-    return Platform::Protocol("Communication",
-                              method<&Communication::openMeetingWithId>("openMeetingWithId:"),
-                              method<&Communication::createNewMeeting>("createNewMeeting"),
-                              method<&Communication::fetchUpcomingMeetings>("fetchUpcomingMeetings:"),
-                              method<&Communication::displaySyncing>("displaySyncing"),
-                              method<&Communication::displayNotSyncing>("displayNotSyncing"));
+    return Platform::Protocol(
+        "Communication", method<&Communication::openMeetingWithId>("openMeetingWithId:"),
+        method<&Communication::createNewMeeting>("createNewMeeting"),
+        method<&Communication::fetchUpcomingMeetings>("fetchUpcomingMeetings:"),
+        method<&Communication::displaySyncing>("displaySyncing"),
+        method<&Communication::displayNotSyncing>("displayNotSyncing"));
   }
 };
 

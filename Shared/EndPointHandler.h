@@ -4,8 +4,8 @@
 //   agent->connect();
 //   agent->registerEndpoint(listener->endpoint(), "notes"_text);
 //
-// The agent need not run yet: a connection is made with the first message, and made anew when the agent
-// was away. Destroying a handle sends nothing.
+// The agent need not run yet: a connection is made with the first message, and made anew when the
+// agent was away. Destroying a handle sends nothing.
 #pragma once
 
 #include <memory>
@@ -26,8 +26,8 @@ class EndPointHandler {
   EndPointHandler() = default;
   EndPointHandler(const EndPointHandler&) = delete;
   EndPointHandler& operator=(const EndPointHandler&) = delete;
-  // Releases the three fields in the order of their declaration, and nothing else happens: a connection
-  // that somebody else holds stays usable.
+  // Releases the three fields in the order of their declaration, and nothing else happens: a
+  // connection that somebody else holds stays usable.
   virtual ~EndPointHandler();
 
   static std::shared_ptr<EndPointHandler> initWithServiceName(Platform::Text serviceName);
@@ -45,8 +45,8 @@ class EndPointHandler {
   // Sets up connection and proxy for the service named `serviceName`.
   void connect(ErrorBlock onError = {});
 
-  // The messages of EndPointHandling. Of the reply block and the error block one is called. Without a
-  // proxy they do nothing.
+  // The messages of EndPointHandling. Of the reply block and the error block one is called. Without
+  // a proxy they do nothing.
   void registerEndpoint(const Platform::EndpointRef& endpoint, const Platform::Text& identifier,
                         Platform::Reply<bool> reply);
   void retrieveEndpoint(const Platform::Text& identifier,

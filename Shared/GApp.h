@@ -1,4 +1,5 @@
-// GApp: the product's three applications, and the bundle identifiers under which the system knows them.
+// GApp: the product's three applications, and the bundle identifiers under which the system knows
+// them.
 #pragma once
 
 #include <cstddef>
@@ -15,8 +16,8 @@ extern const Platform::Text agentAppBundleIdentifier;
 
 enum class GApp : std::int64_t { main, menu, agent };
 
-// The bundle identifier of an application that a user sees. Asked for the agent's, it stops the process
-// with a fatal-error report: code that needs that one reads agentAppBundleIdentifier.
+// The bundle identifier of an application that a user sees. Asked for the agent's, it stops the
+// process with a fatal-error report: code that needs that one reads agentAppBundleIdentifier.
 const Platform::Text& bundleIdentifier(GApp app);
 
 }  // namespace Gantrel_Sync_Helper

@@ -20,7 +20,9 @@ void DispatchQueue::async(Task task) {
   WorkerPool::shared().enqueue(shared_from_this());
 }
 
-bool DispatchQueue::isCurrent() const { return currentQueue == this; }
+bool DispatchQueue::isCurrent() const {
+  return currentQueue == this;
+}
 
 bool DispatchQueue::runWaitingTasks() {
   std::vector<Task> tasks;
@@ -48,6 +50,8 @@ dispatch_queue_t dispatch_queue_create(std::string label, DispatchQueueAttribute
   return std::make_shared<DispatchQueue>(std::move(label));
 }
 
-void dispatch_async(const dispatch_queue_t& queue, Task task) { queue->async(std::move(task)); }
+void dispatch_async(const dispatch_queue_t& queue, Task task) {
+  queue->async(std::move(task));
+}
 
 }  // namespace Platform

@@ -27,7 +27,7 @@ constexpr std::size_t mostWorkers = 512;
 constexpr std::uint64_t wakeKey = 0;
 
 struct Worker {
-  int regions = 0;             // BlockingRegions alive on this thread; only it reads and writes
+  int regions = 0;              // BlockingRegions alive on this thread; only it reads and writes
   std::uint64_t busySince = 0;  // the keeper's period in which its task began; 0: not in a task
   bool countedAsBlocked = false;
 };
@@ -202,7 +202,9 @@ WorkerPool& WorkerPool::shared() {
   return *instance;
 }
 
-bool WorkerPool::isWorker() { return thisWorker != nullptr; }
+bool WorkerPool::isWorker() {
+  return thisWorker != nullptr;
+}
 
 void WorkerPool::enqueue(std::shared_ptr<DispatchQueue> queue) {
   const std::lock_guard lock(state_->mutex);
@@ -264,7 +266,9 @@ Watch& Watch::operator=(Watch&& other) noexcept {
   return *this;
 }
 
-Watch::~Watch() { end(); }
+Watch::~Watch() {
+  end();
+}
 
 void Watch::setEvents(std::uint32_t events) {
   epoll_event event{.events = events | EPOLLET, .data = {.u64 = key_}};

@@ -1,18 +1,20 @@
 // WorkerPool: the threads behind all serial queues and all descriptors of the process.
 //
-// Every worker does the same: it takes the queue that stands first in line and runs its tasks; when no
-// queue is in line it waits for a descriptor to become ready, all workers on one epoll instance. The
-// kernel wakes exactly one of them for an event, and that thread then does everything the event leads
-// to: what a task appends to another queue is run by the same worker next, without waking anybody.
-// So a request costs no switch between threads, while events that come meanwhile go to other workers.
+// Every worker does the same: it takes the queue that stands first in line and runs its tasks; when
+// no queue is in line it waits for a descriptor to become ready, all workers on one epoll instance.
+// The kernel wakes exactly one of them for an event, and that thread then does everything the event
+// leads to: what a task appends to another queue is run by the same worker next, without waking
+// anybody. So a request costs no switch between threads, while events that come meanwhile go to
+// other workers.
 //
-// A task may block, in two ways. In a call of this layer it says so (BlockingRegion), and another worker
-// takes over at once. In anything else, the keeper notices: a thread that sleeps on a timer, which is
-// armed only while there is work, and that brings in another worker when one has been in the same
-// task for a whole period while something waited. At rest there is no timer and no system call.
+// A task may block, in two ways. In a call of this layer it says so (BlockingRegion), and another
+// worker takes over at once. In anything else, the keeper notices: a thread that sleeps on a timer,
+// which is armed only while there is work, and that brings in another worker when one has been in
+// the same task for a whole period while something waited. At rest there is no timer and no system
+// call.
 //
-// Why not a library's event loop: one that shares its reactor among threads by handing it on wakes a
-// second thread for each event, which on a loaded core costs as much as the whole request.
+// Why not a library's event loop: one that shares its reactor among threads by handing it on wakes
+// a second thread for each event, which on a loaded core costs as much as the whole request.
 #pragma once
 
 #include <chrono>
@@ -27,8 +29,8 @@ namespace Platform {
 // What is told when a descriptor becomes ready.
 class ReadinessHandler {
  public:
-  // `events` as of epoll_wait(2), edge-triggered. Any worker, possibly several at once: implementations
-  // only put a task on a queue of theirs.
+  // `events` as of epoll_wait(2), edge-triggered. Any worker, possibly several at once:
+  // implementations only put a task on a queue of theirs.
   virtual void ready(std::uint32_t events) = 0;
 
  protected:

@@ -10,7 +10,9 @@
 namespace Platform {
 namespace {
 
-bool isPlain(char c) { return c >= 0x20 && c < 0x7F && c != '\\'; }
+bool isPlain(char c) {
+  return c >= 0x20 && c < 0x7F && c != '\\';
+}
 
 void appendCode(std::string& out, const char* format, unsigned code) {
   char buffer[16];

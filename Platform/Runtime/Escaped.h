@@ -1,5 +1,5 @@
-// Making text safe to show. Text that came from outside may hold anything: line breaks that forge log
-// lines, sequences that command a terminal, marks that turn the reading direction around.
+// Making text safe to show. Text that came from outside may hold anything: line breaks that forge
+// log lines, sequences that command a terminal, marks that turn the reading direction around.
 #pragma once
 
 #include <string>

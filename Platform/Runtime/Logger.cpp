@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <cstdio>
@@ -190,19 +191,18 @@ Logger& Logger::sharedInstance() {
   return *instance;
 }
 
-void Logger::info(const Text& message, std::string_view sourceFile, std::string_view function,
+void Logger::info(std::string_view message, std::string_view sourceFile, std::string_view function,
                   unsigned line) {
   const auto now = std::chrono::system_clock::now();
   const std::lock_guard lock(state_->mutex);
   Batch& waiting = state_->waiting;
-  const std::string& bytes = message.utf8();
   if (waiting.dropped != 0 ||
-      (!waiting.records.empty() && waiting.messages.size() + bytes.size() > bufferLimit)) {
+      (!waiting.records.empty() && waiting.messages.size() + message.size() > bufferLimit)) {
     ++waiting.dropped;
     return;
   }
-  waiting.messages += bytes;
-  waiting.records.push_back({now, bytes.size(), sourceFile, function, line});
+  waiting.messages += message;
+  waiting.records.push_back({now, message.size(), sourceFile, function, line});
   if (!state_->writerStarted) {
     state_->writerStarted =
         startBackgroundThread("gantrel-log", [state = state_] { state->writeForever(); });

@@ -9,11 +9,7 @@
 // characters escaped and the time in UTC.
 #pragma once
 
-#include <chrono>
-#include <memory>
 #include <string_view>
-
-#include "Platform/Runtime/Text.h"
 
 namespace Platform {
 
@@ -23,8 +19,9 @@ class Logger {
   // The one logger of the process. It is never destroyed: threads may log until the very end.
   static Logger& sharedInstance();
 
-  // `sourceFile` and `function` must live as long as the process, as literals do.
-  void info(const Text& message, std::string_view sourceFile, std::string_view function,
+  // `message` is UTF-8. `sourceFile` and `function` must live as long as the process, as literals
+  // do.
+  void info(std::string_view message, std::string_view sourceFile, std::string_view function,
             unsigned line);
 
   // Returns when all that was logged before is written, or after a second when the destination is

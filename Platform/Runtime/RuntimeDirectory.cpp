@@ -24,14 +24,15 @@ std::string base() {
 // Empty when `path` is a directory that only this user can enter.
 std::string problemWith(const std::string& path) {
   const std::string shown = escaped(path);
-  const UniqueFd directory(
-      ::open(path.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  const UniqueFd directory(::open(path.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   struct stat status {};
   if (!directory.isValid() || ::fstat(directory.get(), &status) != 0) {
     return "the runtime directory " + shown + " cannot be used: " + std::strerror(errno);
   }
-  if (status.st_uid != ::geteuid()) return "the runtime directory " + shown + " belongs to another user";
-  if ((status.st_mode & 077) != 0) return "the runtime directory " + shown + " is open to other users";
+  if (status.st_uid != ::geteuid())
+    return "the runtime directory " + shown + " belongs to another user";
+  if ((status.st_mode & 077) != 0)
+    return "the runtime directory " + shown + " is open to other users";
   if (::faccessat(AT_FDCWD, path.c_str(), W_OK | X_OK, AT_EACCESS) != 0) {
     return "the runtime directory " + shown + " is not writable";
   }

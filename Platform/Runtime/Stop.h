@@ -24,6 +24,7 @@ enum class ExitStatus : int {
 
 // The same for an initialiser that must not be called:
 // "fatal error: unimplemented initialiser "INITIALISER" of class "CLASS"".
-[[noreturn]] void unimplementedInitialiser(std::string_view initialiser, std::string_view className);
+[[noreturn]] void unimplementedInitialiser(std::string_view initialiser,
+                                           std::string_view className);
 
 }  // namespace Platform

@@ -135,14 +135,18 @@ Text::Text(std::string validUtf8) : bytes_(std::move(validUtf8)) {
   hash_ = std::hash<std::string>{}(this->canonical());
 }
 
-bool Text::isUtf8(std::string_view bytes) { return isUtf8From(bytes, asciiPrefixLength(bytes)); }
+bool Text::isUtf8(std::string_view bytes) {
+  return isUtf8From(bytes, asciiPrefixLength(bytes));
+}
 
 std::optional<Text> Text::fromUtf8(std::string bytes) {
   if (!isUtf8(bytes)) return std::nullopt;
   return Text(std::move(bytes));
 }
 
-Text operator+(const Text& a, const Text& b) { return Text(a.bytes_ + b.bytes_); }
+Text operator+(const Text& a, const Text& b) {
+  return Text(a.bytes_ + b.bytes_);
+}
 
 Text operator""_text(const char* literal, std::size_t length) {
   std::optional<Text> text = Text::fromUtf8(std::string(literal, length));

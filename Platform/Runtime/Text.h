@@ -1,8 +1,8 @@
 // Text: Unicode text as the product compares it.
 //
 // A Text is valid UTF-8, embedded NULs allowed. Two texts are equal when they are canonically
-// equivalent (Unicode Standard, section 3.7): "é" written as one code point equals "e" followed by a
-// combining acute accent. Case counts. Bytes that are not UTF-8 never become a Text.
+// equivalent (Unicode Standard, section 3.7): "é" written as one code point equals "e" followed by
+// a combining acute accent. Case counts. Bytes that are not UTF-8 never become a Text.
 //
 // The canonical form is computed once, when the text is made, in O(n log n), so that comparing and
 // hashing later, on a queue that others wait for, is as cheap as for bytes. Pure ASCII text, the

@@ -30,8 +30,7 @@ class Value {
   Value() = default;  // nil
   Value(bool boolean) : content_(boolean) {}
   template <std::integral Integer>
-    requires(!std::same_as<Integer, bool>)
-  Value(Integer integer) {
+  requires(!std::same_as<Integer, bool>) Value(Integer integer) {
     // One form for one number, so that equal integers are equal values: negative ones are signed.
     if (integer < 0) {
       content_ = static_cast<std::int64_t>(integer);

@@ -246,7 +246,9 @@ bool Decoder::takeNil() {
   return true;
 }
 
-void Decoder::skip() { skip(0); }
+void Decoder::skip() {
+  skip(0);
+}
 
 void Decoder::skip(int depth) {
   if (depth > Wire::deepestNesting) malformed();
@@ -275,7 +277,8 @@ void Decoder::skip(int depth) {
       return;
     case Major::tag: {
       const auto content = head();
-      const bool isDate = argument == Wire::dateTag && content && content->firstByte == Wire::realByte;
+      const bool isDate =
+          argument == Wire::dateTag && content && content->firstByte == Wire::realByte;
       const bool isEndpoint = argument == Wire::endpointTag && content &&
                               content->major == Major::unsignedInteger &&
                               content->argument < descriptors_.size();
@@ -288,7 +291,9 @@ void Decoder::skip(int depth) {
   }
 }
 
-Value Decoder::value() { return value(0); }
+Value Decoder::value() {
+  return value(0);
+}
 
 Value Decoder::value(int depth) {
   if (depth > Wire::deepestNesting) malformed();
@@ -363,17 +368,25 @@ void encode(Encoder& encoder, bool boolean) {
   encoder.simple(boolean ? Wire::trueByte : Wire::falseByte);
 }
 
-void encode(Encoder& encoder, const Text& text) { encoder.text(text.utf8()); }
+void encode(Encoder& encoder, const Text& text) {
+  encoder.text(text.utf8());
+}
 
-void encode(Encoder& encoder, const EndpointRef& endpoint) { encoder.endpoint(endpoint); }
+void encode(Encoder& encoder, const EndpointRef& endpoint) {
+  encoder.endpoint(endpoint);
+}
 
 void encode(Encoder& encoder, const std::optional<EndpointRef>& endpoint) {
   encoder.endpoint(endpoint.value_or(nullptr));
 }
 
-void encode(Encoder& encoder, const Value& value) { encode(encoder, value, 0); }
+void encode(Encoder& encoder, const Value& value) {
+  encode(encoder, value, 0);
+}
 
-void decode(Decoder& decoder, bool& boolean) { boolean = decoder.boolean(); }
+void decode(Decoder& decoder, bool& boolean) {
+  boolean = decoder.boolean();
+}
 
 void decode(Decoder& decoder, Text& text) {
   auto read = Text::fromUtf8(std::string(decoder.text()));
@@ -384,12 +397,16 @@ void decode(Decoder& decoder, Text& text) {
   text = *std::move(read);
 }
 
-void decode(Decoder& decoder, EndpointRef& endpoint) { endpoint = decoder.endpoint(); }
+void decode(Decoder& decoder, EndpointRef& endpoint) {
+  endpoint = decoder.endpoint();
+}
 
 void decode(Decoder& decoder, std::optional<EndpointRef>& endpoint) {
   endpoint = decoder.takeNil() ? std::nullopt : std::optional(decoder.endpoint());
 }
 
-void decode(Decoder& decoder, Value& value) { value = decoder.value(); }
+void decode(Decoder& decoder, Value& value) {
+  value = decoder.value();
+}
 
 }  // namespace Platform

@@ -1,9 +1,9 @@
 // The codec: values of the interfaces to bytes and back, one encode/decode pair per type.
 //
-// Decoding distinguishes two faults. A payload that is not of the wire's format is malformed, and its
-// connection has no future. A well-formed item of another type than the interface declares is an
-// argument of the wrong class: the message is refused and nothing else happens. After either, decoding
-// goes on without effect, so callers ask once, at the end.
+// Decoding distinguishes two faults. A payload that is not of the wire's format is malformed, and
+// its connection has no future. A well-formed item of another type than the interface declares is
+// an argument of the wrong class: the message is refused and nothing else happens. After either,
+// decoding goes on without effect, so callers ask once, at the end.
 #pragma once
 
 #include <cstddef>
@@ -67,8 +67,8 @@ class Decoder {
   bool isSound() const { return !malformed_ && !wrongClass_; }
   bool isAtEnd() const { return rest_.empty(); }
 
-  // Each reads one item. An item of another type is passed over and makes the payload wrongClass; the
-  // result is then empty.
+  // Each reads one item. An item of another type is passed over and makes the payload wrongClass;
+  // the result is then empty.
   std::uint64_t unsignedInteger();
   std::string_view text();  // its bytes, UTF-8 not yet checked; valid as long as the frame
   std::size_t array();      // the number of items that follow; 0 for another type

@@ -14,8 +14,10 @@
 namespace Platform {
 namespace {
 
-constexpr std::size_t bytesPerTurn = 64 << 10;    // what one peer may hand in before others get their turn
-constexpr std::size_t mostUnreadReplies = 256 << 10;  // bytes; then the peer has to read before it may ask
+constexpr std::size_t bytesPerTurn =
+    64 << 10;  // what one peer may hand in before others get their turn
+constexpr std::size_t mostUnreadReplies =
+    256 << 10;  // bytes; then the peer has to read before it may ask
 constexpr auto retryDelay = std::chrono::milliseconds(10);
 
 std::span<std::byte> receiveBuffer() {
@@ -178,18 +180,20 @@ bool Connection::adoptLink(UniqueFd socket) {
 void Connection::retryConnect() {
   const Lock lock(mutex_);
   if (phase_ != Phase::open || link_) return;
-  if (connect() == ConnectOutcome::refused) endAll(isNamed() ? Error::interrupted : Error::invalid, !isNamed());
+  if (connect() == ConnectOutcome::refused)
+    endAll(isNamed() ? Error::interrupted : Error::invalid, !isNamed());
   flush();
   for (WaitingCall* call : waiting_) call->wake.notify_one();
 }
 
-// The end of the socket is always of interest; input only when somebody is to be told of it who does
-// not read for himself.
+// The end of the socket is always of interest; input only when somebody is to be told of it who
+// does not read for himself.
 void Connection::updateInterest() {
   if (!link_ || phase_ != Phase::open) return;
   std::uint32_t events = EPOLLRDHUP;
   const bool hasListener = implementer_ || calls_.size() > waiting_.size();
-  // Interest in input stays once it is there, until a waiting call takes over: changing it costs a call.
+  // Interest in input stays once it is there, until a waiting call takes over: changing it costs a
+  // call.
   if (waiting_.empty() && (hasListener || (link_->events & EPOLLIN) != 0)) events |= EPOLLIN;
   if (writeBlocked_) events |= EPOLLOUT;
   if (events == link_->events) return;
@@ -300,7 +304,8 @@ void Connection::readForWaitingCall(Lock& lock) {
     read(lock, Wait::yes);
   } else {
     const std::shared_ptr<Link> link = link_;
-    pollfd socket{link->socket.get(), static_cast<short>(retryScheduled_ ? POLLIN : POLLIN | POLLOUT), 0};
+    pollfd socket{link->socket.get(),
+                  static_cast<short>(retryScheduled_ ? POLLIN : POLLIN | POLLOUT), 0};
     const auto patience = retryScheduled_ ? static_cast<int>(retryDelay.count()) : -1;
     reading_ = true;
     lock.unlock();
@@ -356,7 +361,8 @@ bool Connection::read(Lock& lock, Wait wait) {
   const bool hadDescriptors = !received.descriptors.empty();
   const bool isFull = received.bytes == buffer.size();
   std::vector<Frame> frames;
-  bool isSound = link->frames.feed(buffer.first(received.bytes), std::move(received.descriptors), frames);
+  bool isSound =
+      link->frames.feed(buffer.first(received.bytes), std::move(received.descriptors), frames);
   // All that was sent with these descriptors is here, so a frame must have claimed them.
   if (!isFull && link->frames.hasUndeclaredDescriptors()) isSound = false;
   lock.lock();
@@ -372,8 +378,8 @@ bool Connection::read(Lock& lock, Wait wait) {
     return false;
   }
   if (wait == Wait::no && !waiting_.empty()) waiting_.front()->wake.notify_one();
-  // The kernel ends a receive behind descriptors, and the end of the stream brings no event of its own
-  // when it was announced with the last data.
+  // The kernel ends a receive behind descriptors, and the end of the stream brings no event of its
+  // own when it was announced with the last data.
   return isFull || hadDescriptors || hungUp_;
 }
 
@@ -459,7 +465,8 @@ bool Connection::deliverAnswer(Decoder& decoder, bool isReply) {
   {
     const Lock lock(mutex_);
     const auto found = calls_.find(serial);
-    // An answer to what was never asked, or was asked before an interruption, is nothing to anybody.
+    // An answer to what was never asked, or was asked before an interruption, is nothing to
+    // anybody.
     if (found == calls_.end() || found->second.waiting) return true;
     call = std::move(found->second);
     calls_.erase(found);
@@ -495,7 +502,8 @@ void Connection::endAll(Error error, bool isFinal) {
     if (!call->isDone()) call->error = error;
     call->wake.notify_one();
   }
-  // The calls end on the queue, behind what has arrived, and are released there: never under the lock.
+  // The calls end on the queue, behind what has arrived, and are released there: never under the
+  // lock.
   queue_->async([self = shared_from_this(), calls = std::exchange(calls_, {}), error, isFinal] {
     self->deliverInbox();
     for (const auto& [serial, call] : calls) {

@@ -1,16 +1,18 @@
 // Connection: what is behind an NSXPCConnection.
 //
-// One lock guards a connection's state; no callback runs under it, and nothing waits under it but for
-// memory. Two roles pass from thread to thread:
+// One lock guards a connection's state; no callback runs under it, and nothing waits under it but
+// for memory. Two roles pass from thread to thread:
 //
-// - Reading. Whoever holds the role (reading_) receives from the socket and cuts frames; nobody else
-//   does. A worker takes it for one bounded receive when the socket is ready. A thread in a waiting call
-//   takes it until its own answer is there, and hands what else arrives to the queue; the pool then no
-//   longer watches the socket for input, so the answer wakes that thread and no other.
-// - Delivering. Frames wait in inbox_ for the connection's serial queue, which carries them out in order.
+// - Reading. Whoever holds the role (reading_) receives from the socket and cuts frames; nobody
+// else
+//   does. A worker takes it for one bounded receive when the socket is ready. A thread in a waiting
+//   call takes it until its own answer is there, and hands what else arrives to the queue; the pool
+//   then no longer watches the socket for input, so the answer wakes that thread and no other.
+// - Delivering. Frames wait in inbox_ for the connection's serial queue, which carries them out in
+// order.
 //
-// Sending happens from any thread, under the lock, without blocking. Workers do not send at once: they
-// leave it to the queue, after the task at hand, so that many replies go out in one call.
+// Sending happens from any thread, under the lock, without blocking. Workers do not send at once:
+// they leave it to the queue, after the task at hand, so that many replies go out in one call.
 #pragma once
 
 #include <atomic>
@@ -143,11 +145,12 @@ class Connection final : public ReadinessHandler, public std::enable_shared_from
   Outbox outbox_;
   std::vector<Incoming> inbox_;
   std::unordered_map<std::uint64_t, PendingCall> calls_;
-  std::vector<WaitingCall*> waiting_;  // those of calls_ that are in a waiting form, in order of arrival
+  std::vector<WaitingCall*>
+      waiting_;  // those of calls_ that are in a waiting form, in order of arrival
   bool reading_ = false;
-  bool missedTurn_ = false;   // a worker came while somebody else was reading
+  bool missedTurn_ = false;  // a worker came while somebody else was reading
   bool turnScheduled_ = false;
-  bool hungUp_ = false;       // the socket said that its end is near: read on until it comes
+  bool hungUp_ = false;  // the socket said that its end is near: read on until it comes
   bool writeBlocked_ = false;
   bool retryScheduled_ = false;
   bool paused_ = false;  // requests are not read until the peer has read its replies

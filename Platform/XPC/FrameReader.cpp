@@ -24,14 +24,16 @@ bool FrameReader::feed(std::span<const std::byte> bytes, std::vector<UniqueFd> d
   for (;;) {
     if (isInHeader()) {
       const std::size_t count = std::min(bytes.size(), header_.size() - headerBytes_);
-      std::copy_n(bytes.begin(), count, header_.begin() + static_cast<std::ptrdiff_t>(headerBytes_));
+      std::copy_n(bytes.begin(), count,
+                  header_.begin() + static_cast<std::ptrdiff_t>(headerBytes_));
       bytes = bytes.subspan(count);
       headerBytes_ += count;
       if (isInHeader()) return true;
       if (!readHeader()) return false;
     }
     const std::size_t count = std::min(bytes.size(), payloadBytes_ - payload_.size());
-    payload_.insert(payload_.end(), bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(count));
+    payload_.insert(payload_.end(), bytes.begin(),
+                    bytes.begin() + static_cast<std::ptrdiff_t>(count));
     bytes = bytes.subspan(count);
     if (payload_.size() < payloadBytes_) return true;
     if (!completeFrame(frames)) return false;
@@ -50,7 +52,8 @@ bool FrameReader::completeFrame(std::vector<Frame>& frames) {
   Frame& frame = frames.emplace_back();
   frame.payload.swap(payload_);
   const auto end = descriptors_.begin() + static_cast<std::ptrdiff_t>(declaredDescriptors_);
-  frame.descriptors.assign(std::make_move_iterator(descriptors_.begin()), std::make_move_iterator(end));
+  frame.descriptors.assign(std::make_move_iterator(descriptors_.begin()),
+                           std::make_move_iterator(end));
   descriptors_.erase(descriptors_.begin(), end);
   headerBytes_ = 0;
   return true;

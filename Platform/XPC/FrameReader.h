@@ -15,8 +15,8 @@ namespace Platform {
 // One for a connection's life. Not synchronised: used by whoever reads the connection.
 class FrameReader {
  public:
-  // Takes what one receive brought and appends the frames that it completes. False when the stream is
-  // not of the wire's format; it has no future then.
+  // Takes what one receive brought and appends the frames that it completes. False when the stream
+  // is not of the wire's format; it has no future then.
   bool feed(std::span<const std::byte> bytes, std::vector<UniqueFd> descriptors,
             std::vector<Frame>& frames);
 

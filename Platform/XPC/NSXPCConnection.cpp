@@ -20,7 +20,9 @@ std::shared_ptr<NSXPCConnection> NSXPCConnection::initWithListenerEndpoint(
 NSXPCConnection::NSXPCConnection(std::shared_ptr<Connection> connection)
     : connection_(std::move(connection)) {}
 
-NSXPCConnection::~NSXPCConnection() { connection_->close(); }
+NSXPCConnection::~NSXPCConnection() {
+  connection_->close();
+}
 
 void NSXPCConnection::setExportedInterface(NSXPCInterface interface) {
   connection_->exportInterface(interface);
@@ -42,7 +44,9 @@ void NSXPCConnection::resume() {
   connection_->resume(std::static_pointer_cast<NSXPCConnection>(shared_from_this()));
 }
 
-void NSXPCConnection::invalidate() { connection_->invalidate(); }
+void NSXPCConnection::invalidate() {
+  connection_->invalidate();
+}
 
 Encoder NSXPCConnection::beginMessage(std::string_view selector) {
   Encoder encoder;
@@ -62,7 +66,9 @@ Encoder NSXPCConnection::beginCall(std::string_view selector, std::uint64_t& ser
   return encoder;
 }
 
-void NSXPCConnection::sendMessage(OutgoingFrame frame) { connection_->sendMessage(std::move(frame)); }
+void NSXPCConnection::sendMessage(OutgoingFrame frame) {
+  connection_->sendMessage(std::move(frame));
+}
 
 void NSXPCConnection::sendCall(std::uint64_t serial, OutgoingFrame frame, DecodeReply onReply,
                                NSXPCErrorHandler onError) {

@@ -1,16 +1,16 @@
-// NSXPCConnection: a connection between two processes, over which each may call methods of an object
-// that the other exports.
+// NSXPCConnection: a connection between two processes, over which each may call methods of an
+// object that the other exports.
 //
-// A connection delivers its peer's messages on a serial queue of its own, in the order in which they
-// were sent; different connections run concurrently. Reply blocks and handlers run on that queue too.
-// Calls through a waiting proxy return when the answer is there; the calling thread reads the
-// connection itself meanwhile, so waiting is safe on any thread, also inside a handler of this very
-// connection.
+// A connection delivers its peer's messages on a serial queue of its own, in the order in which
+// they were sent; different connections run concurrently. Reply blocks and handlers run on that
+// queue too. Calls through a waiting proxy return when the answer is there; the calling thread
+// reads the connection itself meanwhile, so waiting is safe on any thread, also inside a handler of
+// this very connection.
 //
 // How it ends: an interruption means that the service behind a named connection went away; the same
-// object connects anew with the next message. An invalidation is final: the peer of an endpoint's or an
-// accepted connection is gone, it broke the wire's rules, or `invalidate` was called. Calls that wait
-// for an answer fail at once in both cases.
+// object connects anew with the next message. An invalidation is final: the peer of an endpoint's
+// or an accepted connection is gone, it broke the wire's rules, or `invalidate` was called. Calls
+// that wait for an answer fail at once in both cases.
 #pragma once
 
 #include <functional>
@@ -32,7 +32,8 @@ class RemoteProxy;
 enum class NSXPCConnectionError {
   interrupted,   // the service is not there, or went away before it answered
   invalid,       // the connection is over, or was never resumed
-  refused,       // the peer knows no such message, did not like its arguments, or dropped the reply block
+  refused,       // the peer knows no such message, did not like its arguments, or dropped the reply
+                 // block
   replyInvalid,  // the answer is not of the interface's types
 };
 
@@ -40,8 +41,8 @@ using NSXPCErrorHandler = std::function<void(NSXPCConnectionError)>;
 
 // All methods: any thread. Everything but `resume`, `invalidate` and the proxies is set up before
 // `resume`. An accepted connection is kept alive by the layer until its peer goes; any other by its
-// owners and proxies. When the last reference goes the connection closes, and blocks and handlers are
-// dropped uncalled.
+// owners and proxies. When the last reference goes the connection closes, and blocks and handlers
+// are dropped uncalled.
 class NSXPCConnection final : public NSObject {
  public:
   // To the named service. It need not be there yet: a connection is made with the first message.
@@ -78,7 +79,8 @@ class NSXPCConnection final : public NSObject {
   // The same, with calls that return after the reply block or error handler has been called, on the
   // calling thread.
   template <class Interface>
-  std::shared_ptr<Interface> synchronousRemoteObjectProxyWithErrorHandler(NSXPCErrorHandler handler) {
+  std::shared_ptr<Interface> synchronousRemoteObjectProxyWithErrorHandler(
+      NSXPCErrorHandler handler) {
     return proxy<Interface>(Waiting::yes, std::move(handler));
   }
 
@@ -140,7 +142,8 @@ class RemoteProxy : public Interface {
     encoder.head(Wire::Major::array, Count);
     [&]<std::size_t... I>(std::index_sequence<I...>) {
       (encode(encoder, std::get<I>(all)), ...);
-    }(std::make_index_sequence<Count>());
+    }
+    (std::make_index_sequence<Count>());
   }
 
   template <class... Values>

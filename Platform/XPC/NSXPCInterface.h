@@ -1,6 +1,6 @@
-// Interfaces between processes: declared once, as a class of pure virtual methods with one table that
-// gives each its selector. The description a connection exports, the dispatcher of incoming messages
-// and the client's proxy all follow from that declaration:
+// Interfaces between processes: declared once, as a class of pure virtual methods with one table
+// that gives each its selector. The description a connection exports, the dispatcher of incoming
+// messages and the client's proxy all follow from that declaration:
 //
 //   class Greeting {
 //    public:
@@ -18,9 +18,9 @@
 //     void greet(Text name, Reply<Text> reply) override { send<&Greeting::greet>(name, reply); }
 //   };
 //
-// Methods return nothing; one that answers takes a reply block as its last argument. Argument and reply
-// types are those of Codec.h. A method missing from the table, listed twice, or with a selector that
-// does not fit its arguments does not compile.
+// Methods return nothing; one that answers takes a reply block as its last argument. Argument and
+// reply types are those of Codec.h. A method missing from the table, listed twice, or with a
+// selector that does not fit its arguments does not compile.
 #pragma once
 
 #include <algorithm>
@@ -112,12 +112,14 @@ void invoke(void* object, Decoder& decoder, std::shared_ptr<ReplySender> sender)
   if (decoder.array() != Traits::valueCount) decoder.wrongClass();
   [&]<std::size_t... I>(std::index_sequence<I...>) {
     (decode(decoder, std::get<I>(arguments)), ...);
-  }(std::make_index_sequence<Traits::valueCount>());
+  }
+  (std::make_index_sequence<Traits::valueCount>());
   if (!decoder.isSound()) return;
   if (!decoder.isAtEnd()) return decoder.malformed();
   if constexpr (Traits::hasReply) {
     auto& reply = std::get<Traits::valueCount>(arguments);
-    reply = replyThrough(std::move(sender), static_cast<std::remove_reference_t<decltype(reply)>*>(nullptr));
+    reply = replyThrough(std::move(sender),
+                         static_cast<std::remove_reference_t<decltype(reply)>*>(nullptr));
   }
   auto* const target = static_cast<typename Traits::Interface*>(object);
   std::apply([&](auto&... values) { (target->*Member)(std::move(values)...); }, arguments);
@@ -168,8 +170,8 @@ struct Protocol {
   std::array<std::string_view, sizeof...(Members)> selectors;
 };
 
-// The description of an interface, as a connection exports it: which messages a peer may send, and which
-// classes their arguments and replies may carry. A value.
+// The description of an interface, as a connection exports it: which messages a peer may send, and
+// which classes their arguments and replies may carry. A value.
 class NSXPCInterface {
  public:
   template <class Interface>
@@ -187,8 +189,8 @@ class NSXPCInterface {
   // The object as the interface's implementer; null when it does not implement it.
   void* implementer(NSObject* object) const { return description_->cast(object); }
 
-  // Carries the call out on an implementer, or does nothing when the decoder ends up not sound. False
-  // when the interface has no such message.
+  // Carries the call out on an implementer, or does nothing when the decoder ends up not sound.
+  // False when the interface has no such message.
   bool dispatch(void* implementer, std::string_view selector, Decoder& arguments,
                 std::shared_ptr<ReplySender> sender) const;
 

@@ -132,7 +132,8 @@ class NSXPCListener::Acceptor final : public ReadinessHandler,
       if (!socket.isValid()) {
         if (error == EINTR || error == ECONNABORTED) continue;
         if (error == EAGAIN) return;
-        // Full: the waiting connection stays where it is and raises no event, so come back by the clock.
+        // Full: the waiting connection stays where it is and raises no event, so come back by the
+        // clock.
         WorkerPool::shared().after(retryWhenFull, queue_,
                                    [self = shared_from_this()] { self->acceptSome(); });
         return;
@@ -170,7 +171,9 @@ std::shared_ptr<NSXPCListener> NSXPCListener::initWithMachServiceName(const Text
       new NSXPCListener(std::make_shared<Acceptor>(std::move(service))));
 }
 
-NSXPCListener::~NSXPCListener() { acceptor_->stop(); }
+NSXPCListener::~NSXPCListener() {
+  acceptor_->stop();
+}
 
 void NSXPCListener::setDelegate(std::weak_ptr<NSXPCListenerDelegate> delegate) {
   acceptor_->setDelegate(std::move(delegate));
@@ -180,7 +183,9 @@ void NSXPCListener::resume() {
   acceptor_->resume(std::static_pointer_cast<NSXPCListener>(shared_from_this()));
 }
 
-void NSXPCListener::invalidate() { acceptor_->stop(); }
+void NSXPCListener::invalidate() {
+  acceptor_->stop();
+}
 
 std::shared_ptr<NSXPCListenerEndpoint> NSXPCListener::endpoint() const {
   return acceptor_->endpoint();

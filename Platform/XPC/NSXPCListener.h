@@ -1,7 +1,7 @@
 // NSXPCListener: where connections come in.
 //
-// An anonymous listener is reached by whoever was handed its endpoint; a named one by all processes of
-// this user, under its name. The delegate is asked about every new connection.
+// An anonymous listener is reached by whoever was handed its endpoint; a named one by all processes
+// of this user, under its name. The delegate is asked about every new connection.
 #pragma once
 
 #include <memory>
@@ -19,8 +19,8 @@ class NSXPCListenerDelegate {
  public:
   virtual ~NSXPCListenerDelegate() = default;
 
-  // Asked once about each new connection, one at a time, on a queue of the listener's. To take it, set
-  // it up, resume it and answer true; the layer keeps it alive from then on. Else it is closed.
+  // Asked once about each new connection, one at a time, on a queue of the listener's. To take it,
+  // set it up, resume it and answer true; the layer keeps it alive from then on. Else it is closed.
   virtual bool listener(const std::shared_ptr<NSXPCListener>& listener,
                         const std::shared_ptr<NSXPCConnection>& shouldAcceptNewConnection) = 0;
 };
@@ -31,9 +31,10 @@ class NSXPCListener final : public NSObject {
   // Null when the runtime directory cannot be had, or the system has no socket to give.
   static std::shared_ptr<NSXPCListener> anonymousListener();
 
-  // The listener for a named service: on the socket that the service manager opened for it, else on one
-  // of its own. Null when the name is taken or cannot be a service's, or when there is no runtime
-  // directory. Lets the process have as many descriptors as it is allowed, since each client takes one.
+  // The listener for a named service: on the socket that the service manager opened for it, else on
+  // one of its own. Null when the name is taken or cannot be a service's, or when there is no
+  // runtime directory. Lets the process have as many descriptors as it is allowed, since each
+  // client takes one.
   static std::shared_ptr<NSXPCListener> initWithMachServiceName(const Text& name);
 
   ~NSXPCListener() override;

@@ -1,9 +1,9 @@
 // NSXPCListenerEndpoint: the transferable handle of an anonymous listener.
 //
-// It is a kernel capability: an O_PATH descriptor of the listener's socket, whose name is gone from the
-// file system. Whoever holds it can connect; it cannot be read, written or shut down, and it travels
-// between processes beside a message. When its listener goes, connecting is refused, and the endpoint
-// is still a value like any other.
+// It is a kernel capability: an O_PATH descriptor of the listener's socket, whose name is gone from
+// the file system. Whoever holds it can connect; it cannot be read, written or shut down, and it
+// travels between processes beside a message. When its listener goes, connecting is refused, and
+// the endpoint is still a value like any other.
 #pragma once
 
 #include <memory>
@@ -16,9 +16,9 @@ namespace Platform {
 // Immutable. Any thread.
 class NSXPCListenerEndpoint final : public NSObject {
  public:
-  // Takes a descriptor that came from outside. Null, and the descriptor is closed, when it is anything
-  // but an O_PATH descriptor of a socket: closing any other kind may block, so this never runs on a
-  // queue that others share.
+  // Takes a descriptor that came from outside. Null, and the descriptor is closed, when it is
+  // anything but an O_PATH descriptor of a socket: closing any other kind may block, so this never
+  // runs on a queue that others share.
   static std::shared_ptr<NSXPCListenerEndpoint> adopt(UniqueFd descriptor);
 
   // For the layer's own use: opened with O_PATH by the caller.

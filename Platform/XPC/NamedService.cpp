@@ -58,7 +58,7 @@ std::unique_ptr<NamedService> NamedService::claim(const Text& name) {
   const std::string stem = path->substr(0, path->size() - std::string(".socket").size());
   // The lock file is never removed: whoever holds the lock of a removed one would own nothing.
   service->lock_.reset(::open((stem + ".lock").c_str(),
-                             O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600));
+                              O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600));
   if (!service->lock_.isValid() || ::flock(service->lock_.get(), LOCK_EX | LOCK_NB) != 0) {
     return nullptr;
   }
@@ -79,7 +79,8 @@ NamedService::~NamedService() {
 
 bool NamedService::publish() {
   if (temporaryPath_.empty()) return true;
-  if (!listenOn(socket_.get()) || ::rename(temporaryPath_.c_str(), path_.c_str()) != 0) return false;
+  if (!listenOn(socket_.get()) || ::rename(temporaryPath_.c_str(), path_.c_str()) != 0)
+    return false;
   temporaryPath_.clear();
   return true;
 }

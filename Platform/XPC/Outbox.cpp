@@ -10,14 +10,14 @@
 namespace Platform {
 namespace {
 
-// Descriptors under way count against the user, and past the limit nobody of that user can send any. A
-// peer that stops reading must not hold many: few go in one call, and once a connection has sent some,
-// its socket buffer is made small. Neither costs throughput.
+// Descriptors under way count against the user, and past the limit nobody of that user can send
+// any. A peer that stops reading must not hold many: few go in one call, and once a connection has
+// sent some, its socket buffer is made small. Neither costs throughput.
 constexpr std::size_t mostDescriptorsPerSend = 32;
 constexpr std::size_t descriptorsBeforeSmallBuffer = 64;
 constexpr int smallBuffer = 16 << 10;
 
-constexpr std::size_t keptBytes = 512;       // what an idle connection may hold on to
+constexpr std::size_t keptBytes = 512;         // what an idle connection may hold on to
 constexpr std::size_t compactAfter = 1 << 20;  // sent bytes that may stay in front of waiting ones
 
 }  // namespace
@@ -33,8 +33,8 @@ void Outbox::append(OutgoingFrame frame) {
 
 Outbox::Result Outbox::flush(int socket) {
   while (!isEmpty()) {
-    // Take whole carriers until the next would make it too many descriptors; its bytes must then stay
-    // behind as well, since descriptors go no later than the first byte of their frame.
+    // Take whole carriers until the next would make it too many descriptors; its bytes must then
+    // stay behind as well, since descriptors go no later than the first byte of their frame.
     int descriptors[Wire::mostDescriptors];
     std::size_t count = 0;
     std::size_t end = bytes_.size();
@@ -91,7 +91,8 @@ void Outbox::dropSent() {
   }
   if (sent_ < compactAfter) return;
   bytes_.erase(bytes_.begin(), bytes_.begin() + static_cast<std::ptrdiff_t>(sent_));
-  carriers_.erase(carriers_.begin(), carriers_.begin() + static_cast<std::ptrdiff_t>(carriersSent_));
+  carriers_.erase(carriers_.begin(),
+                  carriers_.begin() + static_cast<std::ptrdiff_t>(carriersSent_));
   for (Carrier& carrier : carriers_) carrier.start -= sent_;
   sent_ = 0;
   carriersSent_ = 0;

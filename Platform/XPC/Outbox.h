@@ -12,10 +12,10 @@ namespace Platform {
 class Outbox {
  public:
   enum class Result {
-    done,        // nothing waits any more
-    blocked,     // the peer has to read first; the socket tells when it has
-    tryLater,    // too many of this user's descriptors are under way; nothing tells when to try again
-    broken,      // the peer is gone
+    done,      // nothing waits any more
+    blocked,   // the peer has to read first; the socket tells when it has
+    tryLater,  // too many of this user's descriptors are under way; nothing tells when to try again
+    broken,    // the peer is gone
   };
 
   void append(OutgoingFrame frame);

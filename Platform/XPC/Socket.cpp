@@ -71,7 +71,8 @@ Connected connectTo(const std::string& path) {
     return result;
   }
   const sockaddr_un address = addressOf(path);
-  while (::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+  while (::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) !=
+         0) {
     if (errno == EINTR) continue;
     if (errno == EAGAIN) result.outcome = ConnectOutcome::tryLater;
     return result;
@@ -102,12 +103,15 @@ bool fitsSocketAddress(const std::string& path) {
   return path.size() < sizeof(sockaddr_un::sun_path) && path.find('\0') == std::string::npos;
 }
 
-bool listenOn(int socket) { return ::listen(socket, longestQueue) == 0; }
+bool listenOn(int socket) {
+  return ::listen(socket, longestQueue) == 0;
+}
 
 bool isPeerOfThisUser(int socket) {
   ucred peer{};
   socklen_t size = sizeof peer;
-  return ::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 && peer.uid == ::geteuid();
+  return ::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 &&
+         peer.uid == ::geteuid();
 }
 
 }  // namespace Platform

@@ -29,8 +29,9 @@ Received receive(int socket, std::span<std::byte> buffer, Wait wait);
 
 enum class ConnectOutcome {
   connected,
-  refused,    // nobody listens there
-  tryLater,   // the listener has more waiting connections than it takes, or no descriptor is left here
+  refused,   // nobody listens there
+  tryLater,  // the listener has more waiting connections than it takes, or no descriptor is left
+             // here
 };
 
 struct Connected {

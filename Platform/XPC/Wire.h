@@ -1,5 +1,5 @@
-// The wire between two processes: its numbers, in one place. Documentation/wire-protocol.md explains
-// them; payloads are a subset of CBOR (RFC 8949).
+// The wire between two processes: its numbers, in one place. Documentation/wire-protocol.md
+// explains them; payloads are a subset of CBOR (RFC 8949).
 #pragma once
 
 #include <cstddef>
@@ -7,8 +7,8 @@
 
 namespace Platform::Wire {
 
-// A frame is a header of two little-endian 32-bit numbers, the payload's length in bytes and the number
-// of descriptors that belong to it, and then the payload.
+// A frame is a header of two little-endian 32-bit numbers, the payload's length in bytes and the
+// number of descriptors that belong to it, and then the payload.
 inline constexpr std::size_t headerSize = 8;
 inline constexpr std::size_t mostPayloadBytes = std::size_t{256} << 20;
 inline constexpr std::size_t mostDescriptors = 253;  // what the kernel takes in one call
@@ -23,10 +23,20 @@ enum class Kind : std::uint64_t {
 };
 
 // CBOR's major types, in the three high bits of an item's first byte.
-enum class Major : std::uint8_t { unsignedInteger, negativeInteger, bytes, text, array, map, tag, simple };
+enum class Major : std::uint8_t {
+  unsignedInteger,
+  negativeInteger,
+  bytes,
+  text,
+  array,
+  map,
+  tag,
+  simple
+};
 
-inline constexpr std::uint64_t dateTag = 1;          // RFC 8949, 3.4.2: seconds since 1970
-inline constexpr std::uint64_t endpointTag = 18245;  // on the index of one of the frame's descriptors
+inline constexpr std::uint64_t dateTag = 1;  // RFC 8949, 3.4.2: seconds since 1970
+inline constexpr std::uint64_t endpointTag =
+    18245;  // on the index of one of the frame's descriptors
 
 // First bytes of the simple values in use.
 inline constexpr std::uint8_t falseByte = 0xF4;

@@ -1,0 +1,75 @@
+// What tests of real processes need: a private runtime directory, child processes to talk to, and
+// counts of what a process holds.
+#pragma once
+
+#include <signal.h>
+
+#include <chrono>
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "Platform/Runtime/UniqueFd.h"
+
+namespace TestSupport {
+
+// A runtime directory of the test's own, in XDG_RUNTIME_DIR while it lives.
+class PrivateRuntimeDirectory {
+ public:
+  PrivateRuntimeDirectory();
+  ~PrivateRuntimeDirectory();
+  const std::string& path() const { return path_; }
+
+ private:
+  std::string path_;
+};
+
+// A child process with its standard streams on pipes. It is killed when the object goes.
+class ChildProcess {
+ public:
+  explicit ChildProcess(const std::vector<std::string>& arguments,
+                        const std::vector<std::string>& environment = {});
+  ChildProcess(ChildProcess&&) = default;
+  ~ChildProcess();
+
+  int pid() const { return pid_; }
+  void writeLine(const std::string& line);
+  void closeInput() { input_.reset(); }
+  // The next line, without its end; none at the end of the stream, or after a minute without one.
+  std::optional<std::string> readLine() { return readLine(output_, outputRest_); }
+  std::optional<std::string> readErrorLine() { return readLine(error_, errorRest_); }
+  std::string readAllOutput() { return readAll(output_, outputRest_); }
+  std::string readAllErrors() { return readAll(error_, errorRest_); }
+  void signal(int number);
+  // The exit status, or minus the signal that ended it.
+  int wait();
+
+ private:
+  std::optional<std::string> readLine(Platform::UniqueFd& stream, std::string& rest);
+  std::string readAll(Platform::UniqueFd& stream, std::string& rest);
+
+  int pid_ = -1;
+  Platform::UniqueFd input_;
+  Platform::UniqueFd output_;
+  Platform::UniqueFd error_;
+  std::string outputRest_;
+  std::string errorRest_;
+};
+
+std::size_t openDescriptors(int pid);
+
+// Looks again and again, without rest, for something that no event tells of. False after a minute.
+template <class Condition>
+bool eventually(Condition condition) {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::minutes(1);
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > end) return false;
+  }
+  return true;
+}
+
+// The executable of a bundle of the build.
+std::string executableOf(const std::string& application);
+
+}  // namespace TestSupport

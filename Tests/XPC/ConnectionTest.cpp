@@ -1,0 +1,298 @@
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <future>
+#include <latch>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Platform/Dispatch/DispatchQueue.h"
+#include "Platform/XPC/NSXPCListener.h"
+#include "Tests/Support/TestProcess.h"
+
+namespace Platform {
+namespace {
+
+class Peer {
+ public:
+  virtual ~Peer() = default;
+  virtual void note(Text text) = 0;
+  virtual void echo(Value value, Reply<Value> reply) = 0;
+  // Calls the endpoint back with a waiting call before it answers.
+  virtual void askBack(EndpointRef endpoint, Reply<Value> reply) = 0;
+  virtual void dropReply(Reply<bool> reply) = 0;
+
+  class Proxy;
+  static consteval auto protocol() {
+    return Protocol("Peer", method<&Peer::note>("note:"), method<&Peer::echo>("echo:reply:"),
+                    method<&Peer::askBack>("askBack:reply:"),
+                    method<&Peer::dropReply>("dropReply:"));
+  }
+};
+
+class Peer::Proxy final : public RemoteProxy<Peer> {
+ public:
+  using RemoteProxy::RemoteProxy;
+  void note(Text text) override { send<&Peer::note>(text); }
+  void echo(Value value, Reply<Value> reply) override { send<&Peer::echo>(value, reply); }
+  void askBack(EndpointRef endpoint, Reply<Value> reply) override {
+    send<&Peer::askBack>(endpoint, reply);
+  }
+  void dropReply(Reply<bool> reply) override { send<&Peer::dropReply>(reply); }
+};
+
+std::shared_ptr<NSXPCConnection> connectionTo(const EndpointRef& endpoint) {
+  auto connection = NSXPCConnection::initWithListenerEndpoint(endpoint);
+  connection->resume();
+  return connection;
+}
+
+// A waiting echo; nil when there is no answer.
+Value ask(const std::shared_ptr<NSXPCConnection>& connection, Value question) {
+  Value answer;
+  connection->synchronousRemoteObjectProxyWithErrorHandler<Peer>({})->echo(
+      std::move(question), [&](Value value) { answer = std::move(value); });
+  return answer;
+}
+
+class Service final : public NSObject, public Peer, public NSXPCListenerDelegate {
+ public:
+  static std::shared_ptr<Service> start() {
+    auto service = std::make_shared<Service>();
+    service->listener_ = NSXPCListener::anonymousListener();
+    service->listener_->setDelegate(service);
+    service->listener_->resume();
+    return service;
+  }
+
+  bool listener(const std::shared_ptr<NSXPCListener>&,
+                const std::shared_ptr<NSXPCConnection>& connection) override {
+    connection->setExportedInterface(NSXPCInterface::interfaceWithProtocol<Peer>());
+    connection->setExportedObject(shared_from_this());
+    connection->resume();
+    const std::lock_guard lock(mutex);
+    last = connection;
+    return true;
+  }
+
+  void note(Text text) override {
+    const std::lock_guard lock(mutex);
+    notes.push_back(std::move(text));
+  }
+  void echo(Value value, Reply<Value> reply) override {
+    if (onEcho) onEcho();
+    reply(std::move(value));
+    reply(Value("a second answer is ignored"_text));
+  }
+  void askBack(EndpointRef endpoint, Reply<Value> reply) override {
+    reply(ask(connectionTo(endpoint), "back"_text));
+  }
+  void dropReply(Reply<bool>) override {}
+
+  EndpointRef endpoint() const { return listener_->endpoint(); }
+  void stopListening() { listener_->invalidate(); }
+
+  std::function<void()> onEcho;
+  std::mutex mutex;
+  std::vector<Text> notes;
+  std::weak_ptr<NSXPCConnection> last;
+
+ private:
+  std::shared_ptr<NSXPCListener> listener_;
+};
+
+class Connections : public testing::Test {
+ protected:
+  TestSupport::PrivateRuntimeDirectory directory;
+};
+
+TEST_F(Connections, CarryEveryKindOfValueAndKeepEndpointsConnectable) {
+  const auto service = Service::start();
+  const auto connection = connectionTo(service->endpoint());
+  const Value values[] = {{},
+                          true,
+                          0,
+                          23,
+                          24,
+                          255,
+                          256,
+                          65535,
+                          65536,
+                          4294967295u,
+                          4294967296u,
+                          UINT64_MAX,
+                          -1,
+                          -25,
+                          INT64_MIN,
+                          0.0,
+                          -1.5,
+                          ""_text,
+                          "caf\u00e9"_text,
+                          Data{std::byte{0}, std::byte{255}},
+                          NSDate{-1e9},
+                          Array{1, "two"_text, Array{}, Value()},
+                          Dictionary{{"key"_text, Dictionary{}}, {""_text, 1.0}}};
+  for (const Value& value : values) EXPECT_EQ(ask(connection, value), value);
+
+  const Value answer = ask(connection, Array{service->endpoint(), service->endpoint()});
+  ASSERT_TRUE(answer.asArray() && answer.asArray()->size() == 2);
+  for (const Value& item : *answer.asArray()) {
+    const auto endpoint = item.asObject<NSXPCListenerEndpoint>();
+    ASSERT_TRUE(endpoint);
+    EXPECT_EQ(ask(connectionTo(endpoint), 7), Value(7));
+  }
+}
+
+TEST_F(Connections, DeliverInTheOrderSentWhileOthersRun) {
+  const auto service = Service::start();
+  const auto connection = connectionTo(service->endpoint());
+  const auto other = connectionTo(service->endpoint());
+  std::thread busy([&] {
+    for (int i = 0; i < 200; ++i) EXPECT_EQ(ask(other, i), Value(i));
+  });
+  const auto proxy = connection->remoteObjectProxy<Peer>();
+  for (int i = 0; i < 1000; ++i) proxy->note(*Text::fromUtf8(std::to_string(i)));
+  EXPECT_EQ(ask(connection, true), Value(true));
+  busy.join();
+  ASSERT_EQ(service->notes.size(), 1000u);
+  for (int i = 0; i < 1000; ++i)
+    EXPECT_EQ(service->notes[static_cast<std::size_t>(i)].utf8(), std::to_string(i));
+}
+
+TEST_F(Connections, RunConcurrentlyAlsoWhenAHandlerBlocks) {
+  const auto service = Service::start();
+  constexpr int count = 12;  // more than there are workers at first
+  std::latch allInside(count);
+  service->onEcho = [&] { allInside.arrive_and_wait(); };
+  std::vector<std::thread> clients;
+  for (int i = 0; i < count; ++i) {
+    clients.emplace_back(
+        [&, i] { EXPECT_EQ(ask(connectionTo(service->endpoint()), i), Value(i)); });
+  }
+  for (std::thread& client : clients) client.join();
+}
+
+TEST_F(Connections, LetAHandlerWaitForItsOwnPeer) {
+  const auto service = Service::start();
+  // Both ends are in this process, so each nested call needs a worker while another one waits.
+  constexpr int count = 40;
+  std::vector<std::shared_ptr<NSXPCConnection>> connections;
+  std::latch answered(count);
+  std::atomic<int> right = 0;
+  for (int i = 0; i < count; ++i) {
+    connections.push_back(connectionTo(service->endpoint()));
+    connections.back()->remoteObjectProxy<Peer>()->askBack(service->endpoint(), [&](Value value) {
+      right += value == Value("back"_text);
+      answered.count_down();
+    });
+  }
+  answered.wait();
+  EXPECT_EQ(right, count);
+}
+
+TEST_F(Connections, AnswerWaitingCallsOfManyThreadsOnOneConnection) {
+  const auto service = Service::start();
+  const auto connection = connectionTo(service->endpoint());
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 8; ++t) {
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < 200; ++i) EXPECT_EQ(ask(connection, t * 1000 + i), Value(t * 1000 + i));
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+}
+
+TEST_F(Connections, TellBothFormsOfCallWhenTheAnswerCannotCome) {
+  const auto service = Service::start();
+  const auto connection = connectionTo(service->endpoint());
+  std::promise<NSXPCConnectionError> dropped;
+  connection->remoteObjectProxyWithErrorHandler<Peer>([&](auto error) { dropped.set_value(error); })
+      ->dropReply([](bool) { FAIL() << "nobody answered"; });
+  EXPECT_EQ(dropped.get_future().get(), NSXPCConnectionError::refused);
+
+  std::promise<void> inside;
+  std::promise<void> invalidated;
+  std::promise<NSXPCConnectionError> lost;
+  connection->setInvalidationHandler([&] { invalidated.set_value(); });
+  service->onEcho = [&, first = true]() mutable {
+    if (std::exchange(first, false)) inside.set_value();
+    service->last.lock()->invalidate();
+  };
+  connection->remoteObjectProxyWithErrorHandler<Peer>([&](auto error) { lost.set_value(error); })
+      ->echo(1, [](Value) { FAIL() << "the peer had gone"; });
+  inside.get_future().wait();
+  EXPECT_EQ(lost.get_future().get(), NSXPCConnectionError::invalid);
+  invalidated.get_future().wait();
+  std::optional<NSXPCConnectionError> error;
+  connection->synchronousRemoteObjectProxyWithErrorHandler<Peer>([&](auto e) { error = e; })
+      ->echo(1, [](Value) { FAIL() << "the connection was over"; });
+  EXPECT_EQ(error, NSXPCConnectionError::invalid);
+}
+
+TEST_F(Connections, WakeAWaitingCallWhenTheyAreInvalidated) {
+  const auto service = Service::start();
+  const auto connection = connectionTo(service->endpoint());
+  std::promise<void> inside;
+  std::promise<void> goOn;
+  service->onEcho = [&] {
+    inside.set_value();
+    goOn.get_future().wait();
+  };
+  std::thread invalidator([&] {
+    inside.get_future().wait();
+    connection->invalidate();
+  });
+  EXPECT_EQ(ask(connection, 1), Value());
+  invalidator.join();
+  goOn.set_value();
+}
+
+TEST_F(Connections, CarryMessagesLargerThanAnySocketBuffer) {
+  const auto service = Service::start();
+  const auto connection = connectionTo(service->endpoint());
+  const Value large = *Text::fromUtf8(std::string(20 << 20, 'x'));
+  EXPECT_EQ(ask(connection, large), large);
+  std::latch answered(8);
+  const auto proxy = connection->remoteObjectProxy<Peer>();
+  for (int i = 0; i < 8; ++i) {
+    proxy->echo(large, [&](Value value) {
+      EXPECT_EQ(value, large);
+      answered.count_down();
+    });
+  }
+  answered.wait();
+}
+
+TEST_F(Connections, AreRefusedByAListenerThatHasGone) {
+  const auto service = Service::start();
+  const EndpointRef endpoint = service->endpoint();
+  EXPECT_EQ(ask(connectionTo(endpoint), 1), Value(1));
+  service->stopListening();
+  EXPECT_EQ(ask(connectionTo(endpoint), 1), Value());
+  EXPECT_EQ(service->endpoint(), nullptr);
+}
+
+TEST_F(Connections, LeaveNoDescriptorBehind) {
+  const auto service = Service::start();
+  EXPECT_EQ(ask(connectionTo(service->endpoint()), 1), Value(1));
+  const auto settled = [&] {
+    const std::lock_guard lock(service->mutex);
+    return service->last.expired();
+  };
+  ASSERT_TRUE(TestSupport::eventually(settled));
+  const std::size_t before = TestSupport::openDescriptors(::getpid());
+  for (int i = 0; i < 50; ++i) {
+    const auto connection = connectionTo(service->endpoint());
+    ask(connection, Array{service->endpoint(), service->endpoint()});
+    connection->remoteObjectProxy<Peer>()->echo(service->endpoint(), [](Value) {});
+  }
+  ASSERT_TRUE(
+      TestSupport::eventually([&] { return TestSupport::openDescriptors(::getpid()) == before; }));
+}
+
+}  // namespace
+}  // namespace Platform
