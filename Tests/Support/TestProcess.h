@@ -14,6 +14,14 @@
 
 namespace TestSupport {
 
+// Whether a sanitizer slows this build down several times over; tests of large amounts take less
+// then.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+inline constexpr bool isSanitized = true;
+#else
+inline constexpr bool isSanitized = false;
+#endif
+
 // A runtime directory of the test's own, in XDG_RUNTIME_DIR while it lives.
 class PrivateRuntimeDirectory {
  public:
