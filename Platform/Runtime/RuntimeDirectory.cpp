@@ -8,7 +8,6 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "Platform/Runtime/Escaped.h"
 #include "Platform/Runtime/UniqueFd.h"
 
 namespace Platform {
@@ -23,18 +22,17 @@ std::string base() {
 
 // Empty when `path` is a directory that only this user can enter.
 std::string problemWith(const std::string& path) {
-  const std::string shown = escaped(path);
   const UniqueFd directory(::open(path.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   struct stat status {};
   if (!directory.isValid() || ::fstat(directory.get(), &status) != 0) {
-    return "the runtime directory " + shown + " cannot be used: " + std::strerror(errno);
+    return "the runtime directory " + path + " cannot be used: " + std::strerror(errno);
   }
   if (status.st_uid != ::geteuid())
-    return "the runtime directory " + shown + " belongs to another user";
+    return "the runtime directory " + path + " belongs to another user";
   if ((status.st_mode & 077) != 0)
-    return "the runtime directory " + shown + " is open to other users";
+    return "the runtime directory " + path + " is open to other users";
   if (::faccessat(AT_FDCWD, path.c_str(), W_OK | X_OK, AT_EACCESS) != 0) {
-    return "the runtime directory " + shown + " is not writable";
+    return "the runtime directory " + path + " is not writable";
   }
   return {};
 }
@@ -42,7 +40,7 @@ std::string problemWith(const std::string& path) {
 // Makes the folder when it is missing; empty when it is then there and safe.
 std::string problemMaking(const std::string& path) {
   if (::mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) {
-    return "the folder " + escaped(path) + " cannot be made: " + std::strerror(errno);
+    return "the folder " + path + " cannot be made: " + std::strerror(errno);
   }
   return problemWith(path);
 }

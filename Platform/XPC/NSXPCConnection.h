@@ -151,7 +151,7 @@ class RemoteProxy : public Interface {
     using Tuple = std::tuple<std::remove_cvref_t<Values>...>;
     const auto onReply = [reply](Decoder& decoder) {
       Tuple values;
-      if (decoder.array() != std::tuple_size_v<Tuple>) decoder.wrongClass();
+      if (decoder.array() != std::tuple_size_v<Tuple>) return decoder.wrongClass();
       std::apply([&](auto&... value) { (decode(decoder, value), ...); }, values);
       if (!decoder.isSound() || !decoder.isAtEnd() || !reply) return;
       std::apply([&](auto&... value) { reply(std::move(value)...); }, values);

@@ -109,7 +109,7 @@ template <auto Member>
 void invoke(void* object, Decoder& decoder, std::shared_ptr<ReplySender> sender) {
   using Traits = MethodTraits<decltype(Member)>;
   typename Traits::ArgumentTuple arguments;
-  if (decoder.array() != Traits::valueCount) decoder.wrongClass();
+  if (decoder.array() != Traits::valueCount) return decoder.wrongClass();
   [&]<std::size_t... I>(std::index_sequence<I...>) {
     (decode(decoder, std::get<I>(arguments)), ...);
   }

@@ -7,8 +7,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <filesystem>
 #include <iterator>
+#include <utility>
 
 extern char** environ;
 
@@ -49,8 +51,7 @@ PrivateRuntimeDirectory::~PrivateRuntimeDirectory() {
   std::filesystem::remove_all(path_, ignored);
 }
 
-ChildProcess::ChildProcess(const std::vector<std::string>& arguments,
-                           const std::vector<std::string>& environment) {
+ChildProcess::ChildProcess(const std::vector<std::string>& arguments) {
   Pipe in;
   Pipe out;
   Pipe err;
@@ -59,10 +60,8 @@ ChildProcess::ChildProcess(const std::vector<std::string>& arguments,
   ::posix_spawn_file_actions_adddup2(&actions, in.read.get(), 0);
   ::posix_spawn_file_actions_adddup2(&actions, out.write.get(), 1);
   ::posix_spawn_file_actions_adddup2(&actions, err.write.get(), 2);
-  std::vector<std::string> variables = environment;
-  for (char** variable = environ; *variable; ++variable) variables.emplace_back(*variable);
   const int error = ::posix_spawnp(&pid_, arguments[0].c_str(), &actions, nullptr,
-                                   pointers(arguments).data(), pointers(variables).data());
+                                   pointers(arguments).data(), environ);
   ::posix_spawn_file_actions_destroy(&actions);
   if (error != 0) pid_ = -1;
   input_ = std::move(in.write);
@@ -74,6 +73,15 @@ ChildProcess::~ChildProcess() {
   if (pid_ < 0) return;
   signal(SIGKILL);
   wait();
+}
+
+void ChildProcess::swap(ChildProcess& other) noexcept {
+  std::swap(pid_, other.pid_);
+  std::swap(input_, other.input_);
+  std::swap(output_, other.output_);
+  std::swap(error_, other.error_);
+  std::swap(outputRest_, other.outputRest_);
+  std::swap(errorRest_, other.errorRest_);
 }
 
 void ChildProcess::writeLine(const std::string& line) {

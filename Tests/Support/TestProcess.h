@@ -36,9 +36,12 @@ class PrivateRuntimeDirectory {
 // A child process with its standard streams on pipes. It is killed when the object goes.
 class ChildProcess {
  public:
-  explicit ChildProcess(const std::vector<std::string>& arguments,
-                        const std::vector<std::string>& environment = {});
-  ChildProcess(ChildProcess&&) = default;
+  explicit ChildProcess(const std::vector<std::string>& arguments);
+  ChildProcess(ChildProcess&& other) noexcept { swap(other); }
+  ChildProcess& operator=(ChildProcess&& other) noexcept {
+    swap(other);
+    return *this;
+  }
   ~ChildProcess();
 
   int pid() const { return pid_; }
@@ -54,6 +57,7 @@ class ChildProcess {
   int wait();
 
  private:
+  void swap(ChildProcess& other) noexcept;
   std::optional<std::string> readLine(Platform::UniqueFd& stream, std::string& rest);
   std::string readAll(Platform::UniqueFd& stream, std::string& rest);
 
