@@ -1,0 +1,96 @@
+#include "Platform/Dispatch/DispatchQueue.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <future>
+#include <latch>
+#include <thread>
+#include <vector>
+
+#include "Platform/Dispatch/WorkerPool.h"
+
+namespace Platform {
+namespace {
+
+TEST(DispatchQueue, RunsOneTaskAtATimeInTheOrderAppendedFromManyThreads) {
+  const auto queue = dispatch_queue_create("test", DISPATCH_QUEUE_SERIAL);
+  constexpr int threads = 8;
+  constexpr int tasks = 2000;
+  std::vector<int> last(threads, -1);
+  std::atomic<int> inside = 0;
+  std::latch done(threads * tasks);
+  std::vector<std::thread> appenders;
+  for (int t = 0; t < threads; ++t) {
+    appenders.emplace_back([&, t] {
+      for (int i = 0; i < tasks; ++i) {
+        dispatch_async(queue, [&, t, i] {
+          EXPECT_EQ(++inside, 1);
+          EXPECT_EQ(last[static_cast<std::size_t>(t)], i - 1);
+          EXPECT_TRUE(queue->isCurrent());
+          last[static_cast<std::size_t>(t)] = i;
+          --inside;
+          done.count_down();
+        });
+      }
+    });
+  }
+  for (std::thread& appender : appenders) appender.join();
+  done.wait();
+  EXPECT_FALSE(queue->isCurrent());
+}
+
+TEST(DispatchQueue, AppendsWithoutOvertaking) {
+  const auto queue = dispatch_queue_create("test", DISPATCH_QUEUE_SERIAL);
+  std::vector<int> order;
+  std::promise<void> done;
+  dispatch_async(queue, [&] {
+    dispatch_async(queue, [&] { order.push_back(3); });
+    dispatch_async(queue, [&] { order.push_back(4); });
+    order.push_back(1);
+  });
+  dispatch_async(queue, [&] {
+    order.push_back(2);
+    dispatch_async(queue, [&] { done.set_value(); });
+  });
+  done.get_future().wait();
+  // Whether the second task was appended before the first had run is a race of this thread.
+  EXPECT_TRUE(order == std::vector({1, 2, 3, 4}) || order == std::vector({1, 3, 4, 2}));
+}
+
+// Every task blocks until the one it has appended itself, which stands behind it on the same worker, has
+// run; with far more of them than there are workers.
+TEST(WorkerPool, BringsInWorkersWhileTasksBlock) {
+  constexpr int count = 24;
+  std::latch done(count);
+  for (int i = 0; i < count; ++i) {
+    dispatch_async(dispatch_queue_create("outer", DISPATCH_QUEUE_SERIAL), [&] {
+      std::promise<void> inner;
+      dispatch_async(dispatch_queue_create("inner", DISPATCH_QUEUE_SERIAL),
+                     [&] { inner.set_value(); });
+      inner.get_future().wait();
+      done.count_down();
+    });
+  }
+  done.wait();
+}
+
+TEST(WorkerPool, RunsDelayedTasksInTheOrderOfTheirTimesAndNotBefore) {
+  const auto queue = dispatch_queue_create("test", DISPATCH_QUEUE_SERIAL);
+  using std::chrono::milliseconds;
+  const auto start = std::chrono::steady_clock::now();
+  std::vector<int> order;
+  std::promise<void> done;
+  WorkerPool::shared().after(milliseconds(60), queue, [&] {
+    EXPECT_GE(std::chrono::steady_clock::now() - start, milliseconds(60));
+    order.push_back(2);
+    done.set_value();
+  });
+  WorkerPool::shared().after(milliseconds(20), queue, [&] { order.push_back(1); });
+  done.get_future().wait();
+  EXPECT_EQ(order, std::vector({1, 2}));
+}
+
+}  // namespace
+}  // namespace Platform
