@@ -67,7 +67,7 @@ TEST_F(Agents, BringTwoApplicationsTogetherAndAreThenNotNeeded) {
 
   const auto endpoint = connect()->retrieveEndpoint(communicationIdentifier());
   ASSERT_TRUE(endpoint && *endpoint);
-  agent.signal(SIGSTOP);
+  agent.stop();
   const auto connection = NSXPCConnection::initWithListenerEndpoint(*endpoint);
   connection->resume();
   const auto proxy = connection->synchronousRemoteObjectProxyWithErrorHandler<Communication>(
@@ -229,7 +229,7 @@ TEST_F(Agents, LeaveNobodyWaitingWhenTheyGo) {
   const auto handler = EndPointHandler::initWithServiceName(agentAppBundleIdentifier);
   handler->connect([&](NSXPCConnectionError error) { told.set_value(error); });
   EXPECT_TRUE(handler->retrieveEndpoint("a"_text));
-  agent.signal(SIGSTOP);
+  agent.stop();
   handler->retrieveEndpoint("a"_text, [](auto) { ADD_FAILURE() << "the agent was stopped"; });
   std::promise<void> asked;
   auto waiting = std::async(std::launch::async, [&] {

@@ -116,6 +116,12 @@ void ChildProcess::signal(int number) {
   ::kill(pid_, number);
 }
 
+void ChildProcess::stop() {
+  signal(SIGSTOP);
+  int status = 0;
+  ::waitpid(pid_, &status, WUNTRACED);
+}
+
 int ChildProcess::wait() {
   int status = 0;
   while (::waitpid(pid_, &status, 0) < 0 && errno == EINTR) {

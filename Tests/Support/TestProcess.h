@@ -53,6 +53,8 @@ class ChildProcess {
   std::string readAllOutput() { return readAll(output_, outputRest_); }
   std::string readAllErrors() { return readAll(error_, errorRest_); }
   void signal(int number);
+  // Returns when the process has stopped, which is some time after it was told to.
+  void stop();
   // The exit status, or minus the signal that ended it.
   int wait();
 
