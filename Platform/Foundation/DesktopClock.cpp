@@ -1,6 +1,7 @@
 #include "Platform/Foundation/DesktopClock.h"
 
 #define G_SETTINGS_ENABLE_BACKEND
+#include <fcntl.h>
 #include <gio/gio.h>
 #include <gio/gsettingsbackend.h>
 #include <sys/stat.h>
@@ -9,6 +10,8 @@
 #include <mutex>
 #include <string>
 #include <string_view>
+
+#include "Platform/Runtime/UniqueFd.h"
 
 namespace Platform {
 namespace {
@@ -25,29 +28,30 @@ struct Unref {
 template <class Object>
 using Owned = std::unique_ptr<Object, Unref>;
 
-// While one lives, the settings' libraries do not write to standard error what they miss: a folder
-// they cannot make, once for every reading.
+// While one lives, the library does not write to standard error what it misses.
 class Silence {
  public:
-  Silence() {
-    for (std::size_t i = 0; i < std::size(domains); ++i) {
-      handlers_[i] = g_log_set_handler(
-          domains[i], static_cast<GLogLevelFlags>(G_LOG_LEVEL_MASK),
-          [](const char*, GLogLevelFlags, const char*, void*) {}, nullptr);
-    }
-  }
-  ~Silence() {
-    for (std::size_t i = 0; i < std::size(domains); ++i) {
-      g_log_remove_handler(domains[i], handlers_[i]);
-    }
-  }
+  Silence()
+      : handler_(g_log_set_handler(
+            domain, static_cast<GLogLevelFlags>(G_LOG_LEVEL_MASK),
+            [](const char*, GLogLevelFlags, const char*, void*) {}, nullptr)) {}
+  ~Silence() { g_log_remove_handler(domain, handler_); }
   Silence(const Silence&) = delete;
   Silence& operator=(const Silence&) = delete;
 
  private:
-  static constexpr const char* domains[] = {"dconf", "GLib-GIO"};
-  guint handlers_[std::size(domains)];
+  static constexpr char domain[] = "GLib-GIO";
+  const guint handler_;
 };
+
+// Whether dconf can make the file by which its writers tell its readers of changes. Where it
+// cannot, it says so on standard error at each reading, and cannot be kept from it.
+bool dconfCanWork() {
+  const std::string folder = std::string(g_get_user_runtime_dir()) + "/dconf";
+  if (g_mkdir_with_parents(folder.c_str(), 0700) != 0) return false;
+  const UniqueFd file(::open((folder + "/user").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+  return file.isValid();
+}
 
 // The handle on the desktop's settings, kept since making one costs more than writing a date.
 // Values are read from it anew each time.
@@ -59,7 +63,6 @@ class Settings {
  public:
   std::optional<ClockChoice> clockChoice() {
     const std::lock_guard lock(mutex_);
-    const Silence silence;
     if (!settings_ || (!file_.empty() && versionOf(file_) != version_)) open();
     if (!settings_) return std::nullopt;
     const Owned<GVariant> value(g_settings_get_user_value(settings_.get(), keyName));
@@ -94,37 +97,33 @@ class Settings {
     if (!schema || !g_settings_schema_has_key(schema.get(), keyName)) return;
     // Notifications go to a context of our own that nobody runs, so that no main loop of the
     // application touches the handle while another thread reads it.
+    const Silence silence;
     g_main_context_push_thread_default(context_);
-    if (file_.empty()) {
-      settings_.reset(g_settings_new_full(schema.get(), nullptr, nullptr));
-      file_ = settingsFile();
-    }
-    if (!file_.empty()) {
-      version_ = versionOf(file_);
-      const Owned<GSettingsBackend> keeper(
-          g_keyfile_settings_backend_new(file_.c_str(), "/", nullptr));
+    if (const Owned<GSettingsBackend> keeper = openKeeper()) {
       settings_.reset(g_settings_new_full(schema.get(), keeper.get(), nullptr));
     }
     g_main_context_pop_thread_default(context_);
   }
 
-  // Empty when something else than a file keeps the settings.
-  std::string settingsFile() const {
-    GSettingsBackend* keeper = nullptr;
-    g_object_get(settings_.get(), "backend", &keeper, nullptr);
-    const Owned<GSettingsBackend> owned(keeper);
-    if (std::string_view(G_OBJECT_TYPE_NAME(keeper)) != "GKeyfileSettingsBackend") return {};
+  // What keeps the settings; null when it cannot do so here.
+  Owned<GSettingsBackend> openKeeper() {
+    Owned<GSettingsBackend> keeper(g_settings_backend_get_default());
+    const std::string_view kind = G_OBJECT_TYPE_NAME(keeper.get());
+    if (kind == "DConfSettingsBackend" && !dconfCanWork()) return nullptr;
+    if (kind != "GKeyfileSettingsBackend") return keeper;
     char* file = nullptr;
-    g_object_get(keeper, "filename", &file, nullptr);
+    g_object_get(keeper.get(), "filename", &file, nullptr);
     const Owned<char> ownedFile(file);
-    return file ? file : std::string();
+    file_ = file ? file : "";
+    version_ = versionOf(file_);
+    return Owned<GSettingsBackend>(g_keyfile_settings_backend_new(file_.c_str(), "/", nullptr));
   }
 
   GMainContext* const context_ = g_main_context_new();
   std::mutex mutex_;
   // Protected by mutex_:
   Owned<GSettings> settings_;
-  std::string file_;
+  std::string file_;  // that keeps the settings; empty when something else does
   Version version_;
 };
 
