@@ -4,9 +4,13 @@
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
-#include <sys/pidfd.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+// glibc 2.36 forgot to say that this is C.
+extern "C" {
+#include <sys/pidfd.h>
+}
 
 #include <cerrno>
 #include <chrono>
