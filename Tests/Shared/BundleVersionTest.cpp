@@ -1,0 +1,101 @@
+#include "Shared/BundleVersion.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "Tests/Support/TestProcess.h"
+
+namespace Gantrel_Sync_Helper {
+namespace {
+
+using namespace Platform;
+namespace fs = std::filesystem;
+
+std::string entry(const std::string& key, const std::string& value) {
+  return "<key>" + key + "</key>" + value;
+}
+const std::string shortVersion = entry("CFBundleShortVersionString", "<string>2.4.1</string>");
+const std::string buildVersion = entry("CFBundleVersion", "<string>311</string>");
+
+class BundleVersion : public testing::Test {
+ protected:
+  BundleVersion() { fs::create_directories(app_ / "Contents/Linux"); }
+
+  void write(const std::string& entries) {
+    std::ofstream(app_ / "Contents/Info.plist") << "<plist><dict>" << entries << "</dict></plist>";
+  }
+
+  TestSupport::PrivateRuntimeDirectory folder_;
+  const fs::path app_ = fs::path(folder_.path()) / "X.app";
+};
+
+TEST_F(BundleVersion, IsTheTextUnderItsKeyOrNone) {
+  const NSBundle bundle(app_.string());
+  EXPECT_EQ(bundle.infoDictionary(), std::nullopt) << "no Info.plist";
+  struct Case {
+    std::string entries;
+    std::optional<Text> shortVersion;
+    std::optional<Text> version;
+  };
+  const Case cases[] = {
+      {"", std::nullopt, std::nullopt},
+      {shortVersion, "2.4.1"_text, std::nullopt},
+      {entry("CFBundleVersion", "<string> 3\n</string>"), std::nullopt, " 3\n"_text},
+      {entry("CFBundleVersion", "<real>2.4</real>") + shortVersion, "2.4.1"_text, std::nullopt},
+      {entry("cfbundleversion", "<string>1</string>"), std::nullopt, std::nullopt},
+      {"<broken>", std::nullopt, std::nullopt},
+  };
+  for (const Case& c : cases) {
+    write(c.entries);
+    EXPECT_EQ(bundleShortVersion(bundle), c.shortVersion) << c.entries;
+    EXPECT_EQ(bundleVersion(bundle), c.version) << c.entries;
+  }
+  std::ofstream(app_ / "Contents/Info.plist") << "<plist><array/></plist>";
+  EXPECT_EQ(bundle.infoDictionary(), std::nullopt) << "not a dictionary";
+}
+
+// The application runs on while its information changes and its bundle moves.
+TEST_F(BundleVersion, OfTheApplicationIsReadAfreshFromItsOwnBundle) {
+  fs::copy(GANTREL_BUILD_DIR "/Tests/test_display", app_ / "Contents/Linux/x");
+  write(shortVersion + buildVersion + entry("CFBundleIdentifier", "<string>a.b</string>"));
+  TestSupport::ChildProcess application({app_ / "Contents/Linux/x"});
+  const auto answer = [&](const char* question) {
+    application.writeLine(question);
+    return application.readLine();
+  };
+  EXPECT_EQ(answer("version"), "2.4.1 (311)");
+  EXPECT_EQ(answer("identifier"), "a.b");
+  write(entry("CFBundleShortVersionString", "<string/>") + entry("CFBundleVersion", "<string/>"));
+  EXPECT_EQ(answer("version"), " ()");
+  EXPECT_EQ(answer("identifier"), "none");
+  for (const std::string& entries : {shortVersion, buildVersion}) {
+    write(entries);
+    EXPECT_EQ(answer("version"), "none") << entries;
+  }
+  const fs::path moved = fs::path(folder_.path()) / "Y.app";
+  fs::rename(app_, moved);
+  EXPECT_EQ(answer("version"), "none");
+  fs::create_directories(app_ / "Contents");
+  write("");
+  std::ofstream(moved / "Contents/Info.plist")
+      << "<plist><dict>" << shortVersion << buildVersion << "</dict></plist>";
+  EXPECT_EQ(answer("version"), "2.4.1 (311)");
+}
+
+TEST_F(BundleVersion, OfAnExecutableOutsideABundleIsNone) {
+  write(shortVersion + buildVersion + entry("CFBundleIdentifier", "<string>a.b</string>"));
+  for (const fs::path& executable : {app_ / "Contents/x", app_ / "Contents/MacOS/x"}) {
+    fs::create_directories(executable.parent_path());
+    fs::copy(GANTREL_BUILD_DIR "/Tests/test_display", executable);
+    TestSupport::ChildProcess application({executable});
+    application.writeLine("version");
+    application.writeLine("identifier");
+    EXPECT_EQ(application.readLine(), "none") << executable;
+    EXPECT_EQ(application.readLine(), "none") << executable;
+  }
+}
+
+}  // namespace
+}  // namespace Gantrel_Sync_Helper

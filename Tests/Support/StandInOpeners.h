@@ -1,0 +1,46 @@
+// A desktop's opener for tests: a script, first on PATH, that writes down how it was started.
+#pragma once
+
+#include <stdlib.h>
+
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include "Tests/Support/TestProcess.h"
+
+namespace TestSupport {
+
+// One folder for a test: it alone is on PATH, so that no opener of the machine is ever started.
+class StandInOpeners {
+ public:
+  StandInOpeners() { ::setenv("PATH", folder_.path().c_str(), 1); }
+
+  // The script writes its arguments, one a line, and then runs `then`.
+  void add(const std::string& name, const std::string& then) {
+    const std::string path = file(name);
+    std::ofstream(path) << "#!/bin/sh\nprintf '%s\\n' \"$0\" \"$@\" > " << file("arguments")
+                        << "\nPATH=/bin:/usr/bin\n"
+                        << then << "\n";
+    std::filesystem::permissions(path, std::filesystem::perms::owner_all);
+  }
+
+  // What an opener was started with: its name, then its arguments, a bar after each. Empty when
+  // none was started since this was last asked.
+  std::string arguments() {
+    std::ifstream written(file("arguments"));
+    std::string all;
+    for (std::string line; std::getline(written, line);) {
+      all += (all.empty() ? std::filesystem::path(line).filename().string() : line) + "|";
+    }
+    std::filesystem::remove(file("arguments"));
+    return all;
+  }
+
+  std::string file(const std::string& name) const { return folder_.path() + "/" + name; }
+
+ private:
+  PrivateRuntimeDirectory folder_;
+};
+
+}  // namespace TestSupport
