@@ -9,6 +9,7 @@
 
 #include <filesystem>
 #include <iterator>
+#include <utility>
 
 extern char** environ;
 
@@ -69,6 +70,14 @@ ChildProcess::ChildProcess(const std::vector<std::string>& arguments,
   output_ = std::move(out.read);
   error_ = std::move(err.read);
 }
+
+ChildProcess::ChildProcess(ChildProcess&& other) noexcept
+    : pid_(std::exchange(other.pid_, -1)),
+      input_(std::move(other.input_)),
+      output_(std::move(other.output_)),
+      error_(std::move(other.error_)),
+      outputRest_(std::move(other.outputRest_)),
+      errorRest_(std::move(other.errorRest_)) {}
 
 ChildProcess::~ChildProcess() {
   if (pid_ < 0) return;

@@ -30,7 +30,7 @@ class ChildProcess {
  public:
   explicit ChildProcess(const std::vector<std::string>& arguments,
                         const std::vector<std::string>& environment = {});
-  ChildProcess(ChildProcess&&) = default;
+  ChildProcess(ChildProcess&& other) noexcept;
   ~ChildProcess();
 
   int pid() const { return pid_; }
