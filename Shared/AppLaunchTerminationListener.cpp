@@ -50,7 +50,8 @@ AppLaunchTerminationListener::AppLaunchTerminationListener()
 AppLaunchTerminationListener::AppLaunchTerminationListener(InstanceCount runningInstances)
     : runningInstances_(std::move(runningInstances)) {}
 
-std::shared_ptr<AppLaunchTerminationListenerDelegate> AppLaunchTerminationListener::delegate() const {
+std::shared_ptr<AppLaunchTerminationListenerDelegate> AppLaunchTerminationListener::delegate()
+    const {
   return delegate_.lock();
 }
 
@@ -59,9 +60,13 @@ void AppLaunchTerminationListener::setDelegate(
   delegate_ = std::move(delegate);
 }
 
-std::int64_t AppLaunchTerminationListener::kvoContext() const { return kvoContext_; }
+std::int64_t AppLaunchTerminationListener::kvoContext() const {
+  return kvoContext_;
+}
 
-void AppLaunchTerminationListener::setKvoContext(std::int64_t value) { kvoContext_ = value; }
+void AppLaunchTerminationListener::setKvoContext(std::int64_t value) {
+  kvoContext_ = value;
+}
 
 const std::unordered_map<GApp, std::int64_t>& AppLaunchTerminationListener::launchedApps() const {
   return launchedApps_;

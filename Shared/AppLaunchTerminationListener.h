@@ -1,9 +1,9 @@
-// AppLaunchTerminationListener: tells its delegate when the main or the menu-bar application gains or
-// loses a running instance.
+// AppLaunchTerminationListener: tells its delegate when the main or the menu-bar application gains
+// or loses a running instance.
 //
 // It is a key-value observer of the running applications. A change only says which applications to
-// count anew; whether one launched or ended is judged from the count now and the count seen last. So
-// changes that come late, twice or together leave the counts right.
+// count anew; whether one launched or ended is judged from the count now and the count seen last.
+// So changes that come late, twice or together leave the counts right.
 //
 // AppLaunchTerminationObservation.h starts and stops the observation.
 #pragma once
@@ -31,8 +31,8 @@ class AppLaunchTerminationListenerDelegate {
   virtual void appDidTerminate(GApp app) = 0;
 };
 
-// No lock and no queue: once changes are delivered to it, everything happens where they are delivered,
-// one at a time.
+// No lock and no queue: once changes are delivered to it, everything happens where they are
+// delivered, one at a time.
 class AppLaunchTerminationListener : public Platform::NSObject {
  public:
   // How many instances of the application with this bundle identifier run now.
@@ -47,13 +47,14 @@ class AppLaunchTerminationListener : public Platform::NSObject {
   virtual std::shared_ptr<AppLaunchTerminationListenerDelegate> delegate() const;
   virtual void setDelegate(std::weak_ptr<AppLaunchTerminationListenerDelegate> delegate);
 
-  // The value means nothing; the field's address marks the observations that are this watcher's own.
+  // The value means nothing; the field's address marks the observations that are this watcher's
+  // own.
   virtual std::int64_t kvoContext() const;
   virtual void setKvoContext(std::int64_t value);
   void* kvoContextAddress() { return &kvoContext_; }
 
-  // The number of running instances seen last of each tracked application. Only an application with an
-  // entry is tracked.
+  // The number of running instances seen last of each tracked application. Only an application with
+  // an entry is tracked.
   virtual const std::unordered_map<GApp, std::int64_t>& launchedApps() const;
   virtual void setLaunchedApps(std::unordered_map<GApp, std::int64_t> counts);
 

@@ -25,7 +25,8 @@ std::string newUnique() {
   // Up to 256 bytes never fail nor come short.
   [[maybe_unused]] const auto filled = ::getrandom(bytes.data(), bytes.size(), 0);
   std::string unique;
-  for (const unsigned char byte : bytes) unique.append({lowerDigits[byte >> 4], lowerDigits[byte & 15]});
+  for (const unsigned char byte : bytes)
+    unique.append({lowerDigits[byte >> 4], lowerDigits[byte & 15]});
   return unique;
 }
 
@@ -79,7 +80,9 @@ struct flock wholeFile(short type) {
 
 }  // namespace
 
-std::optional<std::string> folder() { return runtimeDirectory("applications"); }
+std::optional<std::string> folder() {
+  return runtimeDirectory("applications");
+}
 
 UniqueFd checkIn(const Text& bundleIdentifier) {
   const auto in = folder();
@@ -129,7 +132,8 @@ std::vector<std::string> names(const std::string& folder) {
 
 Presence presence(const std::string& folder, const std::string& name) {
   const std::string path = folder + '/' + name;
-  const UniqueFd file(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+  const UniqueFd file(
+      ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
   if (!file.isValid()) {
     const bool noRoom = errno == EMFILE || errno == ENFILE || errno == ENOMEM;
     return noRoom ? Presence::unknown : Presence::gone;

@@ -1,8 +1,8 @@
 // NSRunningApplication: one running instance of an application of this user.
 //
 // An application shows itself to the others by asking for its own instance; how that works and what
-// counts as running is told in CheckIns.h. An application that offers something to others asks after
-// it has made it reachable, so that seeing it launch means that it can be reached.
+// counts as running is told in CheckIns.h. An application that offers something to others asks
+// after it has made it reachable, so that seeing it launch means that it can be reached.
 #pragma once
 
 #include <map>
@@ -29,8 +29,8 @@ class NSRunningApplication : public NSObject {
 
   // The instances now running with this bundle identifier, this process's own included; none where
   // they cannot be looked for (no runtime directory, no descriptor left). In a call of an observer
-  // (RunningApplicationsObservation.h): those that it has been told of, so that it sees each launch and
-  // each end by itself, however many there are at once.
+  // (RunningApplicationsObservation.h): those that it has been told of, so that it sees each launch
+  // and each end by itself, however many there are at once.
   static std::vector<std::shared_ptr<NSRunningApplication>> runningApplicationsWithBundleIdentifier(
       const Text& bundleIdentifier);
 

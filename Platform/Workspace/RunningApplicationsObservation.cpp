@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <mutex>
 #include <optional>
@@ -40,7 +41,13 @@ class RunningApplicationsObservation::State final
 
   // False when there is nothing to be watched.
   bool begin() {
-    if (!inotify_.isValid() || !watchFolder()) return false;
+    const auto folder = CheckIns::folder();
+    if (!folder || !inotify_.isValid()) return false;
+    folder_ = *folder;
+    const int watched =
+        ::inotify_add_watch(inotify_.get(), folder_.c_str(),
+                            IN_MOVED_TO | IN_CLOSE_WRITE | IN_MOVED_FROM | IN_DELETE | IN_ONLYDIR);
+    if (watched < 0) return false;
     for (const std::string& name : CheckIns::names(folder_)) {
       if (CheckIns::presence(folder_, name) == CheckIns::Presence::running) add(name);
     }
@@ -54,7 +61,7 @@ class RunningApplicationsObservation::State final
   }
 
   void resume() {
-    queue_->async([self = shared_from_this()] { self->lookAtAll(); });
+    queue_->async([self = shared_from_this()] { self->doubtKnown(); });
     watch_ = WorkerPool::shared().watch(inotify_.get(), EPOLLIN, weak_from_this());
   }
 
@@ -65,20 +72,13 @@ class RunningApplicationsObservation::State final
   }
 
   void ready(std::uint32_t) override {
+    if (reading_.exchange(true)) return;
     queue_->async([self = shared_from_this()] { self->readEvents(); });
   }
 
  private:
-  bool watchFolder() {
-    const auto folder = CheckIns::folder();
-    if (!folder) return false;
-    folder_ = *folder;
-    return ::inotify_add_watch(inotify_.get(), folder_.c_str(),
-                               IN_MOVED_TO | IN_CLOSE_WRITE | IN_MOVED_FROM | IN_DELETE |
-                                   IN_ONLYDIR) >= 0;
-  }
-
   void readEvents() {
+    reading_ = false;
     alignas(inotify_event) std::array<char, 16 * 1024> buffer;
     for (;;) {
       const auto size = ::read(inotify_.get(), buffer.data(), buffer.size());
@@ -87,11 +87,10 @@ class RunningApplicationsObservation::State final
         const auto* event = reinterpret_cast<const inotify_event*>(&buffer[at]);
         at += sizeof *event + event->len;
         if ((event->mask & IN_Q_OVERFLOW) != 0) {
-          lookAtAll();
-        } else if ((event->mask & IN_IGNORED) != 0) {
-          // The folder was removed. The next application would make it anew, unseen: so we do.
-          watchFolder();
-          lookAtAll();
+          doubtKnown();
+          for (const std::string& name : CheckIns::names(folder_)) {
+            if (!running_.contains(name)) lookAt(name, true);
+          }
         } else if (event->len > 0) {
           lookAt(event->name, (event->mask & IN_CLOSE_WRITE) != 0);
         }
@@ -99,14 +98,15 @@ class RunningApplicationsObservation::State final
     }
   }
 
-  void lookAtAll() {
-    std::vector<std::string> names = CheckIns::names(folder_);
+  // The ends of these may have gone by without an event for us.
+  void doubtKnown() {
+    std::vector<std::string> names;
     for (const auto& [name, instance] : running_) names.push_back(name);
     for (const std::string& name : names) lookAt(name, true);
   }
 
-  // Compares one name with what is known of it, and tells the observer of a difference. `mayBeEnding`:
-  // it may show as running while it is not, with no event to follow.
+  // Compares one name with what is known of it, and tells the observer of a difference.
+  // `mayBeEnding`: it may show as running while it is not, with no event to follow.
   void lookAt(const std::string& name, bool mayBeEnding, int looksBefore = 0) {
     if (!CheckIns::bundleIdentifierOf(name)) return;
     const auto presence = CheckIns::presence(folder_, name);
@@ -121,14 +121,16 @@ class RunningApplicationsObservation::State final
     const bool settled = presence == CheckIns::Presence::gone ||
                          (presence == CheckIns::Presence::running && !mayBeEnding);
     if (settled || looksBefore == mostLooks) return;
-    WorkerPool::shared().after(
-        firstDelay * (1 << looksBefore), queue_, [weak = weak_from_this(), name, mayBeEnding, looksBefore] {
-          if (const auto self = weak.lock()) self->lookAt(name, mayBeEnding, looksBefore + 1);
-        });
+    WorkerPool::shared().after(firstDelay * (1 << looksBefore), queue_,
+                               [weak = weak_from_this(), name, mayBeEnding, looksBefore] {
+                                 if (const auto self = weak.lock())
+                                   self->lookAt(name, mayBeEnding, looksBefore + 1);
+                               });
   }
 
   Instance add(const std::string& name) {
-    const auto instance = std::make_shared<NSRunningApplication>(CheckIns::bundleIdentifierOf(name));
+    const auto instance =
+        std::make_shared<NSRunningApplication>(CheckIns::bundleIdentifierOf(name));
     running_.emplace(name, instance);
     return instance;
   }
@@ -154,9 +156,11 @@ class RunningApplicationsObservation::State final
   Watch watch_;  // after the descriptor that it must not outlive
   std::string folder_;
   NSRunningApplication::Instances running_;
+  std::atomic<bool> reading_ = false;  // a task that will read all events is in the queue
 
-  std::recursive_mutex delivery_;  // held while the observer is called, which may end the observation
-  bool ended_ = false;             // protected by delivery_
+  std::recursive_mutex
+      delivery_;        // held while the observer is called, which may end the observation
+  bool ended_ = false;  // protected by delivery_
 };
 
 RunningApplicationsObservation::RunningApplicationsObservation(std::weak_ptr<NSObject> observer,

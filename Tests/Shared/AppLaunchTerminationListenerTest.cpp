@@ -29,6 +29,10 @@ struct Delegate final : AppLaunchTerminationListenerDelegate {
   std::vector<Counts> held;  // by the listener during each call
 };
 
+Value instance(std::optional<Text> identifier) {
+  return std::make_shared<NSRunningApplication>(std::move(identifier));
+}
+
 class AppLaunchTerminationListenerTest : public testing::Test {
  protected:
   AppLaunchTerminationListenerTest() {
@@ -40,6 +44,8 @@ class AppLaunchTerminationListenerTest : public testing::Test {
                                      listener->kvoContextAddress());
   }
 
+  const Value aMain = instance(mainAppBundleIdentifier);
+  const Value aMenu = instance(menuAppBundleIdentifier);
   std::map<Text, std::int64_t> running;  // what the system would count
   Strings asked;
   const std::shared_ptr<Delegate> delegate = std::make_shared<Delegate>();
@@ -50,18 +56,15 @@ class AppLaunchTerminationListenerTest : public testing::Test {
       });
 };
 
-Value instance(std::optional<Text> identifier) {
-  return std::make_shared<NSRunningApplication>(std::move(identifier));
-}
-
 Dictionary changeOf(Value kind, const Text& key, Value list) {
   return {{NSKeyValueChangeKindKey, std::move(kind)}, {key, std::move(list)}};
 }
-Dictionary inserted(Array list) { return changeOf(2, NSKeyValueChangeNewKey, std::move(list)); }
-Dictionary removed(Array list) { return changeOf(3, NSKeyValueChangeOldKey, std::move(list)); }
-
-const Value aMain = instance(mainAppBundleIdentifier);
-const Value aMenu = instance(menuAppBundleIdentifier);
+Dictionary inserted(Array list) {
+  return changeOf(2, NSKeyValueChangeNewKey, std::move(list));
+}
+Dictionary removed(Array list) {
+  return changeOf(3, NSKeyValueChangeOldKey, std::move(list));
+}
 
 TEST_F(AppLaunchTerminationListenerTest, JudgesByTheCountsWhateverTheChangeSays) {
   struct Case {
@@ -80,10 +83,16 @@ TEST_F(AppLaunchTerminationListenerTest, JudgesByTheCountsWhateverTheChangeSays)
       {{{main, 1}}, {{main, 1}}, removed({aMain}), {}, {{main, 1}}},
       {{{main, 1}}, {{main, 0}}, inserted({aMain}), {"end of main"}, {{main, 0}}},
       {{{main, 0}}, {{main, 1}}, removed({aMain}), {"launch of main"}, {{main, 1}}},
-      {{{main, 0}, {menu, 1}}, {{main, 1}, {menu, 0}}, removed({aMenu, aMain}),
-       {"end of menu", "launch of main"}, {{main, 1}, {menu, 0}}},
-      {{{main, 0}}, {{main, 1}}, inserted({instance({}), instance(agentAppBundleIdentifier), instance("x"_text), aMain}),
-       {"launch of main"}, {{main, 1}}},
+      {{{main, 0}, {menu, 1}},
+       {{main, 1}, {menu, 0}},
+       removed({aMenu, aMain}),
+       {"end of menu", "launch of main"},
+       {{main, 1}, {menu, 0}}},
+      {{{main, 0}},
+       {{main, 1}},
+       inserted({instance({}), instance(agentAppBundleIdentifier), instance("x"_text), aMain}),
+       {"launch of main"},
+       {{main, 1}}},
       // Only what is tracked is counted, and only what the change names.
       {{}, {{main, 1}}, inserted({aMain}), {}, {}},
       {{{menu, 0}}, {{main, 1}, {menu, 1}}, inserted({aMain}), {}, {{menu, 0}}},
@@ -97,7 +106,9 @@ TEST_F(AppLaunchTerminationListenerTest, JudgesByTheCountsWhateverTheChangeSays)
     change(c.change);
     EXPECT_EQ(delegate->calls, c.calls);
     EXPECT_EQ(listener->launchedApps(), c.after);
-    if (!c.calls.empty()) EXPECT_EQ(delegate->held[0], c.before) << "stored before the call";
+    if (!c.calls.empty()) {
+      EXPECT_EQ(delegate->held[0], c.before) << "stored before the call";
+    }
   }
 }
 

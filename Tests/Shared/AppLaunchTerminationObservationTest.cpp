@@ -91,6 +91,7 @@ struct Signals final : AppLaunchTerminationListenerDelegate {
 
 TEST_F(AppLaunchTerminationObservationTest, StartsFromWhatRunsAndEndsWithItsHandle) {
   ChildProcess early = launch(mainAppBundleIdentifier.utf8());
+  std::optional<ChildProcess> menu;
   const auto listener = std::make_shared<AppLaunchTerminationListener>();
   const auto signals = std::make_shared<Signals>();
   listener->setDelegate(signals);
@@ -99,7 +100,7 @@ TEST_F(AppLaunchTerminationObservationTest, StartsFromWhatRunsAndEndsWithItsHand
     ASSERT_TRUE(observation);
     EXPECT_EQ(observation.countsAtStart(),
               (std::unordered_map<GApp, std::int64_t>{{GApp::main, 1}, {GApp::menu, 0}}));
-    const ChildProcess menu = launch(menuAppBundleIdentifier.utf8());
+    menu.emplace(launch(menuAppBundleIdentifier.utf8()));
     EXPECT_EQ(signals->launched.get_future().get(), GApp::menu);
     kill(early);
     EXPECT_EQ(signals->ended.get_future().get(), GApp::main);

@@ -19,9 +19,10 @@ TEST(GApp, HashesToItsOrdinalAndNamesTheApplicationsThatAUserSees) {
 }
 
 TEST(GAppDeathTest, TheAgentsIdentifierStopsTheProcessWithAReport) {
-  EXPECT_EXIT(bundleIdentifier(GApp::agent), testing::ExitedWithCode(70),
-              "^fatal error: Agent doesn't support this functionality\\. We need to re-architect XPC "
-              "solution, see https://[^ ]+: file Shared/GApp, line 73\n$");
+  EXPECT_EXIT(
+      bundleIdentifier(GApp::agent), testing::ExitedWithCode(70),
+      "^fatal error: Agent doesn't support this functionality\\. We need to re-architect XPC "
+      "solution, see https://[^ ]+: file Shared/GApp, line 73\n$");
 }
 
 }  // namespace

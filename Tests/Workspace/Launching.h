@@ -13,7 +13,8 @@ namespace TestSupport {
 class RunningApplicationsTest : public testing::Test {
  protected:
   PrivateRuntimeDirectory runtime;
-  const std::filesystem::path folder = std::filesystem::path(runtime.path()) / "gantrel/applications";
+  const std::filesystem::path folder =
+      std::filesystem::path(runtime.path()) / "gantrel/applications";
 };
 
 inline const std::string testApplication = GANTREL_BUILD_DIR "/Tests/test_application";

@@ -16,6 +16,7 @@
 #include <optional>
 #include <set>
 #include <thread>
+#include <utility>
 
 #include "Platform/Runtime/KeyValueObserving.h"
 #include "Platform/Runtime/Value.h"
@@ -43,12 +44,13 @@ class Recorder : public NSObject {
     for (const Value& element : *list.asArray()) {
       const auto instance = element.asObject<NSRunningApplication>();
       const std::string identifier = instance->bundleIdentifier().value().utf8();
-      EXPECT_TRUE(inserted ? alive_.insert(instance).second : alive_.erase(instance) == 1) << identifier;
+      EXPECT_TRUE(inserted ? alive.insert(instance).second : alive.erase(instance) == 1)
+          << identifier;
       const std::lock_guard lock(mutex_);
       seen_.push_back((inserted ? '+' : '-') + identifier);
     }
     changed_.notify_all();
-    if (meanwhile) meanwhile();
+    if (const auto call = std::exchange(meanwhile, nullptr)) call();
   }
 
   // The next `count` records, once they are there.
@@ -65,10 +67,12 @@ class Recorder : public NSObject {
     return seen_.size();
   }
 
-  std::function<void()> meanwhile;  // runs in each call
+  std::function<void()> meanwhile;  // runs in the next call
+
+  std::set<std::shared_ptr<NSRunningApplication>>
+      alive;  // what the observation began with and told
 
  private:
-  std::set<std::shared_ptr<NSRunningApplication>> alive_;  // on the observation's queue
   std::mutex mutex_;
   std::condition_variable changed_;
   Strings seen_;
@@ -77,9 +81,15 @@ class Recorder : public NSObject {
 
 class RunningApplicationsObservationTest : public TestSupport::RunningApplicationsTest {
  protected:
-  void observe() {
+  void begin() {
     observation.emplace(recorder, recorder.get());
     ASSERT_TRUE(*observation);
+    for (const auto& application : observation->initialApplications()) {
+      recorder->alive.insert(application);
+    }
+  }
+  void observe() {
+    begin();
     observation->resume();
   }
   // Returns when everything that happened before has been handled.
@@ -99,7 +109,7 @@ class RunningApplicationsObservationTest : public TestSupport::RunningApplicatio
 TEST_F(RunningApplicationsObservationTest, TellsOfProcessesThatLaunchAndEndInWhateverWay) {
   ChildProcess early = launch("early");
   ChildProcess between = launch("between");
-  observation.emplace(recorder, recorder.get());
+  begin();
   ChildProcess late = launch("late");
   kill(between);
   observation->resume();
@@ -145,7 +155,8 @@ TEST_F(RunningApplicationsObservationTest, AStrangerWhoHoldsTheFileOpenChangesNo
   EXPECT_EQ(recorder->next(1), Strings{"-a"});
 }
 
-// The kernel tells of the closing before it drops the lock. Here the lock goes later still, in silence.
+// The kernel tells of the closing before it drops the lock. Here the lock goes later still, in
+// silence.
 TEST_F(RunningApplicationsObservationTest, ALockThatOutlastsTheSignOfTheEndIsLookedAtAgain) {
   UniqueFd early = CheckIns::checkIn("early"_text);
   const auto unlock = [](const UniqueFd& file) {
@@ -165,7 +176,7 @@ TEST_F(RunningApplicationsObservationTest, ALockThatOutlastsTheSignOfTheEndIsLoo
   EXPECT_EQ(recorder->next(1), Strings{"-a"});
 }
 
-TEST_F(RunningApplicationsObservationTest, AnOverflowOfEventsAndARemovedFolderLoseNothing) {
+TEST_F(RunningApplicationsObservationTest, AnOverflowOfEventsAndAFileRemovedByHandAreNoticed) {
   observe();
   std::promise<void> called, go;
   recorder->meanwhile = [&] {
@@ -184,19 +195,19 @@ TEST_F(RunningApplicationsObservationTest, AnOverflowOfEventsAndARemovedFolderLo
   }
   const ChildProcess unseen = launch("unseen");
   kill(before);
-  recorder->meanwhile = nullptr;
   go.set_value();
   EXPECT_EQ(recorder->next(1), Strings{"+before"});
   auto found = recorder->next(2);
   std::sort(found.begin(), found.end());
   EXPECT_EQ(found, (Strings{"+unseen", "-before"}));
 
-  std::filesystem::remove_all(folder.parent_path());
+  std::filesystem::remove_all(folder / CheckIns::names(folder).at(0));
   EXPECT_EQ(recorder->next(1), Strings{"-unseen"});
   settle();
 }
 
-TEST_F(RunningApplicationsObservationTest, AnEndWithoutADescriptorToLookWithIsToldOfOnceThereIsOne) {
+TEST_F(RunningApplicationsObservationTest,
+       AnEndWithoutADescriptorToLookWithIsToldOfOnceThereIsOne) {
   observe();
   ChildProcess application = launch("a");
   EXPECT_EQ(recorder->next(1), Strings{"+a"});
