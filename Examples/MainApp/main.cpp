@@ -10,6 +10,7 @@
 #include "Examples/Meetings.h"
 #include "Platform/Dispatch/NSRunLoop.h"
 #include "Platform/Foundation/PropertyList.h"
+#include "Platform/Workspace/NSRunningApplication.h"
 #include "Platform/XPC/NSXPCListener.h"
 #include "Shared/Communication.h"
 #include "Shared/EndPointHandler.h"
@@ -116,6 +117,8 @@ int main(int argumentCount, char** arguments) {
   if (agent->registerEndpoint(listener->endpoint(), communicationIdentifier()) != true) {
     return fail(whyNoAgent());
   }
+  // Checked in only now, so that whoever sees this application launch can reach it.
+  if (!NSRunningApplication::currentApplication()) return fail(whyNoAgent());
   say("offers " + std::to_string(meetings->size()) + " meetings as " +
       communicationIdentifier().utf8());
   NSRunLoop::currentRunLoop().run();

@@ -3,14 +3,24 @@
 
 #include <cstdio>
 #include <functional>
+#include <future>
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "Examples/Meetings.h"
+#include "Platform/Dispatch/NSRunLoop.h"
+#include "Platform/Foundation/NSBundle.h"
+#include "Platform/Workspace/NSRunningApplication.h"
 #include "Platform/XPC/NSXPCConnection.h"
+#include "Shared/AppLaunchTerminationListener.h"
+#include "Shared/AppLaunchTerminationObservation.h"
+#include "Shared/BundleVersion.h"
+#include "Shared/Commands.h"
 #include "Shared/Communication.h"
+#include "Shared/DateFormatting.h"
 #include "Shared/EndPointHandler.h"
 #include "Shared/GApp.h"
 
@@ -24,9 +34,16 @@ constexpr const char* help =
     "MenuApp talks to the main application, which it finds through the agent.\n"
     "\n"
     "  MenuApp upcoming        show the upcoming meetings\n"
+    "  MenuApp upcoming --wait the same, waiting for the main application to launch\n"
     "  MenuApp open ID         open the meeting with this identifier\n"
     "  MenuApp new             create a new meeting\n"
     "  MenuApp syncing on|off  show whether synchronisation is under way\n"
+    "  MenuApp watch           tell when an application launches or ends, until interrupted\n"
+    "  MenuApp help-centre     open the help centre\n"
+    "  MenuApp feedback        open the page for feedback and support\n"
+    "  MenuApp support         write a mail to support\n"
+    "  MenuApp send-logs       write a mail to support with the last day's log\n"
+    "  MenuApp --version       show the version\n"
     "  MenuApp --help          show this\n";
 
 int fail(const std::string& sentence) {
@@ -75,8 +92,85 @@ int showUpcoming() {
   if (!meetings) return 1;
   if (meetings->empty()) say("no upcoming meetings");
   for (const Meeting& meeting : *meetings) {
-    say(meeting.identifier.utf8() + "  " + meeting.title.utf8());
+    say(compactDayNameDateAndTimeForMenuIconApp(meeting.start).utf8() + "  " +
+        meeting.title.utf8() + " (" + meeting.identifier.utf8() + ")");
   }
+  return 0;
+}
+
+// Calls come on the observation's queue, one at a time.
+class LaunchTeller final : public AppLaunchTerminationListenerDelegate {
+ public:
+  explicit LaunchTeller(std::function<void(GApp, bool)> tell) : tell_(std::move(tell)) {}
+  void appDidLaunch(GApp app) override { tell_(app, true); }
+  void appDidTerminate(GApp app) override { tell_(app, false); }
+
+ private:
+  const std::function<void(GApp app, bool launched)> tell_;
+};
+
+std::shared_ptr<AppLaunchTerminationListener> listenerFor(
+    const std::shared_ptr<LaunchTeller>& teller) {
+  auto listener = std::make_shared<AppLaunchTerminationListener>();
+  listener->setDelegate(teller);
+  return listener;
+}
+
+int watch() {
+  const auto teller = std::make_shared<LaunchTeller>([](GApp app, bool launched) {
+    say(std::string(app == GApp::main ? "the main application" : "a menu-bar application") +
+        (launched ? " launched" : " ended"));
+  });
+  const AppLaunchTerminationObservation observation(listenerFor(teller), {GApp::main, GApp::menu});
+  if (!observation) return fail(whyNoAgent());
+  const auto& counts = observation.countsAtStart();
+  say("running: " + std::to_string(counts.at(GApp::main)) + " main, " +
+      std::to_string(counts.at(GApp::menu)) + " menu-bar");
+  NSRunLoop::currentRunLoop().run();
+}
+
+// Returns once the main application runs, and so can be reached. False when that cannot be told.
+bool waitForMainApp() {
+  std::promise<void> launched;
+  const auto teller =
+      std::make_shared<LaunchTeller>([&, told = false](GApp, bool isLaunch) mutable {
+        if (isLaunch && !std::exchange(told, true)) launched.set_value();
+      });
+  const AppLaunchTerminationObservation observation(listenerFor(teller), {GApp::main});
+  if (!observation) return false;
+  if (observation.countsAtStart().at(GApp::main) == 0) launched.get_future().wait();
+  return true;
+}
+
+const char* nameOf(CommandState state) {
+  switch (state) {
+    case CommandState::none:
+      return "none";
+    case CommandState::executing:
+      return "executing";
+    case CommandState::failed:
+      return "failed";
+    case CommandState::finished:
+      return "finished";
+  }
+  return "";
+}
+
+// Carries a command out and shows each state that it reaches.
+template <class Command>
+int carryOut() {
+  Command command;
+  command.setStateUpdated(std::make_shared<const std::function<void(CommandState)>>(
+      [](CommandState state) { say(nameOf(state)); }));
+  ExecutableCommandProtocol& executable = command;
+  executable.execute();
+  return command.state() == CommandState::finished ? 0 : 1;
+}
+
+int showVersion() {
+  const auto version = appVersion(NSBundle::mainBundle());
+  if (!version) return fail("the application's Info.plist tells no version.");
+  say(version->utf8());
   return 0;
 }
 
@@ -102,7 +196,22 @@ int main(int argumentCount, char** argumentVector) {
     std::fputs(help, stdout);
     return 0;
   }
+  if (command == "--version" && count == 1) return showVersion();
+
+  // From here on this is a running menu-bar application, for whoever watches.
+  if (!NSRunningApplication::currentApplication()) return fail(whyNoAgent());
   if (command == "upcoming" && count == 1) return showUpcoming();
+  if (command == "upcoming" && count == 2 && arguments[1] == "--wait") {
+    return waitForMainApp() ? showUpcoming() : fail(whyNoAgent());
+  }
+  if (command == "watch" && count == 1) return watch();
+  if (command == "feedback" && count == 1) return carryOut<FeedbackAndSupportCommand>();
+  if (command == "support" && count == 1) return carryOut<SupportCommand>();
+  if (command == "send-logs" && count == 1) return carryOut<SendLogsToSupportCommand>();
+  if (command == "help-centre" && count == 1) {
+    OpenHelpCenterCommand().execute();
+    return 0;
+  }
   if (command == "open" && count == 2) {
     const auto identifier = Text::fromUtf8(arguments[1]);
     if (!identifier) return fail("a meeting's identifier is text in UTF-8.");

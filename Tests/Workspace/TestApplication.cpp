@@ -1,0 +1,77 @@
+// An application for tests to start and end. It says by a line that it is ready, and ends with its
+// input.
+//   test_application                    checks in as the bundle it lies in: "running" or "none"
+//   test_application as IDENTIFIER      checks in under this identifier
+//   test_application fork IDENTIFIER    the same, and leaves behind a child that shares the
+//   check-in test_application watch              "LAUNCHES ENDS MAIN MENU", what a watcher has told
+//   and counted,
+//                                       at its start and after each change
+#include <unistd.h>
+
+#include <cstdio>
+#include <string_view>
+#include <utility>
+
+#include "Platform/Workspace/CheckIns.h"
+#include "Platform/Workspace/NSRunningApplication.h"
+#include "Shared/AppLaunchTerminationObservation.h"
+
+namespace {
+
+using namespace Gantrel_Sync_Helper;
+using namespace Platform;
+
+void say(const char* line) {
+  std::puts(line);
+  std::fflush(stdout);
+}
+
+void waitForEndOfInput() {
+  char byte;
+  while (::read(STDIN_FILENO, &byte, 1) > 0) continue;
+}
+
+struct Tally final : AppLaunchTerminationListenerDelegate {
+  void appDidLaunch(GApp) override { ++launches; }
+  void appDidTerminate(GApp) override { ++ends; }
+  int launches = 0;
+  int ends = 0;
+};
+
+struct Watcher final : AppLaunchTerminationListener {
+  void setLaunchedApps(std::unordered_map<GApp, std::int64_t> counts) override {
+    std::printf("%d %d %lld %lld\n", tally->launches, tally->ends,
+                static_cast<long long>(counts.at(GApp::main)),
+                static_cast<long long>(counts.at(GApp::menu)));
+    std::fflush(stdout);
+    AppLaunchTerminationListener::setLaunchedApps(std::move(counts));
+  }
+  std::shared_ptr<Tally> tally = std::make_shared<Tally>();
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const std::string_view mode = argc > 1 ? argv[1] : "";
+  if (mode == "watch") {
+    const auto watcher = std::make_shared<Watcher>();
+    watcher->setDelegate(watcher->tally);
+    const AppLaunchTerminationObservation observation(watcher, {GApp::main, GApp::menu});
+    waitForEndOfInput();
+    return 0;
+  }
+  if (mode.empty()) {
+    const auto current = NSRunningApplication::currentApplication();
+    say(current && current == NSRunningApplication::currentApplication() ? "running" : "none");
+    waitForEndOfInput();
+    return 0;
+  }
+  const UniqueFd checkIn = CheckIns::checkIn(Text::fromUtf8(argv[2]).value());
+  if (mode == "fork" && ::fork() == 0) {
+    waitForEndOfInput();
+    ::_exit(0);
+  }
+  say(checkIn.isValid() ? "running" : "none");
+  waitForEndOfInput();
+  return 0;
+}
