@@ -47,7 +47,8 @@ class RunningApplicationsObservation::State final
     const int watched =
         ::inotify_add_watch(inotify_.get(), folder_.c_str(),
                             IN_MOVED_TO | IN_CLOSE_WRITE | IN_MOVED_FROM | IN_DELETE | IN_ONLYDIR);
-    if (watched < 0) return false;
+    watch_ = WorkerPool::shared().watch(inotify_.get(), EPOLLIN, weak_from_this());
+    if (watched < 0 || !watch_) return false;
     for (const std::string& name : CheckIns::names(folder_)) {
       if (CheckIns::presence(folder_, name) == CheckIns::Presence::running) add(name);
     }
@@ -61,8 +62,10 @@ class RunningApplicationsObservation::State final
   }
 
   void resume() {
-    queue_->async([self = shared_from_this()] { self->doubtKnown(); });
-    watch_ = WorkerPool::shared().watch(inotify_.get(), EPOLLIN, weak_from_this());
+    queue_->async([self = shared_from_this()] {
+      self->doubtKnown();
+      self->readEvents();
+    });
   }
 
   void end() {
@@ -123,8 +126,8 @@ class RunningApplicationsObservation::State final
     if (settled || looksBefore == mostLooks) return;
     WorkerPool::shared().after(firstDelay * (1 << looksBefore), queue_,
                                [weak = weak_from_this(), name, mayBeEnding, looksBefore] {
-                                 if (const auto self = weak.lock())
-                                   self->lookAt(name, mayBeEnding, looksBefore + 1);
+                                 const auto self = weak.lock();
+                                 if (self) self->lookAt(name, mayBeEnding, looksBefore + 1);
                                });
   }
 
@@ -141,8 +144,9 @@ class RunningApplicationsObservation::State final
     // Let go of before the lock: the observer may end the observation, at the latest when it dies.
     const std::shared_ptr<NSObject> observer = observer_.lock();
     if (!observer) return;
-    const Dictionary change{{NSKeyValueChangeKindKey, static_cast<std::uint64_t>(kind)},
-                            {key, Array{instance}}};
+    Dictionary change;
+    change[NSKeyValueChangeKindKey] = static_cast<std::uint64_t>(kind);
+    change[key] = Array(1, instance);
     NSRunningApplication::told_ = &running_;
     observer->observeValueForKeyPath(keyPath, nullptr, &change, context_);
     NSRunningApplication::told_ = nullptr;
@@ -156,11 +160,13 @@ class RunningApplicationsObservation::State final
   Watch watch_;  // after the descriptor that it must not outlive
   std::string folder_;
   NSRunningApplication::Instances running_;
-  std::atomic<bool> reading_ = false;  // a task that will read all events is in the queue
+  // Whether a task that will read all events is in the queue, or will be once resumed.
+  std::atomic<bool> reading_ = true;
 
-  std::recursive_mutex
-      delivery_;        // held while the observer is called, which may end the observation
-  bool ended_ = false;  // protected by delivery_
+  // Held while the observer is called, which may end the observation.
+  std::recursive_mutex delivery_;
+  // Protected by delivery_:
+  bool ended_ = false;
 };
 
 RunningApplicationsObservation::RunningApplicationsObservation(std::weak_ptr<NSObject> observer,

@@ -50,7 +50,10 @@ class Recorder : public NSObject {
       seen_.push_back((inserted ? '+' : '-') + identifier);
     }
     changed_.notify_all();
-    if (const auto call = std::exchange(meanwhile, nullptr)) call();
+    std::unique_lock lock(mutex_);
+    const auto call = std::exchange(meanwhile_, nullptr);
+    lock.unlock();
+    if (call) call();
   }
 
   // The next `count` records, once they are there.
@@ -67,7 +70,11 @@ class Recorder : public NSObject {
     return seen_.size();
   }
 
-  std::function<void()> meanwhile;  // runs in the next call
+  // Runs in the next call.
+  void meanwhile(std::function<void()> function) {
+    const std::lock_guard lock(mutex_);
+    meanwhile_ = std::move(function);
+  }
 
   std::set<std::shared_ptr<NSRunningApplication>>
       alive;  // what the observation began with and told
@@ -75,6 +82,7 @@ class Recorder : public NSObject {
  private:
   std::mutex mutex_;
   std::condition_variable changed_;
+  std::function<void()> meanwhile_;
   Strings seen_;
   std::size_t taken_ = 0;
 };
@@ -179,10 +187,10 @@ TEST_F(RunningApplicationsObservationTest, ALockThatOutlastsTheSignOfTheEndIsLoo
 TEST_F(RunningApplicationsObservationTest, AnOverflowOfEventsAndAFileRemovedByHandAreNoticed) {
   observe();
   std::promise<void> called, go;
-  recorder->meanwhile = [&] {
+  recorder->meanwhile([&] {
     called.set_value();
     go.get_future().wait();
-  };
+  });
   ChildProcess before = launch("before");
   called.get_future().wait();
   std::size_t mostEvents = 0;
@@ -220,25 +228,37 @@ TEST_F(RunningApplicationsObservationTest,
   EXPECT_EQ(recorder->next(1), Strings{"-a"});
 }
 
+// Owns its observation, and goes in its call.
+struct Owner final : NSObject {
+  ~Owner() override {
+    observation.reset();
+    gone.set_value();
+  }
+  void observeValueForKeyPath(const std::optional<Text>&, const std::shared_ptr<NSObject>&,
+                              const Dictionary*, void* context) override {
+    static_cast<std::shared_ptr<Owner>*>(context)->reset();
+  }
+  std::promise<void> gone;
+  std::optional<RunningApplicationsObservation> observation;
+};
+
 TEST_F(RunningApplicationsObservationTest, EndsFromInsideItsOwnCall) {
   observe();
   const auto first = std::make_shared<Recorder>();
   std::optional<RunningApplicationsObservation> ending(std::in_place, first, first.get());
-  first->meanwhile = [&] { ending.reset(); };
-  // An observer that owns its observation, and goes in the call.
-  auto owner = std::make_shared<Recorder>();
-  const auto owned = std::make_shared<std::optional<RunningApplicationsObservation>>();
-  owned->emplace(owner, owner.get());
-  std::promise<void> gone;
-  owner->meanwhile = [&owner, last = std::shared_ptr<void>(nullptr, [&, owned](void*) {
-                                owned->reset();
-                                gone.set_value();
-                              })] { owner.reset(); };
-  const UniqueFd a = CheckIns::checkIn("a"_text), b = CheckIns::checkIn("b"_text);
+  std::promise<void> ended;
+  first->meanwhile([&] {
+    ending.reset();
+    ended.set_value();
+  });
   ending->resume();
-  (*owned)->resume();
-  EXPECT_EQ(first->next(1).size(), 1u);
-  gone.get_future().wait();
+  auto owner = std::make_shared<Owner>();
+  auto gone = owner->gone.get_future();
+  owner->observation.emplace(owner, &owner);
+  owner->observation->resume();
+  const UniqueFd a = CheckIns::checkIn("a"_text), b = CheckIns::checkIn("b"_text);
+  ended.get_future().wait();
+  gone.wait();
   EXPECT_EQ(recorder->next(2), (Strings{"+a", "+b"}));
   settle();
   EXPECT_EQ(first->seen(), 1u);
@@ -248,11 +268,11 @@ TEST_F(RunningApplicationsObservationTest, EndsElsewhereOnlyAfterACallThatIsUnde
   observe();
   std::promise<void> called, go;
   bool inside = true;
-  recorder->meanwhile = [&] {
+  recorder->meanwhile([&] {
     called.set_value();
     go.get_future().wait();
     inside = false;
-  };
+  });
   const UniqueFd application = CheckIns::checkIn("a"_text);
   called.get_future().wait();
   std::thread opener([&] { go.set_value(); });
@@ -270,9 +290,14 @@ TEST_F(RunningApplicationsObservationTest, IsAtRestWithoutASystemCall) {
   const auto switches = [] {
     std::map<std::string, std::string> byThread;
     for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
-      if (task.path().filename() == std::to_string(::getpid())) continue;
+      std::string line;
+      // Ours, not a sanitizer's.
+      if (!std::getline(std::ifstream(task.path() / "comm"), line) ||
+          !line.starts_with("gantrel")) {
+        continue;
+      }
       std::ifstream status(task.path() / "status");
-      for (std::string line; std::getline(status, line);) {
+      while (std::getline(status, line)) {
         if (line.find("ctxt_switches") != line.npos) byThread[task.path()] += line;
       }
     }
