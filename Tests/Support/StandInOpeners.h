@@ -15,6 +15,7 @@ namespace TestSupport {
 class StandInOpeners {
  public:
   StandInOpeners() { ::setenv("PATH", folder_.path().c_str(), 1); }
+  ~StandInOpeners() { ::setenv("PATH", path_.c_str(), 1); }
 
   // The script writes its arguments, one a line, and then runs `then`.
   void add(const std::string& name, const std::string& then) {
@@ -40,6 +41,7 @@ class StandInOpeners {
   std::string file(const std::string& name) const { return folder_.path() + "/" + name; }
 
  private:
+  const std::string path_ = ::getenv("PATH");
   PrivateRuntimeDirectory folder_;
 };
 

@@ -21,6 +21,7 @@ class Opening : public testing::Test {
 TEST_F(Opening, HandsOverExactlyWhatIsToBeOpened) {
   openers_.add("xdg-open", "");
   openers_.add("xdg-email", "");
+  const std::size_t before = TestSupport::openDescriptors(::getpid());
   EXPECT_TRUE(openAddress("https://a.example/?q='b c'&$(d);`e`"));
   EXPECT_EQ(openers_.arguments(), "xdg-open|https://a.example/?q='b c'&$(d);`e`|");
   EXPECT_TRUE(openMail({"a@b.example", "c d", std::nullopt}));
@@ -32,6 +33,7 @@ TEST_F(Opening, HandsOverExactlyWhatIsToBeOpened) {
   EXPECT_FALSE(openMail({"--attach", "c", std::nullopt}));
   EXPECT_EQ(openers_.arguments(), "")
       << "what would be taken for something else is not handed over";
+  EXPECT_EQ(TestSupport::openDescriptors(::getpid()), before);
 }
 
 TEST_F(Opening, FailsWhenTheOpenerDoes) {
@@ -46,7 +48,6 @@ TEST_F(Opening, FailsWhenTheOpenerDoes) {
 
 TEST_F(Opening, GivesTheOpenerNothingOfOurs) {
   const UniqueFd inherited(::dup(STDOUT_FILENO));
-  const std::size_t before = TestSupport::openDescriptors(::getpid());
   openers_.add("xdg-open",
                "echo noise; echo noise >&2\n"
                "exec > " +
@@ -63,7 +64,6 @@ TEST_F(Opening, GivesTheOpenerNothingOfOurs) {
   EXPECT_TRUE(openAddress("a:b"));
   ::pthread_sigmask(SIG_SETMASK, &unblocked, nullptr);
   EXPECT_EQ(testing::internal::GetCapturedStdout() + testing::internal::GetCapturedStderr(), "");
-  EXPECT_EQ(TestSupport::openDescriptors(::getpid()), before);
   std::ifstream seen(openers_.file("seen"));
   std::stringstream text;
   text << seen.rdbuf();
