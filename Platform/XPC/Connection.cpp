@@ -188,16 +188,26 @@ void Connection::retryConnect() {
 
 // The end of the socket is always of interest; input only when somebody is to be told of it who
 // does not read for himself.
+std::uint32_t Connection::eventsOfInterest() {
+  const bool hasListener = implementer_ || calls_.size() > waiting_.size();
+  // Once of interest, input stays so until a waiting call takes over: changing it costs a call.
+  link_->isReadByPool = waiting_.empty() && (hasListener || link_->isReadByPool);
+  std::uint32_t events = EPOLLRDHUP | EPOLLONESHOT;
+  if (link_->isReadByPool && !paused_) events |= EPOLLIN;
+  if (writeBlocked_) events |= EPOLLOUT;
+  return events;
+}
+
 void Connection::updateInterest() {
   if (!link_ || phase_ != Phase::open) return;
-  std::uint32_t events = EPOLLRDHUP;
-  const bool hasListener = implementer_ || calls_.size() > waiting_.size();
-  // Interest in input stays once it is there, until a waiting call takes over: changing it costs a
-  // call.
-  if (waiting_.empty() && (hasListener || (link_->events & EPOLLIN) != 0)) events |= EPOLLIN;
-  if (writeBlocked_) events |= EPOLLOUT;
-  if (events == link_->events) return;
-  link_->events = events;
+  // A turn does this when it ends, and so does a waiting call. Only what blocks sending cannot
+  // wait.
+  const bool isLookedAfter =
+      turnScheduled_ || inTurn_ || (!waiting_.empty() && link_->armedFor == 0);
+  if (link_->watch && isLookedAfter && !writeBlocked_) return;
+  const std::uint32_t events = eventsOfInterest();
+  if (events == link_->armedFor) return;
+  link_->armedFor = events;
   if (link_->watch) {
     link_->watch.setEvents(events);
   } else {
@@ -220,10 +230,12 @@ void Connection::flush() {
     // What the peer sent before it went is still to be read, and then the end.
     outbox_.clear();
     hungUp_ = true;
+    mayRead_ = true;
     scheduleTurn();
   }
   if (paused_ && outbox_.waitingBytes() < mostUnreadReplies / 2) {
     paused_ = false;
+    mayRead_ = true;
     scheduleTurn();
   }
   updateInterest();
@@ -286,7 +298,10 @@ std::optional<Connection::Error> Connection::waitForCall(std::uint64_t serial, O
       waiting_.front()->wake.notify_one();  // somebody has to read
     } else {
       updateInterest();
-      if (std::exchange(missedTurn_, false)) scheduleTurn();
+      if (std::exchange(missedTurn_, false)) {
+        mayRead_ = true;
+        scheduleTurn();
+      }
     }
   }
   if (call.error) return call.error;
@@ -323,7 +338,12 @@ void Connection::readForWaitingCall(Lock& lock) {
 
 void Connection::ready(std::uint32_t events) {
   const Lock lock(mutex_);
+  if (!link_) return;
+  link_->armedFor = 0;
   if ((events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0) hungUp_ = true;
+  mayRead_ = true;
+  // Not left to the queue, where a handler may be taking its time.
+  if (writeBlocked_) flush();
   scheduleTurn();
 }
 
@@ -333,23 +353,33 @@ void Connection::scheduleTurn() {
 }
 
 void Connection::turn() {
+  bool hasRead = false;
   {
     Lock lock(mutex_);
     turnScheduled_ = false;
+    inTurn_ = true;
     flush();
-    if (link_ && phase_ == Phase::open && read(lock, Wait::no)) scheduleTurn();
+    if (std::exchange(mayRead_, false) && link_ && phase_ == Phase::open) {
+      hasRead = read(lock, Wait::no);
+    }
   }
   deliverInbox();
+  const Lock lock(mutex_);
+  inTurn_ = false;
+  // What was delivered may have left tasks on other queues, whose answers the next turn sends.
+  if (hasRead) scheduleTurn();
+  updateInterest();
 }
 
-// One receive. Says whether there may be more.
+// One receive. Says whether it brought anything.
 bool Connection::read(Lock& lock, Wait wait) {
   if (reading_) {
     missedTurn_ = true;
     return false;
   }
   // While an answer of our own is awaited reading goes on, or two peers in backlog would starve.
-  if (outbox_.waitingBytes() > mostUnreadReplies && calls_.empty()) {
+  // Of a peer that is going, no more can come than is there.
+  if (outbox_.waitingBytes() > mostUnreadReplies && calls_.empty() && !hungUp_) {
     paused_ = true;
     return false;
   }
@@ -358,7 +388,6 @@ bool Connection::read(Lock& lock, Wait wait) {
   lock.unlock();
   const std::span<std::byte> buffer = receiveBuffer();
   Received received = receive(link->socket.get(), buffer, wait);
-  const bool hadDescriptors = !received.descriptors.empty();
   const bool isFull = received.bytes == buffer.size();
   std::vector<Frame> frames;
   bool isSound =
@@ -378,9 +407,10 @@ bool Connection::read(Lock& lock, Wait wait) {
     return false;
   }
   if (wait == Wait::no && !waiting_.empty()) waiting_.front()->wake.notify_one();
-  // The kernel ends a receive behind descriptors, and the end of the stream brings no event of its
-  // own when it was announced with the last data.
-  return isFull || hadDescriptors || hungUp_;
+  // A peer that sends several messages at a time is likely to have sent more by the next turn; to
+  // ask the socket is cheaper then than to wait for it.
+  if (wait == Wait::no) mayRead_ = isFull || frames.size() > 1 || hungUp_;
+  return true;
 }
 
 void Connection::take(Frame frame, std::uint64_t linkNumber) {

@@ -11,6 +11,9 @@
 // - Delivering. Frames wait in inbox_ for the connection's serial queue, which carries them out in
 // order.
 //
+// The watch on the socket is good for one event, and is set again when the turn that follows has read,
+// delivered and sent everything: while a peer keeps its connection busy, no second worker is woken for it.
+//
 // Sending happens from any thread, under the lock, without blocking. Workers do not send at once:
 // they leave it to the queue, after the task at hand, so that many replies go out in one call.
 #pragma once
@@ -86,7 +89,8 @@ class Connection final : public ReadinessHandler, public std::enable_shared_from
     const UniqueFd socket;
     FrameReader frames;        // used by whoever holds the reading role
     Watch watch;               // after socket, so that it ends before
-    std::uint32_t events = 0;  // that the watch is for
+    std::uint32_t armedFor = 0;  // the events that the watch waits for; none once it has told of one
+    bool isReadByPool = false;   // rather than by waiting calls
   };
 
   // A call in a waiting form: lives on the stack of the thread that waits.
@@ -117,6 +121,7 @@ class Connection final : public ReadinessHandler, public std::enable_shared_from
   void flush();
   void sendSoon();
   void scheduleTurn();
+  std::uint32_t eventsOfInterest();
   bool read(Lock& lock, Wait wait);
   void readForWaitingCall(Lock& lock);
   void take(Frame frame, std::uint64_t linkNumber);

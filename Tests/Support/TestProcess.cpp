@@ -51,7 +51,8 @@ PrivateRuntimeDirectory::~PrivateRuntimeDirectory() {
   std::filesystem::remove_all(path_, ignored);
 }
 
-ChildProcess::ChildProcess(const std::vector<std::string>& arguments) {
+ChildProcess::ChildProcess(const std::vector<std::string>& arguments,
+                           const std::vector<std::string>& environment) {
   Pipe in;
   Pipe out;
   Pipe err;
@@ -60,8 +61,10 @@ ChildProcess::ChildProcess(const std::vector<std::string>& arguments) {
   ::posix_spawn_file_actions_adddup2(&actions, in.read.get(), 0);
   ::posix_spawn_file_actions_adddup2(&actions, out.write.get(), 1);
   ::posix_spawn_file_actions_adddup2(&actions, err.write.get(), 2);
+  std::vector<std::string> variables = environment;
+  for (char** variable = environ; *variable; ++variable) variables.emplace_back(*variable);
   const int error = ::posix_spawnp(&pid_, arguments[0].c_str(), &actions, nullptr,
-                                   pointers(arguments).data(), environ);
+                                   pointers(arguments).data(), pointers(variables).data());
   ::posix_spawn_file_actions_destroy(&actions);
   if (error != 0) pid_ = -1;
   input_ = std::move(in.write);

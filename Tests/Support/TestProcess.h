@@ -36,7 +36,9 @@ class PrivateRuntimeDirectory {
 // A child process with its standard streams on pipes. It is killed when the object goes.
 class ChildProcess {
  public:
-  explicit ChildProcess(const std::vector<std::string>& arguments);
+  // `environment` ("NAME=value") goes before this process's own variables.
+  explicit ChildProcess(const std::vector<std::string>& arguments,
+                        const std::vector<std::string>& environment = {});
   ChildProcess(ChildProcess&& other) noexcept { swap(other); }
   ChildProcess& operator=(ChildProcess&& other) noexcept {
     swap(other);
