@@ -37,8 +37,9 @@ struct Contender {
   std::unique_ptr<Client> (*connect)(const std::string& address);
 
   // Both null for a contender that does not take part in the question of meeting.
-  // Registers a listener under `identifier` and answers every message that reaches it, for ever.
-  void (*host)(const std::string& address, const std::string& identifier) = nullptr;
+  // Registers a listener under `identifier`, calls `ready`, and answers every message, for ever.
+  void (*host)(const std::string& address, const std::string& identifier,
+               void (*ready)()) = nullptr;
   // Connects to the broker, retrieves, connects to the endpoint, waits for the answer to a first
   // message, and closes both connections.
   void (*meet)(const std::string& address, const std::string& identifier) = nullptr;

@@ -80,10 +80,10 @@ std::unique_ptr<Client> connect(const std::string& address) {
   return std::make_unique<FloorClient>(connectTo(address));
 }
 
-// The listener that was registered, or rather anything that answers a frame with an empty reply.
-void host(const std::string& address, const std::string& identifier) {
+void host(const std::string& address, const std::string& identifier, void (*ready)()) {
   const AnonymousListener listener = makeAnonymousListener();
   FloorClient(connectTo(address)).registerEndpoint(identifier, listener.endpoint.get());
+  ready();
   std::vector<char> answer;
   appendFrame(answer, FrameKind::reply);
   for (;;) {
@@ -99,7 +99,7 @@ void meet(const std::string& address, const std::string& identifier) {
   const UniqueFd endpoint = broker.retrieveEndpoint(identifier);
   if (!endpoint.isValid()) fail("nothing to meet");
   FloorClient peer(connectToEndpoint(endpoint.get()));
-  peer.retrieve("hello");
+  peer.retrieve("hello");  // the first message; whoever hosts answers any frame with an empty reply
 }
 
 }  // namespace

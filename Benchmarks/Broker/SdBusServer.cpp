@@ -1,12 +1,14 @@
 // The sd-bus contender's server.
 //
 //   bench_sdbus_server            peer to peer: accepts at the socket handed to it
-//   bench_sdbus_server ADDRESS    a service on the message bus at ADDRESS
+//   bench_sdbus_server ADDRESS    a service on the message bus at ADDRESS; says "ready" when it is
+//   one
 //
 // Each connection has a thread of its own that processes and waits: measured faster than one
 // sd-event loop over all, which adds its own timers and polling to every message.
 #include <sys/socket.h>
 
+#include <cstdio>
 #include <thread>
 
 #include "Benchmarks/Broker/Registry.h"
@@ -76,6 +78,8 @@ int main(int count, char** arguments) {
     const SdBusConnection connection = connectToBus(arguments[1]);
     offer(connection.get(), registry);
     checked(sd_bus_request_name(connection.get(), sdBusService, 0), "sd_bus_request_name");
+    std::puts("ready");
+    std::fflush(stdout);
     process(connection.get());
     return EXIT_FAILURE;  // the bus is gone
   }

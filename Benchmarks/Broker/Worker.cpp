@@ -1,6 +1,6 @@
 // The measuring loops, and main of every contender's client executable:
 //
-//   launch ADDRESS NAME COMMAND...     listens at ADDRESS and becomes the server COMMAND
+//   launch ADDRESS NAME COMMAND...     listens at ADDRESS, says "ready", becomes the server COMMAND
 //   startup ADDRESS NAME COMMAND...    the same in a child: time from its exec to a request's
 //   answer populate ADDRESS COUNT             registers COUNT identifiers idle ADDRESS COUNT holds
 //   COUNT connections, each used once host ADDRESS                       registers a listener and
@@ -38,7 +38,8 @@ using Seconds = std::chrono::duration<double>;
 using Microseconds = std::chrono::duration<double, std::micro>;
 
 constexpr std::size_t usualLength = 40;
-constexpr double warmUpShare = 0.25;  // of the measured time
+constexpr std::size_t hostedNumber = 999'999'999;  // no other step registers it
+constexpr double warmUpShare = 0.25;               // of the measured time
 
 // ASCII, `length` bytes (at least 40), different for each number.
 std::string identifierOf(std::size_t number, std::size_t length = usualLength) {
@@ -68,7 +69,9 @@ Clock::time_point after(double seconds) {
 }
 
 int launch(char** arguments) {
-  becomeServer(listenAt(arguments[0]), arguments[1], arguments + 2);
+  UniqueFd listener = listenAt(arguments[0]);
+  ready();
+  becomeServer(std::move(listener), arguments[1], arguments + 2);
 }
 
 int startup(char** arguments) {
@@ -113,7 +116,7 @@ int idle(char** arguments) {
 }
 
 int host(char** arguments) {
-  contender.host(arguments[0], identifierOf(0));
+  contender.host(arguments[0], identifierOf(hostedNumber), ready);
   return EXIT_SUCCESS;
 }
 
@@ -143,7 +146,9 @@ int latency(char** arguments) {
   std::function<void(std::size_t)> step;
   std::unique_ptr<Client> client;
   if (kind == "meet") {
-    step = [&](std::size_t i) { contender.meet(address, pick(i)); };
+    step = [&, hosted = identifierOf(hostedNumber, length)](std::size_t) {
+      contender.meet(address, hosted);
+    };
   } else {
     client = contender.connect(address);
     client->registerEndpoint(identifiers[0]);

@@ -1,0 +1,183 @@
+#!/usr/bin/env python3
+"""Asks every question of the comparison, the contenders in turn round by round, and reports.
+
+Run by scripts/bench, which builds what this needs. Documentation/performance.md explains the numbers.
+"""
+
+import contextlib
+import os
+import resource
+import statistics
+import time
+
+from contenders import ALL, BY_NAME, OURS, Log, Server, startup
+from report import Limit, Question, Ratio, Sample, report
+
+ROUNDS = 5
+SECONDS = 0.2  # of measuring, per contender and round; a quarter of it before, to get warm
+IN_FLIGHT = 64
+USUAL_LENGTH = 40
+LARGE_LENGTH = 1_000_000
+STARTUPS = 20
+REST = 10  # seconds without a system call
+
+FLOOR, GATHERED, SDBUS, BUS = "floor", "gathered", "sd-bus", "bus"
+WAITING = [c for c in ALL if c.name != GATHERED]  # gathering is for many in flight
+PROCESSORS = sorted(os.sched_getaffinity(0))[:2]
+PLACES = (("one core", PROCESSORS[:1]), ("two cores", PROCESSORS))
+
+
+def one_after_the_other(server, step, length=USUAL_LENGTH, spread=1):
+    (result,), cost = server.measure("latency", step, SECONDS, length, spread)
+    return Sample(result["median"], p99=result["p99"], cost=cost * 1e6)
+
+
+def in_flight(server, clients):
+    results, cost = server.measure("throughput", SECONDS, IN_FLIGHT, clients=clients)
+    return Sample(sum(r["operations"] / r["seconds"] for r in results), cost=cost * 1e6)
+
+
+def interleaved(subjects, measure, rounds=ROUNDS):
+    """For each label of `subjects`, one sample per round."""
+    samples = {label: [] for label in subjects}
+    for _ in range(rounds):
+        for label, subject in subjects.items():
+            samples[label].append(measure(subject))
+    return samples
+
+
+@contextlib.contextmanager
+def serving(contenders, log=None):
+    """A server of each, by title; ours logs to `log`."""
+    with contextlib.ExitStack() as stack:
+        yield {c.name: stack.enter_context(Server(c, log if c.name == OURS else None))
+               for c in contenders}
+
+
+def compare_all(where, log):
+    """The questions that are asked of all contenders."""
+    decides = where == PLACES[0][0]
+    with serving(ALL, log) as servers:
+        waiting = {c.name: servers[c.name] for c in WAITING}
+        for name in (FLOOR, OURS):
+            servers[name].keep("host")
+        meeting = {name: servers[name] for name in (FLOOR, OURS)}
+        yield Question(
+            f"Retrieve, one client that waits, {where}", "µs",
+            interleaved(waiting, lambda s: one_after_the_other(s, "retrieve")),
+            decides and [Ratio(FLOOR, at_most=1.2), Ratio(SDBUS, at_most=1.0),
+                         Ratio(BUS, at_most=0.45)])
+        yield Question(
+            f"Register, one client that waits, {where}", "µs",
+            interleaved(waiting, lambda s: one_after_the_other(s, "register")),
+            decides and [Ratio(FLOOR, at_most=1.25)])
+        for clients in (1, 4):
+            yield Question(
+                f"Retrieve, {clients} client{'s' * (clients > 1)} with {IN_FLIGHT} in flight, {where}",
+                "per second", interleaved(servers, lambda s, n=clients: in_flight(s, n)),
+                decides and [Ratio(SDBUS, at_least=5), Ratio(GATHERED, at_least=0.6),
+                             Ratio(SDBUS, at_most=0.4, of="cost")])
+        yield Question(
+            f"Connect, retrieve, connect to the endpoint, first message answered, {where}", "µs",
+            interleaved(meeting, lambda s: one_after_the_other(s, "meet")),
+            decides and [Ratio(FLOOR, at_most=1.5)])
+
+
+def compare_logs(log):
+    ours = BY_NAME[OURS]
+    with Server(ours, log) as file, Server(ours) as nowhere:
+        servers = {"to a file": file, "to nowhere": nowhere}
+        yield Question("Logging: retrieve, one client that waits, one core", "µs",
+                       interleaved(servers, lambda s: one_after_the_other(s, "retrieve")),
+                       [Ratio("to nowhere", of_row="to a file", at_most=1.15)])
+        yield Question(f"Logging: retrieve, {IN_FLIGHT} in flight, one core", "per second",
+                       interleaved(servers, lambda s: in_flight(s, 1)),
+                       [Ratio("to nowhere", of_row="to a file", at_least=0.75)])
+
+
+def compare_large():
+    def bytes_per_second(server):
+        sample = one_after_the_other(server, "retrieve", LARGE_LENGTH)
+        return Sample(LARGE_LENGTH / sample.value, cost=sample.cost)
+
+    with serving([BY_NAME[FLOOR], BY_NAME[OURS]]) as servers:
+        yield Question("Retrieve with an identifier of 1 MB, one core, logging to nowhere", "MB/s",
+                       interleaved(servers, bytes_per_second), [Ratio(FLOOR, at_least=0.5)])
+
+
+def compare_sizes(log):
+    """Whether the agent slows down as it fills, and what it keeps in memory."""
+    # Every registration holds a descriptor of the agent's.
+    room = resource.getrlimit(resource.RLIMIT_NOFILE)[1] - 1000
+    with contextlib.ExitStack() as stack:
+        identifiers = {f"{n:,} identifiers": (stack.enter_context(Server(BY_NAME[OURS], log)), n)
+                       for n in (10, 1_000, min(100_000, room))}
+        connections = {f"{n:,} connections": (stack.enter_context(Server(BY_NAME[OURS], log)), n)
+                       for n in (1, 1_000, 8_000)}
+        bus = stack.enter_context(Server(BY_NAME[BUS]))
+        first = next(iter(identifiers.values()))[0]
+        at_start = {OURS: first.private_memory(), BUS: bus.private_memory()}
+        for server, count in identifiers.values():
+            server.populate(count)
+        for server, count in connections.values():
+            server.keep("idle", count)
+
+        for subjects, spreads in ((identifiers, True), (connections, False)):
+            labels = list(subjects)
+            yield Question(
+                f"Retrieve, one client that waits, with {labels[0]} to {labels[-1]}, one core", "µs",
+                interleaved(subjects, lambda s: one_after_the_other(
+                    s[0], "retrieve", spread=s[1] if spreads else 1)),
+                [Ratio(labels[0], of_row=labels[-1], at_most=1.15)])
+
+        def kib_each(subjects):
+            (_, (few, few_count)), *_, (_, (many, many_count)) = subjects.items()
+            return (many.private_memory() - few.private_memory()) / (many_count - few_count)
+
+        per_connection, per_identifier = kib_each(connections), kib_each(identifiers)
+        yield Question("Private resident memory", "KiB", {
+            "gantrel at start": [Sample(at_start[OURS])],
+            "dbus-daemon at start": [Sample(at_start[BUS])],
+            "gantrel per idle connection": [Sample(per_connection)],
+            "gantrel per identifier": [Sample(per_identifier)],
+        }, [Limit("gantrel at start, KiB", at_start[OURS], at_start[BUS] + 4096),
+            Limit("per idle connection, KiB", per_connection, 4),
+            Limit(f"per identifier of {USUAL_LENGTH} bytes, bytes", per_identifier * 1024, 400)])
+
+
+def compare_startup(log):
+    yield Question(
+        "From exec to the first answered request, one core", "ms",
+        interleaved({c.name: c for c in WAITING}, lambda c: Sample(startup(c, log) / 1000), STARTUPS),
+        [Ratio(BUS, at_most=1.5)])
+
+
+def questions(log):
+    os.sched_setaffinity(0, PROCESSORS[:1])
+    with Server(BY_NAME[OURS], log) as resting:
+        resting.keep("idle", 1)
+        # Asked of a process that rests while all else is measured: a thread that was not given a
+        # processor made no system call.
+        rest = None
+        for where, processors in PLACES:
+            os.sched_setaffinity(0, processors)
+            for question in compare_all(where, log):
+                yield question
+                rest = rest or (time.monotonic(), resting.times_run())
+        os.sched_setaffinity(0, PROCESSORS[:1])
+        yield from compare_startup(log)
+        yield from compare_logs(log)
+        yield from compare_large()
+        yield from compare_sizes(log)
+        rested = time.monotonic() - rest[0]
+        time.sleep(max(0, REST - rested))
+        ran = resting.times_run() - rest[1]
+    yield Question(f"At rest for {max(REST, rested):.0f} seconds", "times", {
+        "a thread of the agent ran": [Sample(ran)]}, [Limit("system calls at rest", ran, 0)])
+    yield Question("The agent's log", "times", {
+        "said that lines were dropped": [Sample(log.dropped)]},
+        [Limit("dropped log lines", log.dropped, 0)])
+
+
+if __name__ == "__main__":
+    report(questions(Log()), ROUNDS)
