@@ -15,12 +15,23 @@ namespace {
 constexpr std::size_t descriptorsPerCall = 253;  // SCM_MAX_FD of the kernel
 constexpr std::size_t readSize = 64 << 10;
 
+struct Header {
+  std::uint32_t length;
+  FrameKind kind;
+};
+
+constexpr std::size_t envelopeSize(FrameKind kind) {
+  return kind == FrameKind::retrieve || kind == FrameKind::registration ? 54 : 10;
+}
+
 }  // namespace
 
 void appendFrame(std::vector<char>& out, FrameKind kind, std::string_view payload) {
-  const Header header{static_cast<std::uint32_t>(payload.size()), kind};
+  const std::size_t envelope = envelopeSize(kind);
+  const Header header{static_cast<std::uint32_t>(envelope + payload.size()), kind};
   const auto* const bytes = reinterpret_cast<const char*>(&header);
   out.insert(out.end(), bytes, bytes + sizeof header);
+  out.resize(out.size() + envelope);
   out.insert(out.end(), payload.begin(), payload.end());
 }
 
@@ -90,7 +101,8 @@ std::optional<Frame> FrameReader::next() {
   if (end_ - begin_ < sizeof header) return std::nullopt;
   std::memcpy(&header, buffer_.data() + begin_, sizeof header);
   if (end_ - begin_ - sizeof header < header.length) return std::nullopt;
-  const std::string_view payload(buffer_.data() + begin_ + sizeof header, header.length);
+  std::string_view payload(buffer_.data() + begin_ + sizeof header, header.length);
+  payload.remove_prefix(envelopeSize(header.kind));
   begin_ += sizeof header + header.length;
   return Frame{header.kind, payload};
 }

@@ -18,11 +18,6 @@ namespace Benchmark {
 
 enum class FrameKind : std::uint32_t { retrieve, registration, reply, replyWithEndpoint };
 
-struct Header {
-  std::uint32_t length;
-  FrameKind kind;
-};
-
 struct Frame {
   FrameKind kind;
   std::string_view payload;  // valid until the next call of FrameReader::receive

@@ -135,9 +135,8 @@ int latency(char** arguments) {
   const std::string address = arguments[0];
   const std::string_view kind = arguments[1];
   const double seconds = std::strtod(arguments[2], nullptr);
-  const std::size_t length = std::strtoul(arguments[3], nullptr, 10);
-  std::vector<std::string> identifiers(std::strtoul(arguments[4], nullptr, 10));
-  for (std::size_t i = 0; i < identifiers.size(); ++i) identifiers[i] = identifierOf(i, length);
+  std::vector<std::string> identifiers(std::strtoul(arguments[3], nullptr, 10));
+  for (std::size_t i = 0; i < identifiers.size(); ++i) identifiers[i] = identifierOf(i);
   // Neighbours in this order are far apart in the order of registration: 7919 is prime.
   const auto pick = [&](std::size_t i) -> const std::string& {
     return identifiers[i * 7919 % identifiers.size()];
@@ -146,7 +145,7 @@ int latency(char** arguments) {
   std::function<void(std::size_t)> step;
   std::unique_ptr<Client> client;
   if (kind == "meet") {
-    step = [&, hosted = identifierOf(hostedNumber, length)](std::size_t) {
+    step = [&, hosted = identifierOf(hostedNumber)](std::size_t) {
       contender.meet(address, hosted);
     };
   } else {
@@ -173,7 +172,7 @@ int throughput(char** arguments) {
   const std::unique_ptr<Client> client = contender.connect(arguments[0]);
   const double seconds = std::strtod(arguments[1], nullptr);
   const auto inFlight = static_cast<unsigned>(std::strtoul(arguments[2], nullptr, 10));
-  const std::string identifier = identifierOf(0);
+  const std::string identifier = identifierOf(0, std::strtoul(arguments[3], nullptr, 10));
   client->registerEndpoint(identifier);
   client->retrieveUntil(after(seconds * warmUpShare), identifier, inFlight);
   awaitGo();
@@ -195,8 +194,8 @@ const std::map<std::string_view, Command> commands{
     {"populate", {populate, 2}},
     {"idle", {idle, 2}},
     {"host", {host, 1}},
-    {"latency", {latency, 5}},
-    {"throughput", {throughput, 3}},
+    {"latency", {latency, 4}},
+    {"throughput", {throughput, 4}},
 };
 
 }  // namespace

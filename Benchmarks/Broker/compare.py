@@ -7,7 +7,6 @@ Run by scripts/bench, which builds what this needs. Documentation/performance.md
 import contextlib
 import os
 import resource
-import statistics
 import time
 
 from contenders import ALL, BY_NAME, OURS, Log, Server, startup
@@ -27,13 +26,13 @@ PROCESSORS = sorted(os.sched_getaffinity(0))[:2]
 PLACES = (("one core", PROCESSORS[:1]), ("two cores", PROCESSORS))
 
 
-def one_after_the_other(server, step, length=USUAL_LENGTH, spread=1):
-    (result,), cost = server.measure("latency", step, SECONDS, length, spread)
+def one_after_the_other(server, step, spread=1):
+    (result,), cost = server.measure("latency", step, SECONDS, spread)
     return Sample(result["median"], p99=result["p99"], cost=cost * 1e6)
 
 
 def in_flight(server, clients):
-    results, cost = server.measure("throughput", SECONDS, IN_FLIGHT, clients=clients)
+    results, cost = server.measure("throughput", SECONDS, IN_FLIGHT, USUAL_LENGTH, clients=clients)
     return Sample(sum(r["operations"] / r["seconds"] for r in results), cost=cost * 1e6)
 
 
@@ -48,7 +47,7 @@ def interleaved(subjects, measure, rounds=ROUNDS):
 
 @contextlib.contextmanager
 def serving(contenders, log=None):
-    """A server of each, by title; ours logs to `log`."""
+    """A server of each, by name; ours logs to `log`."""
     with contextlib.ExitStack() as stack:
         yield {c.name: stack.enter_context(Server(c, log if c.name == OURS else None))
                for c in contenders}
@@ -97,8 +96,8 @@ def compare_logs(log):
 
 def compare_large():
     def bytes_per_second(server):
-        sample = one_after_the_other(server, "retrieve", LARGE_LENGTH)
-        return Sample(LARGE_LENGTH / sample.value, cost=sample.cost)
+        (result,), cost = server.measure("throughput", SECONDS, 1, LARGE_LENGTH)
+        return Sample(result["operations"] * LARGE_LENGTH / result["seconds"] / 1e6, cost=cost * 1e6)
 
     with serving([BY_NAME[FLOOR], BY_NAME[OURS]]) as servers:
         yield Question("Retrieve with an identifier of 1 MB, one core, logging to nowhere", "MB/s",
