@@ -9,7 +9,7 @@ import os
 import resource
 import time
 
-from contenders import ALL, BY_NAME, OURS, Log, Server, startup
+from contenders import BY_NAME, OURS, Log, Server, startup
 from report import Limit, Question, Ratio, Sample, report
 
 ROUNDS = 5
@@ -21,9 +21,9 @@ STARTUPS = 20
 REST = 10  # seconds without a system call
 
 FLOOR, GATHERED, SDBUS, BUS = "floor", "gathered", "sd-bus", "bus"
-WAITING = [c for c in ALL if c.name != GATHERED]  # gathering is for many in flight
-PROCESSORS = sorted(os.sched_getaffinity(0))[:2]
-PLACES = (("one core", PROCESSORS[:1]), ("two cores", PROCESSORS))
+WAITING = [name for name in BY_NAME if name != GATHERED]  # gathering is for many in flight
+FIRST, *OTHERS = sorted(os.sched_getaffinity(0))
+SECOND = OTHERS[0] if OTHERS else FIRST
 
 
 def one_after_the_other(server, step, spread=1):
@@ -46,40 +46,43 @@ def interleaved(subjects, measure, rounds=ROUNDS):
 
 
 @contextlib.contextmanager
-def serving(contenders, log=None):
-    """A server of each, by name; ours logs to `log`."""
+def serving(names, processors, log=None):
+    """A server of each, by name, on these processors; ours logs to `log`."""
+    os.sched_setaffinity(0, processors)
     with contextlib.ExitStack() as stack:
-        yield {c.name: stack.enter_context(Server(c, log if c.name == OURS else None))
-               for c in contenders}
+        yield {name: stack.enter_context(Server(BY_NAME[name], log if name == OURS else None))
+               for name in names}
 
 
-def compare_all(where, log):
-    """The questions that are asked of all contenders."""
-    decides = where == PLACES[0][0]
-    with serving(ALL, log) as servers:
-        waiting = {c.name: servers[c.name] for c in WAITING}
-        for name in (FLOOR, OURS):
-            servers[name].keep("host")
-        meeting = {name: servers[name] for name in (FLOOR, OURS)}
+def compare_waiting(log, where, servers_on, clients_on, decides):
+    with serving(WAITING, servers_on, log) as servers:
+        os.sched_setaffinity(0, clients_on)
         yield Question(
             f"Retrieve, one client that waits, {where}", "µs",
-            interleaved(waiting, lambda s: one_after_the_other(s, "retrieve")),
+            interleaved(servers, lambda s: one_after_the_other(s, "retrieve")),
             decides and [Ratio(FLOOR, at_most=1.2), Ratio(SDBUS, at_most=1.0),
                          Ratio(BUS, at_most=0.45)])
         yield Question(
             f"Register, one client that waits, {where}", "µs",
-            interleaved(waiting, lambda s: one_after_the_other(s, "register")),
+            interleaved(servers, lambda s: one_after_the_other(s, "register")),
             decides and [Ratio(FLOOR, at_most=1.25)])
+        meeting = {name: servers[name] for name in (FLOOR, OURS)}
+        for server in meeting.values():
+            server.keep("host")
+        yield Question(
+            f"Connect, retrieve, connect to the endpoint, first message answered, {where}", "µs",
+            interleaved(meeting, lambda s: one_after_the_other(s, "meet")),
+            decides and [Ratio(FLOOR, at_most=1.5)])
+
+
+def compare_in_flight(log, where, processors, decides):
+    with serving(BY_NAME, processors, log) as servers:
         for clients in (1, 4):
             yield Question(
                 f"Retrieve, {clients} client{'s' * (clients > 1)} with {IN_FLIGHT} in flight, {where}",
                 "per second", interleaved(servers, lambda s, n=clients: in_flight(s, n)),
                 decides and [Ratio(SDBUS, at_least=5), Ratio(GATHERED, at_least=0.6),
                              Ratio(SDBUS, at_most=0.4, of="cost")])
-        yield Question(
-            f"Connect, retrieve, connect to the endpoint, first message answered, {where}", "µs",
-            interleaved(meeting, lambda s: one_after_the_other(s, "meet")),
-            decides and [Ratio(FLOOR, at_most=1.5)])
 
 
 def compare_logs(log):
@@ -99,7 +102,7 @@ def compare_large():
         (result,), cost = server.measure("throughput", SECONDS, 1, LARGE_LENGTH)
         return Sample(result["operations"] * LARGE_LENGTH / result["seconds"] / 1e6, cost=cost * 1e6)
 
-    with serving([BY_NAME[FLOOR], BY_NAME[OURS]]) as servers:
+    with serving((FLOOR, OURS), {FIRST}) as servers:
         yield Question("Retrieve with an identifier of 1 MB, one core, logging to nowhere", "MB/s",
                        interleaved(servers, bytes_per_second), [Ratio(FLOOR, at_least=0.5)])
 
@@ -147,32 +150,32 @@ def compare_sizes(log):
 def compare_startup(log):
     yield Question(
         "From exec to the first answered request, one core", "ms",
-        interleaved({c.name: c for c in WAITING}, lambda c: Sample(startup(c, log) / 1000), STARTUPS),
+        interleaved({name: BY_NAME[name] for name in WAITING},
+                    lambda c: Sample(startup(c, log) / 1000), STARTUPS),
         [Ratio(BUS, at_most=1.5)])
 
 
 def questions(log):
-    os.sched_setaffinity(0, PROCESSORS[:1])
+    both = {FIRST, SECOND}
+    os.sched_setaffinity(0, {FIRST})
     with Server(BY_NAME[OURS], log) as resting:
         resting.keep("idle", 1)
-        # Asked of a process that rests while all else is measured: a thread that was not given a
-        # processor made no system call.
-        rest = None
-        for where, processors in PLACES:
-            os.sched_setaffinity(0, processors)
-            for question in compare_all(where, log):
-                yield question
-                rest = rest or (time.monotonic(), resting.times_run())
-        os.sched_setaffinity(0, PROCESSORS[:1])
+        yield from compare_waiting(log, "one core", {FIRST}, {FIRST}, decides=True)
+        # All else is measured while this agent rests: what used no processor made no system call.
+        start, used = time.monotonic(), resting.processor_time()
+        yield from compare_in_flight(log, "one core", {FIRST}, decides=True)
+        yield from compare_waiting(log, "server and client on a core each", {FIRST}, {SECOND},
+                                   decides=False)
+        yield from compare_in_flight(log, "two cores", both, decides=False)
+        os.sched_setaffinity(0, {FIRST})
         yield from compare_startup(log)
         yield from compare_logs(log)
         yield from compare_large()
         yield from compare_sizes(log)
-        rested = time.monotonic() - rest[0]
-        time.sleep(max(0, REST - rested))
-        ran = resting.times_run() - rest[1]
-    yield Question(f"At rest for {max(REST, rested):.0f} seconds", "times", {
-        "a thread of the agent ran": [Sample(ran)]}, [Limit("system calls at rest", ran, 0)])
+        time.sleep(max(0, start + REST - time.monotonic()))
+        used = (resting.processor_time() - used) * 1e6
+    yield Question(f"At rest, for {REST} seconds or longer", "µs of processor time", {
+        OURS: [Sample(used)]}, [Limit("processor time at rest, µs", used, 0)])
     yield Question("The agent's log", "times", {
         "said that lines were dropped": [Sample(log.dropped)]},
         [Limit("dropped log lines", log.dropped, 0)])

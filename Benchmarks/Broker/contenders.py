@@ -37,7 +37,7 @@ def agent_service_name():
 
 AGENT = agent_service_name()
 
-ALL = (
+BY_NAME = {contender.name: contender for contender in (
     Contender("floor", "bare sockets", "bench_floor_client", (program("bench_floor_server"), "1")),
     Contender("gathered", "bare sockets, replies gathered", "bench_floor_client",
               (program("bench_floor_server"), "32")),
@@ -51,8 +51,7 @@ ALL = (
     Contender("gantrel", "Gantrel's agent", "bench_gantrel_client",
               (str(BUILD / "GantrelAgent.app/Contents/Linux/GantrelAgent"),),
               socket=f"gantrel/{AGENT}.socket", handed_name=AGENT),
-)
-BY_NAME = {contender.name: contender for contender in ALL}
+)}
 OURS = "gantrel"
 
 
@@ -95,7 +94,7 @@ class Place:
 
 
 class Server(Place):
-    """A contender's serving processes, pinned like the process that makes them."""
+    """A contender's serving processes, on the processors where the process that makes them is."""
 
     def __init__(self, contender, log=None):
         """Without a log, what the server says goes nowhere."""
@@ -158,11 +157,6 @@ class Server(Place):
         rollup = Path(f"/proc/{self.processes[0].pid}/smaps_rollup").read_text()
         return sum(int(line.split()[1]) for line in rollup.splitlines()
                    if line.startswith(("Private_Clean:", "Private_Dirty:")))
-
-    def times_run(self):
-        """How often any thread of the first process was given a processor."""
-        threads = Path(f"/proc/{self.processes[0].pid}/task").iterdir()
-        return sum(int((thread / "schedstat").read_text().split()[2]) for thread in threads)
 
 
 def finish(worker):
