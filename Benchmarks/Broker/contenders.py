@@ -160,6 +160,7 @@ class Server(Place):
 
 
 def finish(worker):
+    """Lets a client process end and waits for it."""
     worker.stdin.close()
     worker.wait()
 

@@ -9,7 +9,9 @@ import time
 from dataclasses import dataclass
 from pathlib import Path
 
-from contenders import BUILD, BY_NAME, OURS
+from contenders import BUILD, OURS
+
+OUR_COLOUR, OTHER_COLOUR = 0x2A6FBB, 0x9AA5B1
 
 
 @dataclass(frozen=True)
@@ -118,7 +120,8 @@ def machine():
 
 
 def picture(summaries, path):
-    """One panel per question, bars of the medians; drawn by gnuplot."""
+    """A panel for each question that compares, with bars of the medians; drawn by gnuplot."""
+    summaries = [summary for summary in summaries if len(summary["rows"]) > 1]
     columns = 3
     lines = -(-len(summaries) // columns)
     script = [f"set terminal svg size {columns * 460},{lines * 270} dynamic background rgb 'white' "
@@ -129,11 +132,9 @@ def picture(summaries, path):
               "set title noenhanced",
               f"set multiplot layout {lines},{columns}"]
     for summary in summaries:
-        ours = [label == OURS or label.startswith(OURS) for label in
-                (row["label"] for row in summary["rows"])]
         script += ["$data << END"]
         script += [f"{i} {row['median']} \"{row['label']}\" \"{number(row['median'])}\" "
-                   f"{0x2a6fbb if ours[i] else 0x9aa5b1}"
+                   f"{OUR_COLOUR if row['label'] == OURS else OTHER_COLOUR}"
                    for i, row in enumerate(summary["rows"])]
         script += ["END", f"set title \"{wrapped(summary['title'])}\"",
                    f"set ylabel \"{summary['unit']}\" noenhanced",
