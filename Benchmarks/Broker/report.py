@@ -128,8 +128,8 @@ def picture(summaries, path):
               "font 'sans-serif,11'",
               f"set output '{path}'",
               "set style fill solid 0.8 noborder", "set boxwidth 0.7", "unset key",
-              "set xtics nomirror noenhanced rotate by -20", "set ytics nomirror", "set border 3",
-              "set title noenhanced",
+              "set xtics nomirror noenhanced scale 0", "unset ytics", "set border 1",
+              "set lmargin 5", "set bmargin 3",
               f"set multiplot layout {lines},{columns}"]
     for summary in summaries:
         script += ["$data << END"]
