@@ -155,6 +155,8 @@ class Connection final : public ReadinessHandler, public std::enable_shared_from
   bool reading_ = false;
   bool missedTurn_ = false;  // a worker came while somebody else was reading
   bool turnScheduled_ = false;
+  bool inTurn_ = false;
+  bool mayRead_ = false;  // there may be something to read: for the next turn
   bool hungUp_ = false;  // the socket said that its end is near: read on until it comes
   bool writeBlocked_ = false;
   bool retryScheduled_ = false;

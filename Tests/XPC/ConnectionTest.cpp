@@ -292,7 +292,7 @@ TEST_F(Connections, LeaveNoDescriptorBehind) {
     connection->remoteObjectProxy<Peer>()->echo(service->endpoint(), [](Value) {});
   }
   ASSERT_TRUE(
-      TestSupport::eventually([&] { return TestSupport::openDescriptors(::getpid()) == before; }));
+      TestSupport::eventually([&] { return TestSupport::openDescriptors(::getpid()) <= before; }));
 }
 
 }  // namespace
