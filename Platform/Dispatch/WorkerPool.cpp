@@ -238,6 +238,11 @@ void WorkerPool::after(std::chrono::milliseconds delay, dispatch_queue_t queue, 
   state_->armTimer();
 }
 
+bool WorkerPool::canSpareWorker() {
+  const std::lock_guard lock(state_->mutex);
+  return state_->line.empty() && state_->sleeping > 0;
+}
+
 WorkerPool::BlockingRegion::BlockingRegion() {
   if (!thisWorker || thisWorker->regions++ != 0) return;
   State& state = *shared().state_;

@@ -6,12 +6,31 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 
 namespace Platform {
 namespace {
 
 bool isPlain(char c) {
   return c >= 0x20 && c < 0x7F && c != '\\';
+}
+
+// Eight characters at a time: a log line is nearly always plain, and may be megabytes long. (Each
+// term below has a byte's high bit set where that byte is not plain; borrows only add false
+// alarms.)
+bool areAllPlain(std::string_view text) {
+  constexpr std::uint64_t ones = 0x0101010101010101u;
+  constexpr std::uint64_t highs = ones * 0x80;
+  std::size_t i = 0;
+  for (; i + 8 <= text.size(); i += 8) {
+    std::uint64_t word;
+    std::memcpy(&word, text.data() + i, 8);
+    const std::uint64_t backslash = (word ^ ones * '\\') - ones;
+    const std::uint64_t erased = (word ^ ones * 0x7F) - ones;
+    const std::uint64_t control = word - ones * 0x20;
+    if (((word | backslash | erased | control) & highs) != 0) break;
+  }
+  return std::all_of(text.begin() + static_cast<std::ptrdiff_t>(i), text.end(), isPlain);
 }
 
 void appendCode(std::string& out, const char* format, unsigned code) {
@@ -23,8 +42,16 @@ void appendCode(std::string& out, const char* format, unsigned code) {
 }  // namespace
 
 std::string escaped(std::string_view utf8) {
-  if (std::all_of(utf8.begin(), utf8.end(), isPlain)) return std::string(utf8);
   std::string out;
+  appendEscaped(out, utf8);
+  return out;
+}
+
+void appendEscaped(std::string& out, std::string_view utf8) {
+  if (areAllPlain(utf8)) {
+    out.append(utf8);
+    return;
+  }
   const auto* data = reinterpret_cast<const std::uint8_t*>(utf8.data());
   const auto size = static_cast<std::int64_t>(utf8.size());
   for (std::int64_t i = 0; i < size;) {
@@ -47,7 +74,6 @@ std::string escaped(std::string_view utf8) {
       out.append(utf8.substr(static_cast<std::size_t>(start), static_cast<std::size_t>(i - start)));
     }
   }
-  return out;
 }
 
 }  // namespace Platform

@@ -11,5 +11,6 @@ namespace Platform {
 // \u{NNNN}, and the backslash doubled so that nothing else can look like an escape. Bytes that are
 // not UTF-8 are written as \xNN.
 std::string escaped(std::string_view utf8);
+void appendEscaped(std::string& out, std::string_view utf8);
 
 }  // namespace Platform

@@ -85,11 +85,13 @@ class LineFormatter {
       ::gmtime_r(&calendarTime, &utc);
       std::strftime(secondText_, sizeof secondText_, "%Y-%m-%dT%H:%M:%S", &utc);
     }
-    const auto micros =
-        std::chrono::floor<std::chrono::microseconds>(sinceEpoch).count() % 1'000'000;
-    char fraction[16];
-    std::snprintf(fraction, sizeof fraction, ".%06dZ ", static_cast<int>(micros));
-    out.append(secondText_).append(fraction).append(escaped(message));
+    auto micros = std::chrono::floor<std::chrono::microseconds>(sinceEpoch).count() % 1'000'000;
+    char fraction[] = ".000000Z ";
+    for (char* digit = fraction + 6; micros != 0; micros /= 10) {
+      *digit-- = static_cast<char>('0' + micros % 10);
+    }
+    out.append(secondText_).append(fraction);
+    appendEscaped(out, message);
     out.append(" (").append(record.sourceFile).append(":").append(std::to_string(record.line));
     out.append(" ").append(record.function).append(")\n");
   }

@@ -358,8 +358,13 @@ EndpointRef Decoder::endpointAt(std::uint64_t index) {
     malformed();
     return nullptr;
   }
-  // One that is named a second time is gone already, and so no endpoint.
-  EndpointRef endpoint = NSXPCListenerEndpoint::adopt(std::move(descriptors_[index]));
+  UniqueFd& descriptor = descriptors_[index];
+  EndpointRef endpoint;
+  if (descriptor.isValid()) {  // one that is named a second time is gone already
+    endpoint = policy_ == Descriptors::checked
+                   ? NSXPCListenerEndpoint::adopt(std::move(descriptor))
+                   : std::make_shared<NSXPCListenerEndpoint>(std::move(descriptor));
+  }
   if (!endpoint) wrongClass();
   return endpoint;
 }

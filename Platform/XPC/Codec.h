@@ -57,10 +57,17 @@ class Encoder {
   OutgoingFrame frame_;
 };
 
+// Whether the decoder looks at a descriptor before it passes for an endpoint. What a request brings
+// is looked at, so that nothing else ever gets into a map of endpoints. An answer's is not: it goes
+// to the one who asked, to whom a false one is an endpoint whose listener has gone, and the look is
+// a system call.
+enum class Descriptors { checked, taken };
+
 // Reads one frame's payload, item by item. Owns nothing: the frame must outlive it.
 class Decoder {
  public:
-  explicit Decoder(Frame& frame) : rest_(frame.payload), descriptors_(frame.descriptors) {}
+  explicit Decoder(Frame& frame, Descriptors policy = Descriptors::checked)
+      : rest_(frame.payload), descriptors_(frame.descriptors), policy_(policy) {}
 
   bool isMalformed() const { return malformed_; }
   bool isWrongClass() const { return wrongClass_; }
@@ -101,6 +108,7 @@ class Decoder {
 
   std::span<const std::byte> rest_;
   std::span<UniqueFd> descriptors_;
+  const Descriptors policy_;
   bool malformed_ = false;
   bool wrongClass_ = false;
 };

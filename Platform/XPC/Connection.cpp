@@ -19,6 +19,7 @@ constexpr std::size_t bytesPerTurn =
 constexpr std::size_t mostUnreadReplies =
     256 << 10;  // bytes; then the peer has to read before it may ask
 constexpr auto retryDelay = std::chrono::milliseconds(10);
+constexpr auto lingerTime = std::chrono::milliseconds(10);
 
 std::span<std::byte> receiveBuffer() {
   // Not cleared, so a thread that only ever receives little touches little of it.
@@ -242,7 +243,7 @@ void Connection::flush() {
 }
 
 void Connection::sendSoon() {
-  if (WorkerPool::isWorker()) {
+  if (WorkerPool::isWorker() && !isLingering_) {
     scheduleTurn();
   } else {
     flush();
@@ -305,7 +306,7 @@ std::optional<Connection::Error> Connection::waitForCall(std::uint64_t serial, O
     }
   }
   if (call.error) return call.error;
-  Decoder decoder(*call.answer);
+  Decoder decoder(*call.answer, Descriptors::taken);
   decoder.array();
   const bool isReply = decoder.unsignedInteger() == static_cast<std::uint64_t>(Wire::Kind::reply);
   decoder.unsignedInteger();
@@ -316,6 +317,7 @@ std::optional<Connection::Error> Connection::waitForCall(std::uint64_t serial, O
 
 void Connection::readForWaitingCall(Lock& lock) {
   if (outbox_.isEmpty()) {
+    if (std::exchange(link_->isImpatient, false)) setReceivePatience(link_->socket.get(), {});
     read(lock, Wait::yes);
   } else {
     const std::shared_ptr<Link> link = link_;
@@ -359,8 +361,10 @@ void Connection::turn() {
     turnScheduled_ = false;
     inTurn_ = true;
     flush();
-    if (std::exchange(mayRead_, false) && link_ && phase_ == Phase::open) {
-      hasRead = read(lock, Wait::no);
+    const bool mayLinger = std::exchange(mayLinger_, false);
+    if (link_ && phase_ == Phase::open) {
+      hasRead = std::exchange(mayRead_, false) ? read(lock, Wait::no) : mayLinger && linger(lock);
+      mayLinger_ = hasRead && !inbox_.empty();
     }
   }
   deliverInbox();
@@ -369,6 +373,19 @@ void Connection::turn() {
   // What was delivered may have left tasks on other queues, whose answers the next turn sends.
   if (hasRead) scheduleTurn();
   updateInterest();
+}
+
+bool Connection::linger(Lock& lock) {
+  if (reading_ || !waiting_.empty() || !outbox_.isEmpty()) return false;
+  if (!WorkerPool::shared().canSpareWorker()) return false;
+  if (!std::exchange(link_->isImpatient, true)) {
+    setReceivePatience(link_->socket.get(), lingerTime);
+  }
+  const WorkerPool::BlockingRegion region;
+  isLingering_ = true;
+  const bool hasRead = read(lock, Wait::yes);
+  isLingering_ = false;
+  return hasRead;
 }
 
 // One receive. Says whether it brought anything.
@@ -464,9 +481,9 @@ bool Connection::deliver(Incoming& incoming) {
     case Wire::Kind::call:
       return count == 4 && deliverCall(incoming, decoder, true);
     case Wire::Kind::reply:
-      return count == 3 && deliverAnswer(decoder, true);
+      return count == 3 && deliverAnswer(incoming, true);
     case Wire::Kind::refusal:
-      return count == 2 && deliverAnswer(decoder, false);
+      return count == 2 && deliverAnswer(incoming, false);
   }
   return false;
 }
@@ -488,7 +505,10 @@ bool Connection::deliverCall(Incoming& incoming, Decoder& decoder, bool expectsA
   return whole.isSound() && whole.isAtEnd();
 }
 
-bool Connection::deliverAnswer(Decoder& decoder, bool isReply) {
+bool Connection::deliverAnswer(Incoming& incoming, bool isReply) {
+  Decoder decoder(incoming.frame, Descriptors::taken);
+  decoder.array();
+  decoder.unsignedInteger();
   const std::uint64_t serial = decoder.unsignedInteger();
   if (!decoder.isSound()) return false;
   PendingCall call;

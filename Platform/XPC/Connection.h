@@ -11,8 +11,11 @@
 // - Delivering. Frames wait in inbox_ for the connection's serial queue, which carries them out in
 // order.
 //
-// The watch on the socket is good for one event, and is set again when the turn that follows has read,
-// delivered and sent everything: while a peer keeps its connection busy, no second worker is woken for it.
+// The watch on the socket is good for one event, so while a peer is served no second worker wakes
+// for it. The worker that has answered a peer lingers: it waits for the peer's next message in the
+// receive call itself for a moment, if another worker is there for everything else. A peer that
+// asks again soon is served with two system calls. Then the watch is set again, and the connection
+// rests.
 //
 // Sending happens from any thread, under the lock, without blocking. Workers do not send at once:
 // they leave it to the queue, after the task at hand, so that many replies go out in one call.
@@ -87,10 +90,12 @@ class Connection final : public ReadinessHandler, public std::enable_shared_from
         : number(linkNumber), socket(std::move(connected)) {}
     const std::uint64_t number;
     const UniqueFd socket;
-    FrameReader frames;        // used by whoever holds the reading role
-    Watch watch;               // after socket, so that it ends before
-    std::uint32_t armedFor = 0;  // the events that the watch waits for; none once it has told of one
-    bool isReadByPool = false;   // rather than by waiting calls
+    FrameReader frames;  // used by whoever holds the reading role
+    Watch watch;         // after socket, so that it ends before
+    std::uint32_t armedFor =
+        0;                      // the events that the watch waits for; none once it has told of one
+    bool isReadByPool = false;  // rather than by waiting calls
+    bool isImpatient = false;   // a receive that waits ends by itself after a moment
   };
 
   // A call in a waiting form: lives on the stack of the thread that waits.
@@ -123,6 +128,7 @@ class Connection final : public ReadinessHandler, public std::enable_shared_from
   void scheduleTurn();
   std::uint32_t eventsOfInterest();
   bool read(Lock& lock, Wait wait);
+  bool linger(Lock& lock);
   void readForWaitingCall(Lock& lock);
   void take(Frame frame, std::uint64_t linkNumber);
   void endLink(Ending ending);
@@ -134,7 +140,7 @@ class Connection final : public ReadinessHandler, public std::enable_shared_from
   void deliverInbox();
   bool deliver(Incoming& incoming);
   bool deliverCall(Incoming& incoming, Decoder& decoder, bool expectsAnswer);
-  bool deliverAnswer(Decoder& decoder, bool isReply);
+  bool deliverAnswer(Incoming& incoming, bool isReply);
   void announceEnd(bool isFinal);
 
   const Target target_;
@@ -156,7 +162,9 @@ class Connection final : public ReadinessHandler, public std::enable_shared_from
   bool missedTurn_ = false;  // a worker came while somebody else was reading
   bool turnScheduled_ = false;
   bool inTurn_ = false;
-  bool mayRead_ = false;  // there may be something to read: for the next turn
+  bool mayRead_ = false;    // there may be something to read: for the next turn
+  bool mayLinger_ = false;  // the last turn has delivered something: for the next turn
+  bool isLingering_ = false;
   bool hungUp_ = false;  // the socket said that its end is near: read on until it comes
   bool writeBlocked_ = false;
   bool retryScheduled_ = false;

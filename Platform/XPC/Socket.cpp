@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -28,6 +29,11 @@ UniqueFd newSocket(int flags) {
 }
 
 }  // namespace
+
+void setReceivePatience(int socket, std::chrono::microseconds patience) {
+  const timeval time{0, patience.count()};
+  ::setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &time, sizeof time);
+}
 
 Received receive(int socket, std::span<std::byte> buffer, Wait wait) {
   Received received;

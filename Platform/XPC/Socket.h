@@ -1,6 +1,7 @@
 // The socket calls of the layer: stream sockets of this machine, close-on-exec from birth.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <optional>
 #include <span>
@@ -23,6 +24,9 @@ struct Received {
   std::size_t bytes = 0;  // in the buffer
   std::vector<UniqueFd> descriptors;
 };
+
+// How long a `receive` that waits does so at most; zero: for ever.
+void setReceivePatience(int socket, std::chrono::microseconds patience);
 
 // Reads what is there. Every descriptor is owned before anything else happens.
 Received receive(int socket, std::span<std::byte> buffer, Wait wait);
