@@ -269,7 +269,7 @@ TEST_F(DesktopSettings, AreReadAsAnotherProcessHasSetThem) {
               gsettings set org.gnome.desktop.interface clock-format "$choice" && echo done
             done)",
                                        backend});
-    TestSupport::ChildProcess application({display_}, {"GSETTINGS_BACKEND=" + backend});
+    TestSupport::ChildProcess application({"env", "GSETTINGS_BACKEND=" + backend, display_});
     expectTimes(application, "14:07");
     for (const char* const choice : {"12h", "24h", "12h"}) {
       session.writeLine(choice);
@@ -294,7 +294,9 @@ TEST_F(DesktopSettings, ThatAreMissingAreSilentlyDoneWithout) {
   for (std::vector<std::string> variables : surroundings) {
     const std::string what = variables[0] + " " + variables.back();
     if (!variables[0].starts_with("GSETTINGS")) variables.push_back("GSETTINGS_BACKEND=");
-    TestSupport::ChildProcess application({display_}, variables);
+    variables.insert(variables.begin(), "env");
+    variables.push_back(display_);
+    TestSupport::ChildProcess application(variables);
     expectTimes(application, "14:07");
     expectTimes(application, "14:07");
     application.closeInput();
