@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <condition_variable>
 #include <fstream>
 #include <functional>
@@ -56,10 +57,12 @@ class Recorder : public NSObject {
     if (call) call();
   }
 
-  // The next `count` records, once they are there.
+  // The next `count` records, once they are there; fewer when they do not come within a minute.
   Strings next(std::size_t count) {
     std::unique_lock lock(mutex_);
-    changed_.wait(lock, [&] { return seen_.size() >= taken_ + count; });
+    changed_.wait_for(lock, std::chrono::minutes(1),
+                      [&] { return seen_.size() >= taken_ + count; });
+    count = std::min(count, seen_.size() - taken_);
     const auto from = seen_.begin() + static_cast<std::ptrdiff_t>(taken_);
     taken_ += count;
     return {from, from + static_cast<std::ptrdiff_t>(count)};
