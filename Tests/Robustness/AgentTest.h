@@ -21,11 +21,10 @@ class AgentTest : public testing::Test {
     return directory.path() + "/gantrel/" + agentAppBundleIdentifier.utf8() + ".socket";
   }
 
-  // An agent that can be reached. `command` stands before it.
-  static TestSupport::ChildProcess startAgent(std::vector<std::string> command = {}) {
-    command.push_back(TestSupport::executableOf("GantrelAgent"));
-    TestSupport::ChildProcess agent(command);
-    EXPECT_TRUE(agent.readErrorLine() && agent.readErrorLine()) << "Agent init, Agent resume";
+  // An agent that can be reached, started by a line for the shell that ends in `exec "$0"`.
+  static TestSupport::ChildProcess startAgent(const std::string& line = "exec \"$0\" 2>/dev/null") {
+    TestSupport::ChildProcess agent(
+        {"bash", "-c", line, TestSupport::executableOf("GantrelAgent")});
     EXPECT_TRUE(
         TestSupport::eventually([] { return connect()->retrieveEndpoint({}).has_value(); }));
     return agent;

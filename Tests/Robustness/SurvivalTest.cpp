@@ -139,9 +139,8 @@ TEST_F(Applications, AwakenAnAgentThatAServiceManagerStartsOnDemand) {
   ASSERT_EQ(::poll(&visitor, 1, 60'000), 1);
   const UniqueFd inherited(::dup(socket.get()));
   agent =
-      startAgent({"bash", "-c",
-                  "LISTEN_FDS=1 LISTEN_PID=$$ LISTEN_FDNAMES=" + agentAppBundleIdentifier.utf8() +
-                      " exec \"$0\" 3<&" + std::to_string(inherited.get())});
+      startAgent("LISTEN_FDS=1 LISTEN_PID=$$ LISTEN_FDNAMES=" + agentAppBundleIdentifier.utf8() +
+                 " exec \"$0\" 2>/dev/null 3<&" + std::to_string(inherited.get()));
   EXPECT_TRUE(eventually([&] { return found("a"_text) == inode(listener->endpoint()); }));
 }
 
