@@ -3,10 +3,13 @@
 #include <utility>
 
 #include "Platform/Runtime/Stop.h"
+#include "Shared/Registrations.h"
 
 namespace Gantrel_Sync_Helper {
 
 using namespace Platform;
+
+EndPointHandler::EndPointHandler() = default;
 
 EndPointHandler::~EndPointHandler() {
   serviceName_.reset();
@@ -48,13 +51,22 @@ void EndPointHandler::setRemoteObjectProxy(std::shared_ptr<EndPointHandling> pro
 
 void EndPointHandler::connect(ErrorBlock onError) {
   setAgentConnection(NSXPCConnection::initWithMachServiceName(serviceName()));
+  registrations_ = std::make_shared<Registrations>(serviceName(), agentConnection());
+  const auto agentIsAway = [registrations = std::weak_ptr(registrations_)] {
+    if (const auto self = registrations.lock()) self->agentIsAway();
+  };
+  agentConnection()->setInterruptionHandler(agentIsAway);
   agentConnection()->resume();
-  setRemoteObjectProxy(
-      agentConnection()->remoteObjectProxyWithErrorHandler<EndPointHandling>(std::move(onError)));
+  setRemoteObjectProxy(agentConnection()->remoteObjectProxyWithErrorHandler<EndPointHandling>(
+      [agentIsAway, onError = std::move(onError)](NSXPCConnectionError error) {
+        if (error == NSXPCConnectionError::interrupted) agentIsAway();
+        if (onError) onError(error);
+      }));
 }
 
 void EndPointHandler::registerEndpoint(const EndpointRef& endpoint, const Text& identifier,
                                        Reply<bool> reply) {
+  if (registrations_) registrations_->note(endpoint, identifier);
   if (const auto proxy = remoteObjectProxy()) {
     proxy->registerListenerEndpoint(endpoint, identifier, std::move(reply));
   }
@@ -68,6 +80,7 @@ void EndPointHandler::retrieveEndpoint(const Text& identifier,
 }
 
 void EndPointHandler::removeEndpoint(const Text& identifier) {
+  if (registrations_) registrations_->forget(identifier);
   if (const auto proxy = remoteObjectProxy()) proxy->removeListenerEndpoint(identifier);
 }
 
@@ -79,9 +92,11 @@ std::shared_ptr<EndPointHandling> EndPointHandler::waitingProxy() const {
 std::optional<bool> EndPointHandler::registerEndpoint(const EndpointRef& endpoint,
                                                       const Text& identifier) {
   std::optional<bool> answer;
+  if (registrations_) registrations_->note(endpoint, identifier);
   if (const auto proxy = waitingProxy()) {
     proxy->registerListenerEndpoint(endpoint, identifier, [&](bool stored) { answer = stored; });
   }
+  if (!answer && registrations_) registrations_->agentIsAway();
   return answer;
 }
 

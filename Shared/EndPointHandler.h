@@ -5,7 +5,9 @@
 //   agent->registerEndpoint(listener->endpoint(), "notes"_text);
 //
 // The agent need not run yet: a connection is made with the first message, and made anew when the
-// agent was away. Destroying a handle sends nothing.
+// agent was away. Then what the handle registered and has not removed is registered again, as far
+// as its listener is one of this process and still there, and nobody else has registered the
+// identifier meanwhile. Destroying a handle sends nothing.
 #pragma once
 
 #include <memory>
@@ -17,13 +19,15 @@
 
 namespace Gantrel_Sync_Helper {
 
+class Registrations;
+
 // Set up on one thread; then the messages may be sent from any.
 class EndPointHandler {
  public:
   // Told, on the connection's queue, when a call with a reply block ends without its answer.
   using ErrorBlock = Platform::NSXPCErrorHandler;
 
-  EndPointHandler() = default;
+  EndPointHandler();
   EndPointHandler(const EndPointHandler&) = delete;
   EndPointHandler& operator=(const EndPointHandler&) = delete;
   // Releases the three fields in the order of their declaration, and nothing else happens: a
@@ -42,7 +46,9 @@ class EndPointHandler {
   virtual const std::shared_ptr<EndPointHandling>& remoteObjectProxy() const;
   virtual void setRemoteObjectProxy(std::shared_ptr<EndPointHandling> proxy);
 
-  // Sets up connection and proxy for the service named `serviceName`.
+  // Sets up connection and proxy for the service named `serviceName`. What is registered from now
+  // on is kept registered on this connection, by its interruption handler: whoever sets another one
+  // registers again himself, and so does whoever calls `connect` again or sets his own connection.
   void connect(ErrorBlock onError = {});
 
   // The messages of EndPointHandling. Of the reply block and the error block one is called. Without
@@ -55,7 +61,8 @@ class EndPointHandler {
 
   // The same, waiting for the answer on the calling thread, which may be any. None when there is no
   // answer: the agent is not there or went away, or the handle is not connected. They use
-  // `agentConnection`.
+  // `agentConnection`. Also what was registered without an answer is registered when the agent is
+  // there again, until it is removed.
   std::optional<bool> registerEndpoint(const Platform::EndpointRef& endpoint,
                                        const Platform::Text& identifier);
   // The inner value is null when nothing is stored under the identifier.
@@ -67,6 +74,7 @@ class EndPointHandler {
   std::optional<Platform::Text> serviceName_;
   std::shared_ptr<Platform::NSXPCConnection> agentConnection_;
   std::shared_ptr<EndPointHandling> remoteObjectProxy_;
+  std::shared_ptr<Registrations> registrations_;  // null until `connect`
 };
 
 }  // namespace Gantrel_Sync_Helper

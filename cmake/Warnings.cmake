@@ -8,6 +8,6 @@ if(GANTREL_SANITIZE)
   target_compile_options(gantrel_options INTERFACE
     -fsanitize=${GANTREL_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer
     # GCC 12 takes the sanitizers' own instrumentation of std::variant for a use before initialisation.
-    -Wno-maybe-uninitialized)
+    $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)
   target_link_options(gantrel_options INTERFACE -fsanitize=${GANTREL_SANITIZE})
 endif()

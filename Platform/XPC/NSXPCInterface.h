@@ -210,9 +210,9 @@ class NSXPCInterface {
   struct Described {
     template <auto... Members>
     static constexpr auto table(const Protocol<Members...>& protocol) {
-      std::array<Entry, sizeof...(Members)> entries{Entry{{}, &Detail::invoke<Members>}...};
-      for (std::size_t i = 0; i < entries.size(); ++i) entries[i].selector = protocol.selectors[i];
-      return entries;
+      std::array<Entry, sizeof...(Members)> rows{Entry{{}, &Detail::invoke<Members>}...};
+      for (std::size_t i = 0; i < rows.size(); ++i) rows[i].selector = protocol.selectors[i];
+      return rows;
     }
     static constexpr auto entries = table(Interface::protocol());
     static constexpr Description description{

@@ -29,7 +29,7 @@ constexpr int acceptsPerTurn = 16;
 constexpr auto retryWhenFull = std::chrono::milliseconds(100);
 
 struct AnonymousSocket {
-  UniqueFd socket;
+  std::shared_ptr<const UniqueFd> socket;
   EndpointRef endpoint;
 };
 
@@ -52,8 +52,9 @@ std::optional<AnonymousSocket> makeAnonymousSocket() {
   UniqueFd capability(::open(path.c_str(), O_PATH | O_CLOEXEC | O_NOFOLLOW));
   ::unlink(path.c_str());
   if (!capability.isValid() || !listenOn(socket.get())) return std::nullopt;
-  return AnonymousSocket{std::move(socket),
-                         std::make_shared<NSXPCListenerEndpoint>(std::move(capability))};
+  const auto listening = std::make_shared<const UniqueFd>(std::move(socket));
+  return AnonymousSocket{listening,
+                         std::make_shared<NSXPCListenerEndpoint>(std::move(capability), listening)};
 }
 
 void raiseDescriptorLimit() {
@@ -106,7 +107,7 @@ class NSXPCListener::Acceptor final : public ReadinessHandler,
   // Called with mutex_ held.
   int descriptor() const {
     if (const auto* const anonymous = std::get_if<AnonymousSocket>(&*socket_)) {
-      return anonymous->socket.get();
+      return anonymous->socket->get();
     }
     return std::get<std::unique_ptr<NamedService>>(*socket_)->socket();
   }

@@ -21,13 +21,20 @@ class NSXPCListenerEndpoint final : public NSObject {
   // runs on a queue that others share.
   static std::shared_ptr<NSXPCListenerEndpoint> adopt(UniqueFd descriptor);
 
-  // For the layer's own use: opened with O_PATH by the caller.
-  explicit NSXPCListenerEndpoint(UniqueFd descriptor) : descriptor_(std::move(descriptor)) {}
+  // For the layer's own use: opened with O_PATH by the caller. `listeningSocket` is its listener's,
+  // when that is one of this process.
+  explicit NSXPCListenerEndpoint(UniqueFd descriptor,
+                                 std::weak_ptr<const UniqueFd> listeningSocket = {})
+      : descriptor_(std::move(descriptor)), listeningSocket_(std::move(listeningSocket)) {}
 
   int descriptor() const { return descriptor_.get(); }
 
+  // Whether its listener is one of this process and has not ended.
+  bool isServedHere() const { return !listeningSocket_.expired(); }
+
  private:
   const UniqueFd descriptor_;
+  const std::weak_ptr<const UniqueFd> listeningSocket_;
 };
 
 }  // namespace Platform

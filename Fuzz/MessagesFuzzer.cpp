@@ -1,0 +1,182 @@
+// A peer's stream of bytes and descriptors, in chunks of any size, as either end of a connection
+// takes it: the exporting end carries out calls and messages, the calling end reads replies.
+//
+// The input is a sequence of chunks: a byte for their size, a byte for the descriptors that come
+// along (their number in the low bits, their kind in the high ones), and the bytes.
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <span>
+#include <string>
+
+#include "Fuzz/Require.h"
+#include "Platform/XPC/FrameReader.h"
+#include "Platform/XPC/NSXPCListener.h"
+#include "Shared/Communication.h"
+#include "Shared/EndPointHandling.h"
+
+using namespace Platform;
+using namespace Gantrel_Sync_Helper;
+
+namespace {
+
+UniqueFd endpointDescriptor() {
+  static const int endpoint = [] {
+    char directory[] = "/tmp/gantrel-fuzz-XXXXXX";
+    require(::mkdtemp(directory) != nullptr);
+    ::setenv("XDG_RUNTIME_DIR", directory, 1);
+    const auto listener = NSXPCListener::anonymousListener();
+    require(listener != nullptr);
+    const int kept = ::dup(listener->endpoint()->descriptor());
+    ::rmdir((std::string(directory) + "/gantrel").c_str());
+    ::rmdir(directory);
+    return kept;
+  }();
+  return UniqueFd(::dup(endpoint));
+}
+
+UniqueFd descriptorOf(unsigned kind) {
+  static int pair[2];
+  [[maybe_unused]] static const int made = ::socketpair(AF_UNIX, SOCK_STREAM, 0, pair);
+  switch (kind % 4) {
+    case 0:
+      return endpointDescriptor();
+    case 1:
+      return UniqueFd(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+    case 2:
+      return UniqueFd(::open("/", O_PATH | O_CLOEXEC));
+    default:
+      return UniqueFd(::dup(pair[0]));
+  }
+}
+
+// Takes whatever it is called with, once, and answers.
+class Exported final : public NSObject, public EndPointHandling {
+ public:
+  void registerListenerEndpoint(EndpointRef endpoint, Text, Reply<bool> reply) override {
+    require(endpoint != nullptr);
+    reply(true);
+  }
+  void retrieveListenerEndpoint(Text, Reply<std::optional<EndpointRef>> reply) override {
+    reply(std::nullopt);
+  }
+  void removeListenerEndpoint(Text identifier) override {
+    require(Text::isUtf8(identifier.utf8()));
+  }
+};
+
+class Application final : public NSObject, public Communication {
+ public:
+  void openMeetingWithId(Text) override {}
+  void createNewMeeting() override {}
+  void fetchUpcomingMeetings(Reply<Value> reply) override { reply({}); }
+  void displaySyncing() override {}
+  void displayNotSyncing() override {}
+};
+
+struct NoSender final : ReplySender {
+  void send(OutgoingFrame reply) override { require(reply.isSendable()); }
+};
+
+template <class Interface, class Object>
+void dispatchTo(Object& object, std::string_view selector, Decoder arguments) {
+  static const auto interface = NSXPCInterface::interfaceWithProtocol<Interface>();
+  interface.dispatch(interface.implementer(&object), selector, arguments,
+                     std::make_shared<NoSender>());
+}
+
+template <class... Values>
+void readReply(Decoder decoder) {
+  std::tuple<Values...> values;
+  if (decoder.array() != sizeof...(Values)) decoder.wrongClass();
+  std::apply([&](auto&... value) { (decode(decoder, value), ...); }, values);
+}
+
+// Descriptors are taken out of a frame once, so each reading has its own.
+Frame copyOf(const Frame& frame) {
+  Frame copy{frame.payload, {}};
+  for (const UniqueFd& descriptor : frame.descriptors) {
+    copy.descriptors.emplace_back(::fcntl(descriptor.get(), F_DUPFD_CLOEXEC, 0));
+  }
+  return copy;
+}
+
+void asExporter(const Frame& frame) {
+  static Exported exported;
+  static Application application;
+  for (const bool isAgent : {true, false}) {
+    Frame copy = copyOf(frame);
+    Decoder decoder(copy);
+    decoder.array();
+    if (decoder.unsignedInteger() == static_cast<std::uint64_t>(Wire::Kind::call)) {
+      decoder.unsignedInteger();
+    }
+    const std::string_view selector = decoder.text();
+    if (!decoder.isSound()) continue;
+    if (isAgent) {
+      dispatchTo<EndPointHandling>(exported, selector, decoder);
+    } else {
+      dispatchTo<Communication>(application, selector, decoder);
+    }
+  }
+}
+
+void asCaller(const Frame& frame) {
+  for (int type = 0; type < 3; ++type) {
+    Frame copy = copyOf(frame);
+    Decoder decoder(copy);
+    decoder.array();
+    decoder.unsignedInteger();
+    decoder.unsignedInteger();
+    if (type == 0) readReply<bool>(decoder);
+    if (type == 1) readReply<std::optional<EndpointRef>>(decoder);
+    if (type == 2) readReply<Value>(decoder);
+  }
+}
+
+// Building a value and passing over it agree on what is well-formed, and what was built is written
+// back the way it came.
+void asValue(const Frame& frame) {
+  Frame copy = copyOf(frame);
+  Decoder building(copy);
+  const Value value = building.value();
+  Frame again = copyOf(frame);
+  Decoder skipping(again);
+  skipping.skip();
+  if (!building.isSound()) return;
+  require(skipping.isSound() && skipping.isAtEnd() == building.isAtEnd());
+  if (!building.isAtEnd() || !copy.descriptors.empty()) return;
+  Encoder encoder;
+  encode(encoder, value);
+  const OutgoingFrame written = encoder.finish();
+  require(written.bytes.size() == frame.payload.size() + Wire::headerSize);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  const auto input = std::as_bytes(std::span(data, size));
+  FrameReader reader;
+  for (std::size_t at = 0; at + 2 <= size;) {
+    const std::size_t length = std::min<std::size_t>(data[at], size - at - 2);
+    std::vector<UniqueFd> descriptors;
+    for (int i = 0; i < (data[at + 1] & 0x0F); ++i) {
+      descriptors.push_back(descriptorOf(data[at + 1] >> 4));
+    }
+    std::vector<Frame> frames;
+    const bool isSound = reader.feed(input.subspan(at + 2, length), std::move(descriptors), frames);
+    for (const Frame& frame : frames) {
+      asExporter(frame);
+      asCaller(frame);
+      asValue(frame);
+    }
+    if (!isSound || reader.hasUndeclaredDescriptors()) break;
+    at += 2 + length;
+  }
+  return 0;
+}
