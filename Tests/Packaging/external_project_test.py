@@ -34,7 +34,7 @@ class ExternalProject(unittest.TestCase):
     def assert_that_they_find_each_other(self, folder):
         with tempfile.TemporaryDirectory() as runtime_directory:
             environment = {**os.environ, "XDG_RUNTIME_DIR": runtime_directory}
-            executable = PREFIX / "libexec/gantrel/GantrelAgent.app/Contents/Linux/GantrelAgent"
+            executable = PREFIX / "lib/gantrel/GantrelAgent.app/Contents/Linux/GantrelAgent"
             with subprocess.Popen([executable], env=environment, stderr=subprocess.DEVNULL) as agent:
                 self.addCleanup(agent.kill)
                 eventually(lambda: takes_connections(socket_path(runtime_directory)))
