@@ -1,5 +1,6 @@
 # Shows doxygen the comments as they stand in our headers: the one at the top belongs to the file, one before
 # a declaration to that, one behind it to that too. Text is plain, save for what is set in: that is code.
+# Specialisations of std::hash are left out: doxygen looks for their scope in vain, and readers need not.
 
 function text(rest) {
   if (rest ~ /^   /) return "    " rest
@@ -8,7 +9,11 @@ function text(rest) {
   return rest
 }
 
-BEGIN { top = 1; behind = 0 }
+BEGIN { top = 1; behind = 0; hash = 0 }
+
+/^template <>$/ { print ""; next }
+/^struct std::hash</ { hash = 1 }
+hash { print ""; if (/^};/) hash = 0; next }
 
 {
   if (NR == 1 && /^\/\//) print "/// @file"
