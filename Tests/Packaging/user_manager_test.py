@@ -13,7 +13,7 @@ import sys
 import unittest
 from pathlib import Path
 
-from staged import PATIENCE, STAGE, eventually, run, socket_path, takes_connections
+from staged import PATIENCE, STAGE, eventually, run, socket_path
 
 SKIPPED = 77  # as told to ctest
 USER = 47110  # nobody's
@@ -90,6 +90,10 @@ def journal(process):
 
 
 class InstalledUnits(unittest.TestCase):
+    def setUp(self):
+        systemctl("start", "gantrel-agent.socket")
+        self.addCleanup(systemctl, "stop", "gantrel-agent.socket", "gantrel-agent.service")
+
     def main_app_registers(self):
         """A client that gets an answer from the agent."""
         application = subprocess.Popen([*AS_USER, "MainApp", "/usr/share/gantrel/Meetings.plist"],
@@ -100,7 +104,6 @@ class InstalledUnits(unittest.TestCase):
         self.assertRegex(application.stdout.readline(), "^offers")
 
     def test_start_the_agent_whenever_somebody_connects(self):
-        systemctl("start", "gantrel-agent.socket")
         path = socket_path(RUNTIME)
         self.assertEqual(os.stat(path).st_mode & 0o777, 0o600)
         self.assertEqual(os.stat(os.path.dirname(path)).st_mode & 0o777, 0o700)
@@ -131,7 +134,6 @@ class InstalledUnits(unittest.TestCase):
         self.assertFalse(os.path.exists(path))
 
     def test_confine_the_agent(self):
-        systemctl("start", "gantrel-agent.socket")
         self.main_app_registers()
         process = Path("/proc", str(agent()))
         status = dict(re.findall("(.*):\t(.*)", (process / "status").read_text()))
@@ -144,7 +146,6 @@ class InstalledUnits(unittest.TestCase):
             self.assertEqual(run("systemd-analyze", "--user", "verify", "--man=no", unit, env=ENVIRONMENT), "")
         run("systemd-analyze", "--user", "security", "--offline=true", "--threshold=61",
             "/usr/lib/systemd/user/gantrel-agent.service", env=ENVIRONMENT)
-        systemctl("stop", "gantrel-agent.socket", "gantrel-agent.service")
 
 
 def inside():
