@@ -3,6 +3,8 @@
 #include <poll.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
+// Each line has a place of its own; without this the header would add the place in this file.
+#define SD_JOURNAL_SUPPRESS_LOCATION
 #include <systemd/sd-journal.h>
 #include <unistd.h>
 

@@ -1,0 +1,76 @@
+"""A project of somebody else's, the one of Documentation/quickstart.md, against an installed copy."""
+
+import concurrent.futures
+import os
+import re
+import subprocess
+import tempfile
+import unittest
+from pathlib import Path
+
+from staged import SOURCE, STAGE, eventually, run, socket_path, takes_connections
+
+PREFIX = STAGE / "usr"
+ENVIRONMENT = {**os.environ, "PKG_CONFIG_PATH": str(next(PREFIX.glob("lib/**/gantrel.pc")).parent)}
+
+
+def flags(what):
+    return run("pkg-config", what, "gantrel", env=ENVIRONMENT).split()
+
+
+class ExternalProject(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        page = (SOURCE / "Documentation/quickstart.md").read_text()
+        folder = tempfile.TemporaryDirectory()
+        cls.addClassCleanup(folder.cleanup)
+        cls.folder = Path(folder.name)
+        # A block of code that begins with a file's name as a comment is that file.
+        for name, code in re.findall(r"^```\w+\n((?:// |# )[\w.]+\n)(.*?)^```", page, re.M | re.S):
+            (cls.folder / name.split()[1]).write_text(code)
+        console = re.search(r"^```console\n(.*?build/ask.*?)^```", page, re.M | re.S)[1]
+        cls.told = [line for line in console.splitlines() if not line.startswith("$")]
+
+    def assert_that_they_find_each_other(self, folder):
+        with tempfile.TemporaryDirectory() as runtime_directory:
+            environment = {**os.environ, "XDG_RUNTIME_DIR": runtime_directory}
+            executable = PREFIX / "lib/gantrel/GantrelAgent.app/Contents/Linux/GantrelAgent"
+            with subprocess.Popen([executable], env=environment, stderr=subprocess.DEVNULL) as agent:
+                self.addCleanup(agent.kill)
+                eventually(lambda: takes_connections(socket_path(runtime_directory)))
+                with subprocess.Popen([folder / "offer"], env=environment, stdout=subprocess.PIPE,
+                                      text=True) as offer:
+                    self.addCleanup(offer.kill)
+                    registered = offer.stdout.readline()
+                    answer = run(folder / "ask", env=environment)
+                    offer.kill()
+                agent.kill()
+        self.assertEqual((registered + answer).splitlines(), self.told)
+
+    def test_builds_with_find_package(self):
+        build = self.folder / "build"
+        run("cmake", "-G", "Ninja", "-S", self.folder, "-B", build, f"-DCMAKE_PREFIX_PATH={PREFIX}")
+        run("cmake", "--build", build)
+        self.assert_that_they_find_each_other(build)
+
+    def test_builds_with_pkg_config(self):
+        for name in "offer", "ask":
+            run("g++", "-std=c++20", f"{name}.cpp", "-o", name, *flags("--cflags"), *flags("--libs"),
+                cwd=self.folder)
+        self.assert_that_they_find_each_other(self.folder)
+
+    def test_can_include_each_header_alone_and_sees_no_system_header(self):
+        headers = sorted((PREFIX / "include/gantrel").rglob("*.h"))
+        self.assertGreater(len(headers), 20)
+        compiler = ["g++", "-std=c++20", "-fsyntax-only", "-Wall", "-Wextra", "-Wpedantic", "-Werror",
+                    *flags("--cflags"), "-x", "c++", "-include"]
+        with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
+            for _ in pool.map(lambda header: run(*compiler, header, os.devnull), headers):
+                pass
+        for header in headers:
+            shown = re.findall("#include (<.*[./].*>)", header.read_text())
+            self.assertEqual(shown, [], header)
+
+
+if __name__ == "__main__":
+    unittest.main()

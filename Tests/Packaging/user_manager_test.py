@@ -1,0 +1,188 @@
+"""The installed units in a real user manager, and the agent's lines in a real journal.
+
+Neither needs a machine that systemd booted: namespaces with a /run of their own and a control group are
+enough. These need the superuser; where they cannot be had, the test says so and counts as skipped."""
+
+import json
+import os
+import re
+import signal
+import socket
+import subprocess
+import sys
+import unittest
+from pathlib import Path
+
+from staged import PATIENCE, STAGE, eventually, run, socket_path
+
+SKIPPED = 77  # as told to ctest
+USER = 47110  # nobody's
+RUNTIME = Path("/run/user", str(USER))
+JOURNAL = Path("/run/systemd/journal.gantrel")
+AS_USER = ["setpriv", f"--reuid={USER}", f"--regid={USER}", "--clear-groups", "--inh-caps=-all"]
+ENVIRONMENT = {"PATH": os.environ["PATH"], "HOME": str(RUNTIME), "XDG_RUNTIME_DIR": str(RUNTIME),
+               "SYSTEMD_UNIT_PATH": "/run/units", "LC_ALL": "C.UTF-8"}
+
+
+class NotHere(Exception):
+    """What this machine does not allow."""
+
+
+def must(*command):
+    done = subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+    if done.returncode != 0:
+        raise NotHere(f"{' '.join(map(str, command))}: {done.stdout.strip()}")
+
+
+def own_folder(path):
+    path.mkdir(parents=True, mode=0o700)
+    os.chown(path, USER, USER)
+
+
+def start_and_wait(command, name, **options):
+    """Starts a daemon, and returns when it says by sd_notify(3) that it is ready."""
+    path = RUNTIME / name
+    with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as notifications:
+        notifications.bind(str(path))
+        os.chmod(path, 0o666)
+        notifications.settimeout(PATIENCE)
+        subprocess.Popen([*AS_USER, *command], env={**ENVIRONMENT, "NOTIFY_SOCKET": str(path)}, **options)
+        try:
+            while b"READY=1" not in notifications.recv(4096):
+                pass
+        except TimeoutError:
+            raise NotHere(f"{command} does not get ready") from None
+
+
+def prepare():
+    """Makes the namespace a machine with the installed files and an empty /run, and starts the daemons."""
+    must("mount", "-t", "tmpfs", "-o", "mode=755", "tmpfs", "/run")
+    must("mount", "-t", "overlay", "-o", f"lowerdir={STAGE}/usr:/usr", "overlay", "/usr")
+    for folder in "systemd/system", "systemd/unit-root", "units":
+        Path("/run", folder).mkdir(parents=True)
+    for folder in RUNTIME, JOURNAL, Path("/run/log/journal"):
+        own_folder(folder)
+    Path("/run/systemd/journal").symlink_to(JOURNAL)
+    Path("/run/systemd/journald@gantrel.conf").write_text("[Journal]\nStorage=volatile\n")
+    if not Path("/etc/machine-id").exists():
+        raise NotHere("a journal needs /etc/machine-id")
+    units = Path("/usr/lib/systemd/user")
+    for unit in [*units.glob("gantrel-*"), *(units / name for name in (
+            "basic.target", "sockets.target", "timers.target", "paths.target", "shutdown.target"))]:
+        Path("/run/units", unit.name).symlink_to(unit)
+    Path("/run/units/default.target").symlink_to(units / "basic.target")
+    start_and_wait(["/usr/lib/systemd/systemd-journald", "gantrel"], "journal-ready", stderr=subprocess.DEVNULL)
+    start_and_wait(["/usr/lib/systemd/systemd", "--user"], "manager-ready", stderr=subprocess.DEVNULL)
+
+
+def systemctl(*arguments):
+    return run(*AS_USER, "systemctl", "--user", *arguments, env=ENVIRONMENT)
+
+
+def agent():
+    """The process that the service manager takes for the agent; 0 for none."""
+    return int(systemctl("show", "--property=MainPID", "--value", "gantrel-agent.service"))
+
+
+def journal(process):
+    lines = run("journalctl", "--file=/run/log/journal/*/*.journal", "--output=json", f"_PID={process}").splitlines()
+    return [json.loads(line) for line in lines if line.startswith("{")]
+
+
+class InstalledUnits(unittest.TestCase):
+    def setUp(self):
+        systemctl("start", "gantrel-agent.socket")
+        self.addCleanup(systemctl, "stop", "gantrel-agent.socket", "gantrel-agent.service")
+
+    def main_app_registers(self):
+        """A client that gets an answer from the agent."""
+        application = subprocess.Popen([*AS_USER, "MainApp", "/usr/share/gantrel/Meetings.plist"],
+                                       env=ENVIRONMENT, stdout=subprocess.PIPE, text=True)
+        self.addCleanup(application.stdout.close)
+        self.addCleanup(application.wait)
+        self.addCleanup(application.kill)
+        self.assertRegex(application.stdout.readline(), "^offers")
+
+    def test_start_the_agent_whenever_somebody_connects(self):
+        path = socket_path(RUNTIME)
+        self.assertEqual(os.stat(path).st_mode & 0o777, 0o600)
+        self.assertEqual(os.stat(os.path.dirname(path)).st_mode & 0o777, 0o700)
+        self.assertEqual(agent(), 0)
+
+        self.main_app_registers()
+        first = agent()
+        self.assertIn("Weekly planning", run(*AS_USER, "MenuApp", "upcoming", env=ENVIRONMENT))
+        self.assertEqual(agent(), first)
+
+        os.kill(first, signal.SIGKILL)
+        self.main_app_registers()
+        second = eventually(agent)
+        self.assertNotEqual(second, first)
+
+        systemctl("stop", "gantrel-agent.service")
+        self.assertEqual(agent(), 0)
+        self.main_app_registers()
+        self.assertNotIn(agent(), (0, first, second))
+
+        # Where the user's log lands, with the places that its readers look for.
+        resumed = eventually(lambda: [line for line in journal(first) if line["MESSAGE"] == "Agent resume"])[0]
+        self.assertEqual((resumed["CODE_FILE"], resumed["CODE_FUNC"], resumed["CODE_LINE"]),
+                         ("GantrelAgent/Agent", "resume()", "34"))
+        self.assertEqual(len([line for line in journal(first) if line["MESSAGE"].startswith("registerL")]), 1)
+
+        systemctl("stop", "gantrel-agent.socket", "gantrel-agent.service")
+        self.assertFalse(os.path.exists(path))
+
+    def test_confine_the_agent(self):
+        self.main_app_registers()
+        process = Path("/proc", str(agent()))
+        status = dict(re.findall("(.*):\t(.*)", (process / "status").read_text()))
+        self.assertEqual((status["NoNewPrivs"], status["Seccomp"], status["Umask"]), ("1", "2", "0077"))
+        self.assertIn("/session.slice/", (process / "cgroup").read_text())
+        limits = (process / "limits").read_text()
+        self.assertRegex(limits, "Max core file size +0 +0 ")
+        self.assertRegex(limits, r"Max open files +(\d+) +\1 ")
+        for unit in "gantrel-agent.socket", "gantrel-agent.service":
+            self.assertEqual(run("systemd-analyze", "--user", "verify", "--man=no", unit, env=ENVIRONMENT), "")
+        run("systemd-analyze", "--user", "security", "--offline=true", "--threshold=61",
+            "/usr/lib/systemd/user/gantrel-agent.service", env=ENVIRONMENT)
+
+
+def inside():
+    try:
+        prepare()
+    except (NotHere, OSError) as reason:
+        print(f"skipped, since this machine does not allow it: {reason}")
+        return SKIPPED
+    return 0 if unittest.main(exit=False, argv=[__file__]).result.wasSuccessful() else 1
+
+
+def outside():
+    """Runs the test in a control group, a mount and a process namespace of its own."""
+    if os.geteuid() != 0:
+        raise NotHere("only the superuser can make a user manager's surroundings")
+    hierarchy = re.search(r"^\S+ (\S+) cgroup2 ", Path("/proc/self/mounts").read_text(), re.M)
+    if not hierarchy:
+        raise NotHere("no unified control group hierarchy is mounted")
+    own = re.search("^0::/(.*)$", Path("/proc/self/cgroup").read_text(), re.M)[1]
+    group = Path(hierarchy[1], own, f"gantrel-test-{os.getpid()}")
+    group.mkdir()
+    try:
+        os.chown(group, USER, USER)
+        os.chown(group / "cgroup.procs", USER, USER)
+        # Whatever the test starts ends with its process namespace.
+        return subprocess.call(
+            ["unshare", "--mount", "--propagation=private", "--pid", "--fork", "--mount-proc",
+             sys.executable, __file__, "inside"],
+            preexec_fn=lambda: (group / "cgroup.procs").write_text(str(os.getpid())))
+    finally:
+        for folder, _, _ in os.walk(group, topdown=False):
+            os.rmdir(folder)
+
+
+if __name__ == "__main__":
+    try:
+        sys.exit(inside() if sys.argv[1:] == ["inside"] else outside())
+    except (NotHere, OSError) as reason:
+        print(f"skipped, since this machine does not allow it: {reason}")
+        sys.exit(SKIPPED)
