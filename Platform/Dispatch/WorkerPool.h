@@ -76,8 +76,8 @@ class WorkerPool {
   // Appends the task to the queue after `delay`, rounded up to the keeper's period of 10 ms.
   void after(std::chrono::milliseconds delay, dispatch_queue_t queue, Task task);
 
-  // Whether nothing is in line and another worker waits for events, so that the calling worker may stay
-  // with what it is doing, in a BlockingRegion.
+  // Whether nothing is in line and another worker waits for events, so that the calling worker may
+  // stay with what it is doing, in a BlockingRegion.
   bool canSpareWorker();
 
   // While one lives, the calling thread waits for something. Any thread; only a worker's counts.

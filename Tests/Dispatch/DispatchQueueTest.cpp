@@ -59,8 +59,8 @@ TEST(DispatchQueue, AppendsWithoutOvertaking) {
   EXPECT_TRUE(order == std::vector({1, 2, 3, 4}) || order == std::vector({1, 3, 4, 2}));
 }
 
-// Every task blocks until the one it has appended itself, which stands behind it on the same worker, has
-// run; with far more of them than there are workers.
+// Every task blocks until the one it has appended itself, which stands behind it on the same
+// worker, has run; with far more of them than there are workers.
 TEST(WorkerPool, BringsInWorkersWhileTasksBlock) {
   constexpr int count = 24;
   std::latch done(count);

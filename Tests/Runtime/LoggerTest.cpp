@@ -27,8 +27,8 @@ TEST(Logger, NeverWaitsForAStuckDestinationAndCountsWhatItDropped) {
 
   constexpr int logged = 100'000;
   for (int i = 0; i < logged; ++i) {
-    Logger::sharedInstance().info("a line of some length, as the agent writes: " + std::to_string(i),
-                                  "Tests", "test()", 1);
+    Logger::sharedInstance().info(
+        "a line of some length, as the agent writes: " + std::to_string(i), "Tests", "test()", 1);
   }
   auto all = std::async(std::launch::async, [&] {
     std::string text;

@@ -38,8 +38,8 @@ TEST(Codec, TakesNoPrefixForTheWhole) {
   }
 }
 
-// What a flipped bit makes of it is anything, but building and skipping judge alike, and what is taken is
-// written back to the same bytes: there is one form for each value.
+// What a flipped bit makes of it is anything, but building and skipping judge alike, and what is
+// taken is written back to the same bytes: there is one form for each value.
 TEST(Codec, JudgesEverySingleByteChangeTheSameWayTwice) {
   const Frame whole = payloadOf(sample);
   for (std::size_t i = 0; i < whole.payload.size(); ++i) {
