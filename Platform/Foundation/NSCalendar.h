@@ -14,7 +14,9 @@ class NSCalendar {
   static NSCalendar autoupdatingCurrentCalendar() { return {}; }
 
   // The locale whose calendar and week rules these are at this moment.
-  std::string localeIdentifier() const { return environmentLocaleIdentifier(); }
+  std::string localeIdentifier() const {
+    return NSLocale::autoupdatingCurrentLocale().localeIdentifier();
+  }
 
  private:
   NSCalendar() = default;

@@ -70,14 +70,19 @@ class PatternGenerators {
 std::optional<Text> NSDateFormatter::stringFromDate(const NSDate& date) const {
   const NSTimeInterval moment = date.timeIntervalSince1970;
   if (!(std::abs(moment) <= furthest)) return std::nullopt;
-  const icu::Locale locale = libraryLocale(locale_.localeIdentifier());
+  const std::string locale = locale_.localeIdentifier();
   UErrorCode status = U_ZERO_ERROR;
-  icu::SimpleDateFormat formatter(icu::UnicodeString::fromUTF8(pattern_.utf8()), locale, status);
-  std::unique_ptr<icu::Calendar> calendar(icu::Calendar::createInstance(
-      defaultTimeZoneAt(moment).release(),
-      calendar_ ? libraryLocale(calendar_->localeIdentifier()) : locale, status));
+  icu::SimpleDateFormat formatter(icu::UnicodeString::fromUTF8(pattern_.utf8()),
+                                  libraryLocale(locale), status);
+  // The formatter has the calendar of its locale already, which is mostly the one that is wanted.
+  const std::string calendar = calendar_ ? calendar_->localeIdentifier() : locale;
+  if (calendar != locale) {
+    std::unique_ptr<icu::Calendar> other(
+        icu::Calendar::createInstance(libraryLocale(calendar), status));
+    if (other) formatter.adoptCalendar(other.release());
+  }
   if (U_FAILURE(status)) return std::nullopt;
-  formatter.adoptCalendar(calendar.release());
+  formatter.adoptTimeZone(defaultTimeZoneAt(moment).release());
   icu::UnicodeString string;
   formatter.format(moment * 1000, string, nullptr, status);
   return U_SUCCESS(status) ? text(string) : std::nullopt;
@@ -89,7 +94,7 @@ std::optional<Text> NSDateFormatter::dateFormatFromTemplate(std::string_view ske
   if (options != 0) return std::nullopt;
   // Never destroyed: threads may ask until the very end.
   static PatternGenerators* const generators = new PatternGenerators;
-  return generators->bestPattern(locale.localeIdentifier(), skeleton);
+  return generators->bestPattern(locale.localeIdentifierWithClock(), skeleton);
 }
 
 }  // namespace Platform

@@ -40,8 +40,6 @@ bool isKnown(const icu::Locale& locale) {
   return U_SUCCESS(status) && status != U_USING_DEFAULT_WARNING && *locale.getLanguage() != '\0';
 }
 
-}  // namespace
-
 std::string environmentLocaleIdentifier() {
   const std::string_view posix = environmentLocale();
   std::string identifier(posix.substr(0, posix.find_first_of(".@")));
@@ -54,7 +52,13 @@ std::string environmentLocaleIdentifier() {
   return isKnown(locale) ? locale.getName() : plainLocale;
 }
 
+}  // namespace
+
 std::string NSLocale::localeIdentifier() const {
+  return fixed_ ? *fixed_ : environmentLocaleIdentifier();
+}
+
+std::string NSLocale::localeIdentifierWithClock() const {
   if (fixed_) return *fixed_;
   std::string identifier = environmentLocaleIdentifier();
   if (const std::optional<ClockChoice> choice = desktopClockChoice()) {

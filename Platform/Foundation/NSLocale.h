@@ -22,17 +22,17 @@ class NSLocale {
   // Stands for the locale that the user has whenever it is used, not for the one of now.
   static NSLocale autoupdatingCurrentLocale() { return NSLocale(std::nullopt); }
 
-  // Of this moment: a Unicode locale identifier such as "en_US", with the keyword "hours" when the
-  // user chose a clock.
+  // Of this moment: a Unicode locale identifier such as "en_US".
   std::string localeIdentifier() const;
+
+  // The same, with the keyword "hours" when the user chose a clock. Only the choice of a pattern
+  // depends on it, not the writing of one.
+  std::string localeIdentifierWithClock() const;
 
  private:
   explicit NSLocale(std::optional<std::string> fixed) : fixed_(std::move(fixed)) {}
 
   std::optional<std::string> fixed_;
 };
-
-// The identifier of the locale that the environment names at this moment.
-std::string environmentLocaleIdentifier();
 
 }  // namespace Platform

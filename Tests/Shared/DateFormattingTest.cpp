@@ -1,7 +1,5 @@
 #include "Shared/DateFormatting.h"
 
-#define G_SETTINGS_ENABLE_BACKEND
-#include <gio/gio.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <unicode/dtptngen.h>
@@ -23,16 +21,35 @@ namespace {
 using namespace Platform;
 namespace fs = std::filesystem;
 
-// The desktop's settings of this process live in its memory.
-const bool settingsInMemory = ::setenv("GSETTINGS_BACKEND", "memory", 1) == 0;
-
-void setClock(const char* choice) {
-  static GSettings* const settings = g_settings_new("org.gnome.desktop.interface");
-  if (choice) {
-    g_settings_set_string(settings, "clock-format", choice);
-  } else {
-    g_settings_reset(settings, "clock-format");
+// The desktop's settings, kept in a file, which tests write as the desktop would: another file in
+// the place of the one before.
+class SettingsFile {
+ public:
+  SettingsFile() {
+    ::setenv("GSETTINGS_BACKEND", "keyfile", 1);
+    ::setenv("XDG_CONFIG_HOME", folder_.path().c_str(), 1);
+    fs::create_directories(path_.parent_path());
   }
+
+  void setClock(const char* choice) {
+    if (!choice) {
+      fs::remove(path_);
+      return;
+    }
+    const fs::path next = path_.string() + "~";
+    std::ofstream(next) << "[org/gnome/desktop/interface]\nclock-format='" << choice << "'\n";
+    fs::rename(next, path_);
+  }
+
+ private:
+  TestSupport::PrivateRuntimeDirectory folder_;
+  const fs::path path_ = fs::path(folder_.path()) / "glib-2.0/settings/keyfile";
+};
+
+// Where settings are kept is fixed when they are first read: one file for all tests.
+void setClock(const char* choice) {
+  static SettingsFile file;
+  file.setClock(choice);
 }
 
 void setLocale(const std::string& locale) {
