@@ -304,9 +304,10 @@ TEST_F(RunningApplicationsObservationTest, EndsElsewhereOnlyAfterACallThatIsUnde
 // Switches of context are the trace that a system call which waits leaves.
 TEST_F(RunningApplicationsObservationTest, IsAtRestWithoutASystemCall) {
   observe();
-  ChildProcess application = launch("a");
-  kill(application);
-  EXPECT_EQ(recorder->next(2), (Strings{"+a", "-a"}));
+  const ChildProcess running = launch("a");
+  ChildProcess ended = launch("b");
+  kill(ended);
+  EXPECT_EQ(recorder->next(3), (Strings{"+a", "+b", "-b"}));
   const auto switches = [] {
     std::map<std::string, std::string> byThread;
     for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
