@@ -140,6 +140,10 @@ TEST_F(RunningApplicationsObservationTest, TellsOfProcessesThatLaunchAndEndInWha
   kill(early);
   finish(late);
   EXPECT_EQ(recorder->next(2), (Strings{"-early", "-late"}));
+  const ChildProcess hidden = launch("hidden");
+  EXPECT_EQ(recorder->next(1), Strings{"+hidden"});
+  std::filesystem::remove(pathOfOnly());
+  EXPECT_EQ(recorder->next(1), Strings{"-hidden"});
   settle();
   EXPECT_TRUE(std::filesystem::is_empty(folder));
 }
@@ -187,7 +191,7 @@ TEST_F(RunningApplicationsObservationTest, ALockThatOutlastsTheSignOfTheEndIsLoo
   EXPECT_EQ(recorder->next(1), Strings{"-a"});
 }
 
-TEST_F(RunningApplicationsObservationTest, AnOverflowOfEventsAndAFileRemovedByHandAreNoticed) {
+TEST_F(RunningApplicationsObservationTest, AnOverflowOfEventsLosesNoLaunchAndNoEnd) {
   observe();
   std::promise<void> called, go;
   recorder->meanwhile([&] {
@@ -211,20 +215,25 @@ TEST_F(RunningApplicationsObservationTest, AnOverflowOfEventsAndAFileRemovedByHa
   auto found = recorder->next(2);
   std::sort(found.begin(), found.end());
   EXPECT_EQ(found, (Strings{"+unseen", "-before"}));
-
-  std::filesystem::remove_all(folder / CheckIns::names(folder).at(0));
-  EXPECT_EQ(recorder->next(1), Strings{"-unseen"});
-  settle();
 }
 
 TEST_F(RunningApplicationsObservationTest,
-       AnEndWithoutADescriptorToLookWithIsToldOfOnceThereIsOne) {
+       WithoutADescriptorToLookWithNothingIsToldUntilThereIsOne) {
   observe();
   ChildProcess application = launch("a");
   EXPECT_EQ(recorder->next(1), Strings{"+a"});
+  std::vector<std::ofstream> signs(50);
+  for (std::ofstream& sign : signs) sign.open(pathOfOnly());
   rlimit limit{};
   ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
   const rlimit none{0, limit.rlim_max};
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+  for (std::ofstream& sign : signs) {
+    sign.close();
+    std::this_thread::yield();
+  }
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
+  settle();
   ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
   kill(application);
   ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
@@ -247,29 +256,33 @@ struct Owner final : NSObject {
 
 TEST_F(RunningApplicationsObservationTest, EndsFromInsideItsOwnCall) {
   observe();
+  const std::size_t descriptors = openDescriptors(::getpid());
   const auto first = std::make_shared<Recorder>();
   std::optional<RunningApplicationsObservation> ending(std::in_place, first, first.get());
-  std::promise<void> ended;
+  std::promise<void> ended, more;
   first->meanwhile([&] {
     ending.reset();
     ended.set_value();
+    more.get_future().wait();
   });
   ending->resume();
   auto owner = std::make_shared<Owner>();
   auto gone = owner->gone.get_future();
   owner->observation.emplace(owner, &owner);
   owner->observation->resume();
-  const UniqueFd a = CheckIns::checkIn("a"_text), b = CheckIns::checkIn("b"_text);
+  const UniqueFd a = CheckIns::checkIn("a"_text);
   ended.get_future().wait();
+  const UniqueFd b = CheckIns::checkIn("b"_text);
+  more.set_value();
   gone.wait();
   EXPECT_EQ(recorder->next(2), (Strings{"+a", "+b"}));
-  settle();
+  EXPECT_TRUE(eventually([&] { return openDescriptors(::getpid()) == descriptors + 2; }));
   EXPECT_EQ(first->seen(), 1u);
 }
 
 TEST_F(RunningApplicationsObservationTest, EndsElsewhereOnlyAfterACallThatIsUnderWay) {
   observe();
-  std::promise<void> called, go;
+  std::promise<void> called, go, ending;
   bool inside = true;
   recorder->meanwhile([&] {
     called.set_value();
@@ -278,7 +291,11 @@ TEST_F(RunningApplicationsObservationTest, EndsElsewhereOnlyAfterACallThatIsUnde
   });
   const UniqueFd application = CheckIns::checkIn("a"_text);
   called.get_future().wait();
-  std::thread opener([&] { go.set_value(); });
+  std::thread opener([&] {
+    ending.get_future().wait();
+    go.set_value();
+  });
+  ending.set_value();
   observation.reset();
   EXPECT_FALSE(inside);
   opener.join();
@@ -287,9 +304,10 @@ TEST_F(RunningApplicationsObservationTest, EndsElsewhereOnlyAfterACallThatIsUnde
 // Switches of context are the trace that a system call which waits leaves.
 TEST_F(RunningApplicationsObservationTest, IsAtRestWithoutASystemCall) {
   observe();
-  ChildProcess application = launch("a");
-  kill(application);
-  EXPECT_EQ(recorder->next(2), (Strings{"+a", "-a"}));
+  const ChildProcess running = launch("a");
+  ChildProcess ended = launch("b");
+  kill(ended);
+  EXPECT_EQ(recorder->next(3), (Strings{"+a", "+b", "-b"}));
   const auto switches = [] {
     std::map<std::string, std::string> byThread;
     for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
