@@ -13,6 +13,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <utility>
 #include <variant>
 
 #include "Platform/Dispatch/WorkerPool.h"
@@ -134,9 +135,12 @@ class NSXPCListener::Acceptor final : public ReadinessHandler,
         if (error == EINTR || error == ECONNABORTED) continue;
         if (error == EAGAIN) return;
         // Full: the waiting connection stays where it is and raises no event, so come back by the
-        // clock.
-        WorkerPool::shared().after(retryWhenFull, queue_,
-                                   [self = shared_from_this()] { self->acceptSome(); });
+        // clock. Every further connection raises one that leads here: one clock is enough.
+        if (std::exchange(retryScheduled_, true)) return;
+        WorkerPool::shared().after(retryWhenFull, queue_, [self = shared_from_this()] {
+          self->retryScheduled_ = false;
+          self->acceptSome();
+        });
         return;
       }
       if (!delegate || !listener || !isPeerOfThisUser(socket.get())) continue;
@@ -147,6 +151,7 @@ class NSXPCListener::Acceptor final : public ReadinessHandler,
   }
 
   const dispatch_queue_t queue_ = dispatch_queue_create("NSXPCListener", DISPATCH_QUEUE_SERIAL);
+  bool retryScheduled_ = false;  // only in tasks on queue_
   mutable std::mutex mutex_;
   // Protected by mutex_:
   std::weak_ptr<NSXPCListenerDelegate> delegate_;

@@ -96,6 +96,7 @@ inline Bytes refusal(std::uint8_t serial) {
 
 class HostilePeer {
  public:
+  HostilePeer() = default;  // not connected
   // Waits while more peers wait to be accepted than the agent's queue takes.
   explicit HostilePeer(const std::string& path) {
     EXPECT_TRUE(TestSupport::eventually([&] {
