@@ -124,6 +124,7 @@ class AgentOnTheWire(unittest.TestCase):
         self.path = path
         self.client = Connection(path)
         self.listener, self.endpoint = make_listener(self.folder.name)
+        self.call(RETRIEVE, ["x"])  # the agent has accepted by then
 
     def tearDown(self):
         self.agent.kill()
