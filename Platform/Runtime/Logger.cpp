@@ -26,7 +26,8 @@ namespace Platform {
 namespace {
 
 constexpr std::size_t bufferLimit = 4 << 20;  // bytes of waiting messages
-constexpr std::size_t bufferKept = 64 << 10;  // what a drained buffer may keep for the next lines
+constexpr std::size_t bufferKept = 2 << 20;   // what a drained buffer may keep for the next lines
+constexpr std::size_t writeSize = 64 << 10;   // bytes that go out in one call
 constexpr auto gatherTime = std::chrono::milliseconds(10);
 constexpr auto flushPatience = std::chrono::seconds(1);
 
@@ -168,7 +169,7 @@ void Logger::State::writeForever() {
     } else {
       forEachLine(batch, [&](const Record& record, std::string_view message) {
         formatter.append(text, record, message);
-        if (text.size() >= bufferKept) {
+        if (text.size() >= writeSize) {
           writeAll(text);
           text.clear();
         }

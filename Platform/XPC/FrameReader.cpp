@@ -15,6 +15,8 @@ std::size_t loadLittleEndian(const std::byte* bytes) {
 // What may wait for the rest of its frame: a whole frame's worth, and one more receive's.
 constexpr std::size_t mostWaitingDescriptors = 2 * Wire::mostDescriptors;
 
+constexpr std::size_t growth = 16;
+
 }  // namespace
 
 bool FrameReader::feed(std::span<const std::byte> bytes, std::vector<UniqueFd> descriptors,
@@ -32,6 +34,11 @@ bool FrameReader::feed(std::span<const std::byte> bytes, std::vector<UniqueFd> d
       if (!readHeader()) return false;
     }
     const std::size_t count = std::min(bytes.size(), payloadBytes_ - payload_.size());
+    // At most this many times what has arrived: a claim costs its sender, and an honest one few
+    // moves.
+    if (const std::size_t size = payload_.size() + count; size > payload_.capacity()) {
+      payload_.reserve(std::min(payloadBytes_, growth * size));
+    }
     payload_.insert(payload_.end(), bytes.begin(),
                     bytes.begin() + static_cast<std::ptrdiff_t>(count));
     bytes = bytes.subspan(count);
