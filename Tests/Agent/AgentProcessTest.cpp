@@ -1,24 +1,15 @@
 // Several processes: the agent as it is shipped, MainApp, and this one.
 
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <atomic>
 #include <filesystem>
 #include <fstream>
 #include <future>
 #include <latch>
-#include <memory>
-#include <thread>
+#include <tuple>
 
 #include "Examples/Meetings.h"
-#include "Platform/XPC/NSXPCListener.h"
 #include "Shared/Communication.h"
-#include "Shared/EndPointHandler.h"
-#include "Shared/GApp.h"
-#include "Tests/Support/TestProcess.h"
+#include "Tests/Robustness/AgentTest.h"
 
 namespace Gantrel_Sync_Helper {
 namespace {
@@ -27,37 +18,39 @@ using namespace Platform;
 using TestSupport::ChildProcess;
 using TestSupport::executableOf;
 
+const std::string theAgent = executableOf("GantrelAgent");
 const std::string mainApp = executableOf("MainApp");
 const std::string meetingsFile = GANTREL_SOURCE_DIR "/Examples/MainApp/Meetings.plist";
 
-class Agents : public testing::Test {
- protected:
-  std::string socketPath() const {
-    return directory.path() + "/gantrel/" + agentAppBundleIdentifier.utf8() + ".socket";
-  }
+// A program's exit status, and what it wrote to its standard output and standard error.
+std::tuple<int, std::string, std::string> run(const std::vector<std::string>& command,
+                                              const std::vector<std::string>& environment = {}) {
+  ChildProcess process(command, environment);
+  const std::string output = process.readAllOutput();
+  const std::string errors = process.readAllErrors();
+  return {process.wait(), output, errors};
+}
 
-  ChildProcess startAgent() {
-    ChildProcess agent({executableOf("GantrelAgent")});
-    EXPECT_NE(agent.readErrorLine()->find("Z Agent init " + agentAppBundleIdentifier.utf8() +
-                                          " (GantrelAgent/Agent:25 init(serviceName:))"),
-              std::string::npos);
-    EXPECT_NE(agent.readErrorLine()->find("Z Agent resume (GantrelAgent/Agent:34 resume())"),
-              std::string::npos);
-    EXPECT_TRUE(TestSupport::eventually([&] { return reachable(); }));
+bool isOneLine(const std::string& text) {
+  return !text.empty() && text.find('\n') == text.size() - 1;
+}
+
+Text text(std::string bytes) {
+  return *Text::fromUtf8(std::move(bytes));
+}
+
+class Agents : public AgentTest {
+ protected:
+  static ChildProcess startAgent() {
+    ChildProcess agent = AgentTest::startAgent("exec \"$0\"");
+    EXPECT_TRUE(agent.readErrorLine()->ends_with("Z Agent init " + agentAppBundleIdentifier.utf8() +
+                                                 " (GantrelAgent/Agent:25 init(serviceName:))"));
+    EXPECT_TRUE(
+        agent.readErrorLine()->ends_with("Z Agent resume (GantrelAgent/Agent:34 resume())"));
     return agent;
   }
 
-  bool reachable() { return connect()->retrieveEndpoint(""_text).has_value(); }
-
-  static std::shared_ptr<EndPointHandler> connect() {
-    auto handler = EndPointHandler::initWithServiceName(agentAppBundleIdentifier);
-    handler->connect();
-    return handler;
-  }
-
-  static Text text(std::string bytes) { return *Text::fromUtf8(std::move(bytes)); }
-
-  TestSupport::PrivateRuntimeDirectory directory;
+  static bool reachable() { return connect()->retrieveEndpoint({}).has_value(); }
 };
 
 TEST_F(Agents, BringTwoApplicationsTogetherAndAreThenNotNeeded) {
@@ -97,36 +90,30 @@ TEST_F(Agents, KeepOneEndpointPerIdentifierWhateverTheIdentifier) {
   ChildProcess agent = startAgent();
   const auto handler = connect();
   const auto listeners = {NSXPCListener::anonymousListener(), NSXPCListener::anonymousListener()};
-  const auto inode = [](const EndpointRef& endpoint) {
-    struct stat status {};
-    return endpoint && ::fstat(endpoint->descriptor(), &status) == 0 ? status.st_ino : 0;
-  };
   const std::size_t large = TestSupport::isSanitized ? 1 << 20 : 10 << 20;
   std::string misordered = "a";
   while (misordered.size() < large) misordered += "\u0301\u0323";
-  const Text identifiers[] = {text(""),
-                              text("notes"),
-                              text("Notes"),
-                              text("line\nbreak \x1b[31m"),
-                              text(std::string("nul\0one", 7)),
-                              text(std::string("nul\0two", 7)),
-                              text("caf\u00e9"),
-                              text(std::string(large, 'x')),
-                              text(misordered)};
-  for (const Text& identifier : identifiers) {
-    EXPECT_EQ(*handler->retrieveEndpoint(identifier), nullptr);
+  const std::string identifiers[] = {"",
+                                     "notes",
+                                     "Notes",
+                                     "line\nbreak \x1b[31m",
+                                     {"nul\0one", 7},
+                                     {"nul\0two", 7},
+                                     "caf\u00e9",
+                                     std::string(large, 'x'),
+                                     misordered};
+  for (const std::string& identifier : identifiers) {
+    EXPECT_EQ(found(text(identifier)), 0u);
     for (const auto& listener : listeners) {
-      EXPECT_EQ(handler->registerEndpoint(listener->endpoint(), identifier), true);
-      for (int twice = 0; twice < 2; ++twice) {
-        EXPECT_EQ(inode(*connect()->retrieveEndpoint(identifier)), inode(listener->endpoint()));
-      }
+      EXPECT_EQ(handler->registerEndpoint(listener->endpoint(), text(identifier)), true);
+      EXPECT_EQ(found(text(identifier)), inode(listener->endpoint()));
     }
   }
-  EXPECT_NE(*handler->retrieveEndpoint(text("cafe\u0301")), nullptr);
-  for (const Text& identifier : identifiers) {
-    handler->removeEndpoint(identifier);
-    handler->removeEndpoint(identifier);
-    EXPECT_EQ(*handler->retrieveEndpoint(identifier), nullptr);
+  EXPECT_NE(found("cafe\u0301"_text), 0u);
+  for (const std::string& identifier : identifiers) {
+    handler->removeEndpoint(text(identifier));
+    handler->removeEndpoint(text(identifier));
+    EXPECT_EQ(*handler->retrieveEndpoint(text(identifier)), nullptr);
   }
   agent.signal(SIGTERM);
   EXPECT_NE(agent.readAllErrors().find("Identifier=line\\x0abreak \\x1b[31m ("), std::string::npos);
@@ -136,8 +123,8 @@ TEST_F(Agents, ApplyRequestsSentWithoutWaitingInTheirOrder) {
   ChildProcess agent = startAgent();
   const auto handler = connect();
   const auto listener = NSXPCListener::anonymousListener();
-  std::thread other([] {
-    for (int i = 0; i < 200; ++i) EXPECT_EQ(*connect()->retrieveEndpoint("b"_text), nullptr);
+  const auto other = std::async(std::launch::async, [] {
+    for (int i = 0; i < 200; ++i) EXPECT_EQ(found("b"_text), 0u);
   });
   constexpr int rounds = 500;
   std::latch answers(2 * rounds);
@@ -155,18 +142,15 @@ TEST_F(Agents, ApplyRequestsSentWithoutWaitingInTheirOrder) {
     });
   }
   answers.wait();
-  other.join();
   EXPECT_EQ(wrong, 0);
 }
 
 TEST_F(Agents, ServeOnlyOneForANameAndMakeRoomWhenKilled) {
   ChildProcess agent = startAgent();
   for (int i = 0; i < 3; ++i) {
-    ChildProcess second({executableOf("GantrelAgent")});
-    const std::string written = second.readAllErrors();
-    EXPECT_NE(written.find("Agent init "), std::string::npos);
-    EXPECT_EQ(written.find('\n'), written.size() - 1) << "one line only";
-    EXPECT_EQ(second.wait(), 69);
+    const auto [status, output, written] = run({theAgent});
+    EXPECT_EQ(status, 69);
+    EXPECT_TRUE(isOneLine(written) && written.find("Agent init ") != std::string::npos) << written;
     EXPECT_TRUE(reachable());
     agent.signal(SIGKILL);
     agent.wait();
@@ -177,27 +161,22 @@ TEST_F(Agents, ServeOnlyOneForANameAndMakeRoomWhenKilled) {
 TEST_F(Agents, SayWhatEndedThemByTheirStatusAlone) {
   namespace fs = std::filesystem;
   const fs::path bare = fs::path(directory.path()) / "GantrelAgent";
-  fs::copy_file(executableOf("GantrelAgent"), bare);
-  const auto run = [](const std::string& program, const std::string& variable) {
-    ChildProcess process({"/usr/bin/env", variable, program});
-    const std::string written = process.readAllErrors();
-    return std::pair(process.wait(), written);
-  };
-  EXPECT_EQ(run(bare, "A=b"), std::pair(78, std::string())) << "no bundle";
+  fs::copy_file(theAgent, bare);
+  EXPECT_EQ(run({bare}), std::tuple(78, "", "")) << "no bundle";
 
   const fs::path broken = fs::path(directory.path()) / "Broken.app/Contents/Linux";
   fs::create_directories(broken);
   fs::copy_file(bare, broken / "GantrelAgent");
   std::ofstream(broken / "../Info.plist") << "<plist><dict><key>CFBundleIdentifier</key>";
-  EXPECT_EQ(run(broken / "GantrelAgent", "A=b"), std::pair(78, std::string()));
+  EXPECT_EQ(run({broken / "GantrelAgent"}), std::tuple(78, "", ""));
 
   const fs::path open = fs::path(directory.path()) / "open";
   fs::create_directory(open);
   fs::permissions(open, fs::perms::all);
   for (const std::string& runtime : {std::string("/nowhere"), open.string(), std::string(bare)}) {
-    const auto [status, written] = run(executableOf("GantrelAgent"), "XDG_RUNTIME_DIR=" + runtime);
+    const auto [status, output, written] = run({theAgent}, {"XDG_RUNTIME_DIR=" + runtime});
     EXPECT_EQ(status, 69) << runtime;
-    EXPECT_EQ(written.find('\n'), written.size() - 1) << "the Agent init line, and nothing else";
+    EXPECT_TRUE(isOneLine(written)) << written;  // of its beginning
   }
 }
 
@@ -207,14 +186,11 @@ TEST_F(Agents, ServeTheSocketTheyAreHandedAndLeaveAWaitingOneAlone) {
   ::chmod((directory.path() + "/gantrel").c_str(), 0700);
   ChildProcess activator({"systemd-socket-activate", "--listen=" + socketPath(),
                           "--fdname=" + agentAppBundleIdentifier.utf8(), "--setenv=XDG_RUNTIME_DIR",
-                          executableOf("GantrelAgent")});
+                          theAgent});
   ASSERT_TRUE(TestSupport::eventually([&] { return std::filesystem::exists(socketPath()); }));
   struct stat before {};
   ASSERT_EQ(::stat(socketPath().c_str(), &before), 0);
-
-  ChildProcess byHand({executableOf("GantrelAgent")});
-  byHand.readAllErrors();
-  EXPECT_EQ(byHand.wait(), 69);
+  EXPECT_EQ(std::get<0>(run({theAgent})), 69) << "by hand";
   const auto listener = NSXPCListener::anonymousListener();
   ASSERT_TRUE(TestSupport::eventually([&] { return reachable(); }));
   EXPECT_EQ(connect()->registerEndpoint(listener->endpoint(), "a"_text), true);
@@ -231,12 +207,7 @@ TEST_F(Agents, LeaveNobodyWaitingWhenTheyGo) {
   EXPECT_TRUE(handler->retrieveEndpoint("a"_text));
   agent.stop();
   handler->retrieveEndpoint("a"_text, [](auto) { ADD_FAILURE() << "the agent was stopped"; });
-  std::promise<void> asked;
-  auto waiting = std::async(std::launch::async, [&] {
-    asked.set_value();
-    return connect()->retrieveEndpoint("a"_text);
-  });
-  asked.get_future().wait();
+  auto waiting = std::async(std::launch::async, [&] { return connect()->retrieveEndpoint({}); });
   agent.signal(SIGKILL);
   agent.wait();
   EXPECT_EQ(waiting.get(), std::nullopt);
@@ -249,39 +220,27 @@ TEST_F(Agents, LeaveNobodyWaitingWhenTheyGo) {
 
 TEST_F(Agents, AreExplainedToPeopleByTheExamples) {
   const std::string menuApp = executableOf("MenuApp");
-  const auto run = [](std::vector<std::string> command) {
-    ChildProcess process(command);
-    const std::string output = process.readAllOutput();
-    const std::string errors = process.readAllErrors();
-    return std::tuple(process.wait(), output, errors);
-  };
-  const auto complains = [&](std::vector<std::string> command, const std::string& about) {
-    const auto [status, output, errors] = run(command);
-    EXPECT_EQ(status, 1) << errors;
-    EXPECT_EQ(output, "");
-    EXPECT_NE(errors.find(about), std::string::npos) << errors;
-    EXPECT_EQ(errors.find('\n'), errors.size() - 1) << "one sentence: " << errors;
+  const auto complains = [&](const std::vector<std::string>& command, const std::string& about,
+                             const std::vector<std::string>& environment = {}) {
+    const auto [status, output, errors] = run(command, environment);
+    EXPECT_EQ(std::tuple(status, output), std::tuple(1, "")) << errors;
+    EXPECT_TRUE(isOneLine(errors) && errors.find(about) != std::string::npos) << errors;
   };
   complains({menuApp, "upcoming"}, "the agent is not running");
   complains({mainApp, meetingsFile}, "the agent is not running");
   complains({mainApp, "/nowhere"}, "missing or not a property list");
-  complains({mainApp, executableOf("MainApp") + "/../../Info.plist"}, "missing or not");
+  complains({mainApp, mainApp}, "missing or not");
   complains({mainApp, GANTREL_BUILD_DIR "/MainApp.app/Contents/Info.plist"},
             "not a list of meetings");
   complains({mainApp}, "one argument");
   complains({menuApp, "open"}, "--help");
   complains({menuApp, "open", "\xff"}, "UTF-8");
-  complains({"/usr/bin/env", "XDG_RUNTIME_DIR=/nowhere\x1b[31m", menuApp, "upcoming"},
-            "/nowhere\\x1b");
-  complains({"/usr/bin/env", "XDG_RUNTIME_DIR=/usr", menuApp, "new"}, "open to other users");
-
+  complains({menuApp, "new"}, "/nowhere\\x1b", {"XDG_RUNTIME_DIR=/nowhere\x1b[31m"});
+  complains({menuApp, "new"}, "open to other users", {"XDG_RUNTIME_DIR=/usr"});
   ChildProcess agent = startAgent();
   complains({menuApp, "upcoming"}, "the main application is not running");
   ChildProcess application({mainApp, meetingsFile});
   ASSERT_TRUE(application.readLine());
-  const auto [status, output, errors] = run({menuApp, "upcoming"});
-  EXPECT_EQ(status, 0) << errors;
-  EXPECT_NE(output.find("Weekly planning"), std::string::npos);
   EXPECT_EQ(std::get<0>(run({menuApp, "new"})), 0);
   EXPECT_NE(std::get<1>(run({menuApp, "upcoming"})).find("New meeting"), std::string::npos);
 }

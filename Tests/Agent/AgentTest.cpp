@@ -23,10 +23,8 @@ TEST(Agent, AnswersOnItsQueueOnceTheMapHoldsTheEndpoint) {
   agent->registerListenerEndpoint(endpoint, "a"_text, [&](bool stored) {
     EXPECT_TRUE(stored);
     EXPECT_TRUE(agent->listenerQueue()->isCurrent());
-    Agent::EndpointMap copy = agent->listeners();
-    EXPECT_EQ(copy, (Agent::EndpointMap{{"a"_text, endpoint}}));
-    copy.clear();
-    EXPECT_EQ(agent->listeners().size(), 1u) << "the accessor hands out a copy";
+    agent->listeners().clear();
+    EXPECT_EQ(agent->listeners(), (Agent::EndpointMap{{"a"_text, endpoint}})) << "not a copy";
   });
   agent->retrieveListenerEndpoint("a"_text, [&](std::optional<EndpointRef> found) {
     EXPECT_EQ(found, endpoint) << "the very object that was stored";

@@ -71,6 +71,12 @@ class ExternalProject(unittest.TestCase):
             shown = re.findall("#include (<.*[./].*>)", header.read_text())
             self.assertEqual(shown, [], header)
 
+    def test_is_given_the_version_that_both_histories_tell_of(self):
+        """The version's one home is CMakeLists.txt; the histories that name it must not fall behind."""
+        version = run("pkg-config", "--modversion", "gantrel", env=ENVIRONMENT).strip()
+        self.assertEqual(re.search(r"^## \[([\d.]+)\]", (SOURCE / "CHANGELOG.md").read_text(), re.M)[1], version)
+        self.assertRegex((SOURCE / "debian/changelog").read_text(), rf"^gantrel \({re.escape(version)}\) ")
+
 
 if __name__ == "__main__":
     unittest.main()

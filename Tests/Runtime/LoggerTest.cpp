@@ -4,10 +4,10 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <charconv>
+#include <fstream>
 #include <future>
+#include <sstream>
 #include <string>
-#include <thread>
 
 #include "Platform/Runtime/Escaped.h"
 #include "Platform/Runtime/UniqueFd.h"
@@ -31,12 +31,8 @@ TEST(Logger, NeverWaitsForAStuckDestinationAndCountsWhatItDropped) {
         "a line of some length, as the agent writes: " + std::to_string(i), "Tests", "test()", 1);
   }
   auto all = std::async(std::launch::async, [&] {
-    std::string text;
-    char buffer[65536];
-    for (ssize_t n; (n = ::read(reading.get(), buffer, sizeof buffer)) > 0;) {
-      text.append(buffer, static_cast<std::size_t>(n));
-    }
-    return text;
+    std::ifstream stream("/dev/fd/" + std::to_string(reading.get()));
+    return std::string(std::istreambuf_iterator(stream), {});
   });
   Logger::sharedInstance().flush();
   Logger::sharedInstance().info("last", "Tests", "test()", 2);
@@ -46,16 +42,13 @@ TEST(Logger, NeverWaitsForAStuckDestinationAndCountsWhatItDropped) {
   const std::string text = all.get();
   int written = 0;
   int dropped = 0;
-  for (std::size_t at = 0; at < text.size(); at = text.find('\n', at) + 1) {
-    const std::string line = text.substr(at, text.find('\n', at) - at);
+  std::istringstream lines(text);
+  for (std::string line; std::getline(lines, line);) {
     const std::string message = line.substr(line.find("Z ") + 2);
     if (message.find(" log lines dropped (") != std::string::npos) {
-      int count = 0;
-      std::from_chars(message.data(), message.data() + message.size(), count);
-      dropped += count;
-    } else if (message.find("a line") == 0) {
-      EXPECT_NE(message.find(": " + std::to_string(written) + " (Tests:1 test())"),
-                std::string::npos);
+      dropped += std::stoi(message);
+    } else if (message.starts_with("a line")) {
+      EXPECT_TRUE(message.ends_with(": " + std::to_string(written) + " (Tests:1 test())"));
       ++written;
     }
   }

@@ -4,7 +4,6 @@
 
 #include <string>
 #include <unordered_set>
-#include <vector>
 
 #include "Tests/Support/TestProcess.h"
 
@@ -46,17 +45,10 @@ TEST(Text, IsEqualWhenCanonicallyEquivalent) {
 
 TEST(Text, HoldsNulsAndRefusesWhatIsNotUtf8) {
   EXPECT_NE(text(std::string("a\0b", 3)), text(std::string("a\0c", 3)));
-  EXPECT_EQ(text(""), Text());
-  EXPECT_EQ(text("").hash(), Text().hash());
-  const std::string invalid[] = {"\x80",
-                                 "abcdefghij\xff",
-                                 "\xc0\x80",
-                                 "\xe2\x82",
-                                 "\xed\xa0\x80",
-                                 "\xf4\x90\x80\x80",
-                                 "\xf8\x88\x80\x80\x80",
-                                 "\xc3"};
-  for (const std::string& bytes : invalid) EXPECT_FALSE(Text::fromUtf8(bytes)) << bytes;
+  for (const char* bytes : {"\x80", "abcdefghij\xff", "\xc0\x80", "\xe2\x82", "\xed\xa0\x80",
+                            "\xf4\x90\x80\x80", "\xf8\x88\x80\x80\x80", "\xc3"}) {
+    EXPECT_FALSE(Text::fromUtf8(bytes)) << bytes;
+  }
   EXPECT_TRUE(Text::fromUtf8("\xf4\x8f\xbf\xbf"));
 }
 

@@ -6,7 +6,6 @@
 #include <latch>
 #include <memory>
 #include <mutex>
-#include <string>
 #include <thread>
 #include <vector>
 
@@ -20,7 +19,6 @@ namespace {
 class Peer {
  public:
   virtual ~Peer() = default;
-  virtual void note(Text text) = 0;
   virtual void echo(Value value, Reply<Value> reply) = 0;
   // Calls the endpoint back with a waiting call before it answers.
   virtual void askBack(EndpointRef endpoint, Reply<Value> reply) = 0;
@@ -28,7 +26,7 @@ class Peer {
 
   class Proxy;
   static consteval auto protocol() {
-    return Protocol("Peer", method<&Peer::note>("note:"), method<&Peer::echo>("echo:reply:"),
+    return Protocol("Peer", method<&Peer::echo>("echo:reply:"),
                     method<&Peer::askBack>("askBack:reply:"),
                     method<&Peer::dropReply>("dropReply:"));
   }
@@ -37,7 +35,6 @@ class Peer {
 class Peer::Proxy final : public RemoteProxy<Peer> {
  public:
   using RemoteProxy::RemoteProxy;
-  void note(Text text) override { send<&Peer::note>(text); }
   void echo(Value value, Reply<Value> reply) override { send<&Peer::echo>(value, reply); }
   void askBack(EndpointRef endpoint, Reply<Value> reply) override {
     send<&Peer::askBack>(endpoint, reply);
@@ -79,10 +76,6 @@ class Service final : public NSObject, public Peer, public NSXPCListenerDelegate
     return true;
   }
 
-  void note(Text text) override {
-    const std::lock_guard lock(mutex);
-    notes.push_back(std::move(text));
-  }
   void echo(Value value, Reply<Value> reply) override {
     if (onEcho) onEcho();
     reply(std::move(value));
@@ -98,7 +91,6 @@ class Service final : public NSObject, public Peer, public NSXPCListenerDelegate
 
   std::function<void()> onEcho;
   std::mutex mutex;
-  std::vector<Text> notes;
   std::weak_ptr<NSXPCConnection> last;
 
  private:
@@ -113,30 +105,12 @@ class Connections : public testing::Test {
 TEST_F(Connections, CarryEveryKindOfValueAndKeepEndpointsConnectable) {
   const auto service = Service::start();
   const auto connection = connectionTo(service->endpoint());
-  const Value values[] = {{},
-                          true,
-                          0,
-                          23,
-                          24,
-                          255,
-                          256,
-                          65535,
-                          65536,
-                          4294967295u,
-                          4294967296u,
-                          UINT64_MAX,
-                          -1,
-                          -25,
-                          INT64_MIN,
-                          0.0,
-                          -1.5,
-                          ""_text,
-                          "caf\u00e9"_text,
-                          Data{std::byte{0}, std::byte{255}},
-                          NSDate{-1e9},
-                          Array{1, "two"_text, Array{}, Value()},
-                          Dictionary{{"key"_text, Dictionary{}}, {""_text, 1.0}}};
-  for (const Value& value : values) EXPECT_EQ(ask(connection, value), value);
+  const Value values =
+      Array{Array{Value(), true, false, Array{}, 0.0, -1.5, NSDate{-1e9}, Data{std::byte{255}}},
+            Array{0, 23, 24, 255, 256, 65535, 65536, 4294967295u, 4294967296u, UINT64_MAX},
+            Array{-1, -24, -25, INT64_MIN},
+            Dictionary{{"caf\u00e9"_text, Dictionary{}}, {""_text, ""_text}}};
+  EXPECT_EQ(ask(connection, values), values);
 
   const Value answer = ask(connection, Array{service->endpoint(), service->endpoint()});
   ASSERT_TRUE(answer.asArray() && answer.asArray()->size() == 2);
@@ -147,33 +121,17 @@ TEST_F(Connections, CarryEveryKindOfValueAndKeepEndpointsConnectable) {
   }
 }
 
-TEST_F(Connections, DeliverInTheOrderSentWhileOthersRun) {
-  const auto service = Service::start();
-  const auto connection = connectionTo(service->endpoint());
-  const auto other = connectionTo(service->endpoint());
-  std::thread busy([&] {
-    for (int i = 0; i < 200; ++i) EXPECT_EQ(ask(other, i), Value(i));
-  });
-  const auto proxy = connection->remoteObjectProxy<Peer>();
-  for (int i = 0; i < 1000; ++i) proxy->note(*Text::fromUtf8(std::to_string(i)));
-  EXPECT_EQ(ask(connection, true), Value(true));
-  busy.join();
-  ASSERT_EQ(service->notes.size(), 1000u);
-  for (int i = 0; i < 1000; ++i)
-    EXPECT_EQ(service->notes[static_cast<std::size_t>(i)].utf8(), std::to_string(i));
-}
-
 TEST_F(Connections, RunConcurrentlyAlsoWhenAHandlerBlocks) {
   const auto service = Service::start();
   constexpr int count = 12;  // more than there are workers at first
   std::latch allInside(count);
   service->onEcho = [&] { allInside.arrive_and_wait(); };
-  std::vector<std::thread> clients;
+  std::vector<std::future<void>> clients;
   for (int i = 0; i < count; ++i) {
-    clients.emplace_back(
-        [&, i] { EXPECT_EQ(ask(connectionTo(service->endpoint()), i), Value(i)); });
+    clients.push_back(std::async(std::launch::async, [&, i] {
+      EXPECT_EQ(ask(connectionTo(service->endpoint()), i), Value(i));
+    }));
   }
-  for (std::thread& client : clients) client.join();
 }
 
 TEST_F(Connections, LetAHandlerWaitForItsOwnPeer) {
@@ -194,16 +152,15 @@ TEST_F(Connections, LetAHandlerWaitForItsOwnPeer) {
   EXPECT_EQ(right, count);
 }
 
-TEST_F(Connections, AnswerWaitingCallsOfManyThreadsOnOneConnection) {
+TEST_F(Connections, AnswerWaitingCallsOfManyThreads) {
   const auto service = Service::start();
   const auto connection = connectionTo(service->endpoint());
-  std::vector<std::thread> threads;
+  std::vector<std::future<void>> threads;
   for (int t = 0; t < 8; ++t) {
-    threads.emplace_back([&, t] {
+    threads.push_back(std::async(std::launch::async, [&, t] {
       for (int i = 0; i < 200; ++i) EXPECT_EQ(ask(connection, t * 1000 + i), Value(t * 1000 + i));
-    });
+    }));
   }
-  for (std::thread& thread : threads) thread.join();
 }
 
 TEST_F(Connections, TellBothFormsOfCallWhenTheAnswerCannotCome) {
@@ -214,17 +171,12 @@ TEST_F(Connections, TellBothFormsOfCallWhenTheAnswerCannotCome) {
       ->dropReply([](bool) { FAIL() << "nobody answered"; });
   EXPECT_EQ(dropped.get_future().get(), NSXPCConnectionError::refused);
 
-  std::promise<void> inside;
   std::promise<void> invalidated;
   std::promise<NSXPCConnectionError> lost;
   connection->setInvalidationHandler([&] { invalidated.set_value(); });
-  service->onEcho = [&, first = true]() mutable {
-    if (std::exchange(first, false)) inside.set_value();
-    service->last.lock()->invalidate();
-  };
+  service->onEcho = [&] { service->last.lock()->invalidate(); };
   connection->remoteObjectProxyWithErrorHandler<Peer>([&](auto error) { lost.set_value(error); })
       ->echo(1, [](Value) { FAIL() << "the peer had gone"; });
-  inside.get_future().wait();
   EXPECT_EQ(lost.get_future().get(), NSXPCConnectionError::invalid);
   invalidated.get_future().wait();
   std::optional<NSXPCConnectionError> error;
@@ -242,12 +194,10 @@ TEST_F(Connections, WakeAWaitingCallWhenTheyAreInvalidated) {
     inside.set_value();
     goOn.get_future().wait();
   };
-  std::thread invalidator([&] {
-    inside.get_future().wait();
-    connection->invalidate();
-  });
-  EXPECT_EQ(ask(connection, 1), Value());
-  invalidator.join();
+  auto waiting = std::async(std::launch::async, [&] { return ask(connection, 1); });
+  inside.get_future().wait();
+  connection->invalidate();
+  EXPECT_EQ(waiting.get(), Value());
   goOn.set_value();
 }
 
@@ -256,7 +206,6 @@ TEST_F(Connections, CarryMessagesLargerThanAnySocketBuffer) {
   const auto connection = connectionTo(service->endpoint());
   const Value large =
       *Text::fromUtf8(std::string(TestSupport::isSanitized ? 1 << 20 : 20 << 20, 'x'));
-  EXPECT_EQ(ask(connection, large), large);
   std::latch answered(8);
   const auto proxy = connection->remoteObjectProxy<Peer>();
   for (int i = 0; i < 8; ++i) {
