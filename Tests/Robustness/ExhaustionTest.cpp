@@ -1,6 +1,5 @@
 // What the agent has runs out: descriptors, room for descriptors under way, the log's reader.
 
-
 #include <ctime>
 #include <fstream>
 

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <algorithm>
 
 #include <array>
 #include <cstdint>
@@ -29,12 +30,12 @@ inline Bytes bytesOf(std::string_view characters) {
 
 // A frame around any payload, with any claims.
 inline Bytes frameOf(const Bytes& payload, std::uint32_t descriptors, std::uint32_t claimedLength) {
-  Bytes frame(Platform::Wire::headerSize);
+  Bytes frame(Platform::Wire::headerSize + payload.size());
   for (std::size_t i = 0; i < 4; ++i) {
     frame[i] = static_cast<std::byte>(claimedLength >> (8 * i));
     frame[i + 4] = static_cast<std::byte>(descriptors >> (8 * i));
   }
-  frame.insert(frame.end(), payload.begin(), payload.end());
+  std::copy(payload.begin(), payload.end(), frame.begin() + Platform::Wire::headerSize);
   return frame;
 }
 inline Bytes frameOf(const Bytes& payload, std::uint32_t descriptors = 0) {
