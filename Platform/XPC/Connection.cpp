@@ -413,6 +413,9 @@ bool Connection::read(Lock& lock, Wait wait) {
   if (!isFull && link->frames.hasUndeclaredDescriptors()) isSound = false;
   lock.lock();
   reading_ = false;
+  // A call that began to wait meanwhile has left the reading to this thread, and takes it over now,
+  // whatever came of it.
+  if (!waiting_.empty()) waiting_.front()->wake.notify_one();
   if (link_ != link) return false;
   for (Frame& frame : frames) take(std::move(frame), link->number);
   if (received.outcome == Received::Outcome::ended || !isSound) {
@@ -423,7 +426,6 @@ bool Connection::read(Lock& lock, Wait wait) {
     hungUp_ = false;
     return false;
   }
-  if (wait == Wait::no && !waiting_.empty()) waiting_.front()->wake.notify_one();
   // A peer that sends several messages at a time is likely to have sent more by the next turn; to
   // ask the socket is cheaper then than to wait for it.
   if (wait == Wait::no) mayRead_ = isFull || frames.size() > 1 || hungUp_;

@@ -1,6 +1,9 @@
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
 #include <future>
 #include <latch>
@@ -11,6 +14,8 @@
 
 #include "Platform/Dispatch/DispatchQueue.h"
 #include "Platform/XPC/NSXPCListener.h"
+#include "Platform/XPC/NamedService.h"
+#include "Platform/XPC/Socket.h"
 #include "Tests/Support/TestProcess.h"
 
 namespace Platform {
@@ -161,6 +166,39 @@ TEST_F(Connections, AnswerWaitingCallsOfManyThreads) {
       for (int i = 0; i < 200; ++i) EXPECT_EQ(ask(connection, t * 1000 + i), Value(t * 1000 + i));
     }));
   }
+}
+
+// A worker that reads when the call begins, and then finds nothing, must hand the reading over.
+TEST_F(Connections, AnswerAWaitingCallThatFindsAWorkerReading) {
+  const UniqueFd listening = bindTo(*namedServicePath("slow"_text));
+  ASSERT_TRUE(listenOn(listening.get()));
+  const auto connection = NSXPCConnection::initWithMachServiceName("slow"_text);
+  connection->resume();
+  const auto proxy = connection->remoteObjectProxy<Peer>();
+  constexpr std::uint8_t calls = 10;
+  std::promise<void> asked;
+  proxy->echo({}, [&](Value) { asked.set_value(); });
+  const UniqueFd peer(::accept4(listening.get(), nullptr, nullptr, SOCK_CLOEXEC));
+  std::thread answering([&] {
+    for (std::uint8_t serial = 1; serial <= calls; ++serial) {
+      std::array<std::byte, 256> request;
+      receive(peer.get(), request, Wait::yes);
+      // Every second one, the waiting call, after longer than a worker stays with a connection.
+      if (serial % 2 == 0) ::poll(nullptr, 0, 30);
+      const std::uint8_t nil[] = {5, 0, 0, 0, 0, 0, 0, 0, 0x83, 2, serial, 0x81, 0xF6};
+      EXPECT_EQ(::send(peer.get(), nil, sizeof nil, MSG_NOSIGNAL), ssize_t{sizeof nil});
+    }
+  });
+  for (int call = 2; call <= calls; call += 2) {
+    asked.get_future().wait();
+    bool answered = false;
+    connection->synchronousRemoteObjectProxyWithErrorHandler<Peer>({})->echo(
+        {}, [&](Value) { answered = true; });
+    EXPECT_TRUE(answered);
+    asked = {};
+    if (call < calls) proxy->echo({}, [&](Value) { asked.set_value(); });
+  }
+  answering.join();
 }
 
 TEST_F(Connections, TellBothFormsOfCallWhenTheAnswerCannotCome) {
