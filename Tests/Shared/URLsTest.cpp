@@ -14,10 +14,8 @@ TEST(URLs, ConnectionProtocolIsTheWholeRawValueOrNone) {
   }
   EXPECT_EQ(rawValue(http), "http://"_text);
   EXPECT_EQ(rawValue(https), "https://"_text);
-  EXPECT_EQ(std::hash<URLs::ConnectionProtocol>{}(http), 0u);
-  EXPECT_EQ(std::hash<URLs::ConnectionProtocol>{}(https), 1u);
-  for (const char* const other : {"", "http", "https", "http:", "http:/", "https:/", "HTTP://",
-                                  "Https://", " http://", "http:// ", "https://a.example"}) {
+  for (const char* const other :
+       {"", "http", "http:/", "HTTP://", " http://", "https://a.example"}) {
     EXPECT_EQ(URLs::connectionProtocol(Text::fromUtf8(other).value()), std::nullopt) << other;
   }
 }
