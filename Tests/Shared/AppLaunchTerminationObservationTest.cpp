@@ -14,13 +14,9 @@ namespace Gantrel_Sync_Helper {
 namespace {
 
 using namespace TestSupport;
-class AppLaunchTerminationObservationTest : public TestSupport::RunningApplicationsTest {};
+class AppLaunchTerminationObservationTest : public RunningApplicationsTest {};
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr int processes = 150;
-#else
-constexpr int processes = 1000;
-#endif
+constexpr int processes = isSanitized ? 150 : 1000;
 
 struct WatchingProcess {
   ChildProcess process{{testApplication, "watch"}};

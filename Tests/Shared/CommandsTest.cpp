@@ -39,9 +39,6 @@ void expectStates(const States& expected) {
   executable.execute();
   EXPECT_EQ(states, expected);
   EXPECT_EQ(updatable.state(), expected.back());
-  updatable.setStateUpdated(callback(nullptr));
-  executable.execute();
-  EXPECT_EQ(updatable.state(), expected.back()) << "and again, with nobody told";
 }
 
 TEST_F(Commands, OpenWhatTheyNameAndGoThroughTheirStates) {

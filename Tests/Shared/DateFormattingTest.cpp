@@ -56,17 +56,10 @@ NSDate at(int year, unsigned month, unsigned day, int hour = 12, int minute = 0)
 const NSDate afternoon = at(2016, 3, 5, 14, 7);
 
 TEST_F(DateFormatting, FollowsTheLocale) {
-  struct Case {
-    const char* locale;
-    NSDate date;
-    const char* menu;
-    const char* dayMonth;
-    const char* time;
-  };
   const NSDate morning = at(2016, 3, 5, 9, 5);
   const NSDate midnight = at(2016, 3, 5, 0, 5);
   const NSDate noon = at(2016, 3, 15, 12, 0);
-  const Case cases[] = {
+  const std::tuple<const char*, NSDate, const char*, const char*, const char*> cases[] = {
       {"en_US", afternoon, "Sat 05 Mar, 2:07 PM", "5 Mar, 2:07 PM", "2:07 PM"},
       {"en_US", midnight, "Sat 05 Mar, 12:05 AM", "5 Mar, 12:05 AM", "12:05 AM"},
       {"en_US", noon, "Tue 15 Mar, 12:00 PM", "15 Mar, 12:00 PM", "12:00 PM"},
@@ -80,11 +73,11 @@ TEST_F(DateFormatting, FollowsTheLocale) {
       {"fr_CM", afternoon, "sam. 05 mars, 14:07", "5 mars, 14:07", "14:07"},
       {"sr_RS.UTF-8@latin", afternoon, "sub 05 mar, 14:07", "5 mar, 14:07", "14:07"},
   };
-  for (const Case& c : cases) {
-    setLocale(c.locale);
-    EXPECT_EQ(compactDayNameDateAndTimeForMenuIconApp(c.date).utf8(), c.menu) << c.locale;
-    EXPECT_EQ(dMMMhhmm(c.date).utf8(), c.dayMonth) << c.locale;
-    EXPECT_EQ(hhmm(c.date).utf8(), c.time) << c.locale;
+  for (const auto& [locale, date, menu, dayMonth, time] : cases) {
+    setLocale(locale);
+    EXPECT_EQ(compactDayNameDateAndTimeForMenuIconApp(date).utf8(), menu) << locale;
+    EXPECT_EQ(dMMMhhmm(date).utf8(), dayMonth) << locale;
+    EXPECT_EQ(hhmm(date).utf8(), time) << locale;
     EXPECT_EQ(compactDayNameAndDateString(at(2016, 3, 5)).utf8(), "Saturday  5 March, 2016");
   }
   for (const char* const unknown : {"C", "C.UTF-8", "xx_YY.UTF-8"}) {
@@ -125,22 +118,17 @@ TEST_F(DateFormatting, ReachesFarAndNoFurther) {
 }
 
 TEST_F(DateFormatting, IsInTheTimeZoneOfTheMoment) {
-  struct Case {
-    const char* zone;
-    NSDate date;
-    const char* text;
-  };
-  const Case cases[] = {
+  setLocale("en_GB");
+  const std::tuple<const char*, NSDate, const char*> cases[] = {
       {"Europe/Berlin", at(2016, 3, 27, 0, 59), "27 Mar, 01:59"},
       {"Europe/Berlin", at(2016, 3, 27, 1, 0), "27 Mar, 03:00"},
       {"Europe/Berlin", at(2016, 10, 30, 1, 0), "30 Oct, 02:00"},
       {":Asia/Kathmandu", at(2016, 3, 5, 18, 30), "6 Mar, 00:15"},
       {"No/Such", at(2016, 3, 5), "5 Mar, 12:00"},
   };
-  setLocale("en_GB");
-  for (const Case& c : cases) {
-    ::setenv("TZ", c.zone, 1);
-    EXPECT_EQ(dMMMhhmm(c.date).utf8(), c.text) << c.zone;
+  for (const auto& [zone, date, text] : cases) {
+    ::setenv("TZ", zone, 1);
+    EXPECT_EQ(dMMMhhmm(date).utf8(), text) << zone;
   }
 }
 
@@ -156,20 +144,19 @@ TEST_F(DateFormatting, FollowsTheClockThatTheUserChose) {
             "Sat 05 Mar, 00:05");
 }
 
-// No desktop: no descriptions of settings, no bus, or no place for them.
-TEST(DateFormattingWithoutADesktop, SilentlyFollowsTheLocale) {
-  for (const std::vector<std::string>& surroundings :
-       {std::vector<std::string>{"XDG_DATA_DIRS=/nowhere"},
-        {"GSETTINGS_BACKEND=dconf", "DBUS_SESSION_BUS_ADDRESS=unix:path=/nowhere"},
-        {"HOME=/proc/nowhere", "XDG_CONFIG_HOME=", "XDG_CACHE_HOME=", "XDG_RUNTIME_DIR="}}) {
-    std::vector<std::string> command = {"env", "TZ=UTC", "LC_ALL=en_GB", "GSETTINGS_BACKEND="};
-    command.insert(command.end(), surroundings.begin(), surroundings.end());
-    command.push_back(GANTREL_BUILD_DIR "/Tests/test_display");
-    TestSupport::ChildProcess application(command);
+// Without descriptions of settings, a bus, or a place for them.
+TEST_F(DateFormatting, FollowsTheLocaleSilentlyWithoutADesktop) {
+  for (const std::string variables :
+       {"XDG_DATA_DIRS=/nowhere",
+        "GSETTINGS_BACKEND=dconf DBUS_SESSION_BUS_ADDRESS=unix:path=/nowhere",
+        "HOME=/proc/nowhere XDG_CONFIG_HOME= XDG_CACHE_HOME= XDG_RUNTIME_DIR="}) {
+    TestSupport::ChildProcess application({"sh", "-c",
+                                           "env LC_ALL=en_GB GSETTINGS_BACKEND= " + variables +
+                                               " " GANTREL_BUILD_DIR "/Tests/test_display"});
     application.writeLine("time");
-    EXPECT_EQ(application.readLine(), "14:07") << surroundings[0];
+    EXPECT_EQ(application.readLine(), "14:07") << variables;
     application.closeInput();
-    EXPECT_EQ(application.readAllErrors(), "") << surroundings[0];
+    EXPECT_EQ(application.readAllErrors(), "") << variables;
   }
 }
 
@@ -211,10 +198,7 @@ TEST_F(DateFormatting, IsRightOnManyThreadsWhileTheClockChanges) {
       --running;
     });
   }
-  while (running > 0) {
-    setClock("24h");
-    setClock("12h");
-  }
+  for (bool even = true; running > 0; even = !even) setClock(even ? "24h" : "12h");
   EXPECT_FALSE(wrong);
 }
 

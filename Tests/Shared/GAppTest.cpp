@@ -5,13 +5,6 @@
 namespace Gantrel_Sync_Helper {
 namespace {
 
-TEST(GApp, NamesTheApplicationsThatAUserSees) {
-  const std::string base = mainAppBundleIdentifier.utf8();
-  EXPECT_EQ(bundleIdentifier(GApp::main).utf8(), base);
-  EXPECT_EQ(bundleIdentifier(GApp::menu).utf8(), base + ".menu");
-  EXPECT_EQ(agentAppBundleIdentifier.utf8(), base + ".agent");
-}
-
 TEST(GAppDeathTest, TheAgentsIdentifierStopsTheProcessWithAReport) {
   EXPECT_EXIT(
       bundleIdentifier(GApp::agent), testing::ExitedWithCode(70),

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <fstream>
+#include <sstream>
 
 #include "Platform/Workspace/NSRunningApplication.h"
 #include "Tests/Workspace/Launching.h"
@@ -12,6 +13,7 @@ namespace Platform {
 namespace {
 
 using namespace TestSupport;
+using namespace std::string_literals;
 using CheckIns::checkIn;
 
 class CheckInsTest : public RunningApplicationsTest {};
@@ -26,9 +28,8 @@ Text text(std::string bytes) {
 
 TEST_F(CheckInsTest, AnyTextThatFitsIsAnIdentifierThatOthersFind) {
   for (const std::string& identifier :
-       {std::string("com.example.App"), std::string(), std::string(".."),
-        std::string("../../etc/passwd"), std::string("a\0b", 3), std::string("a@b"),
-        std::string("%41"), std::string("caf\u00e9"), std::string(222, 'x')}) {
+       {"com.example.App"s, ""s, ".."s, "../../etc/passwd"s, "a\0b"s, "a@b"s, "%41"s, "caf\u00e9"s,
+        std::string(222, 'x')}) {
     UniqueFd first = checkIn(text(identifier));
     ASSERT_TRUE(first.isValid()) << identifier;
     UniqueFd second = checkIn(text(identifier));
@@ -54,20 +55,14 @@ TEST_F(CheckInsTest, StrangersFilesNeverCountAndStayAsTheyWere) {
   std::filesystem::create_directory(folder / ("a@1" + other));
   std::filesystem::create_symlink(real, folder / ("a@2" + other));
   std::filesystem::create_symlink("nowhere", folder / ("a@3" + other));
-  const std::string badNames[] = {"a",
-                                  "@",
-                                  "a@" + other,
-                                  "a@" + unique + "0",
-                                  "a@A" + other,
-                                  "a@" + unique + "@" + unique,
-                                  "%61@" + unique,
-                                  "%4@" + unique,
-                                  "%FF@" + unique,
-                                  "\xff@" + unique};
-  for (const std::string& name : badNames) ASSERT_TRUE(std::ofstream(folder / name)) << name;
+  // Names that none of ours has: X stands for 31 digits.
+  std::istringstream badNames("a @ a@X a@0X0 a@AX a@0X@0X %61@0X %4@0X %FF@0X");
+  for (std::string name; badNames >> name;) {
+    for (auto x = name.find('X'); x != name.npos; x = name.find('X')) name.replace(x, 1, other);
+    ASSERT_TRUE(std::ofstream(folder / name)) << name;
+  }
   EXPECT_EQ(running("a"_text), 1u);
-  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder), {}),
-            static_cast<std::ptrdiff_t>(5 + std::size(badNames)));
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder), {}), 14);
   // Of our own form and not locked: what ended applications have left.
   for (const std::string& name : {"b@" + unique, "." + unique}) {
     std::ofstream(folder / name);

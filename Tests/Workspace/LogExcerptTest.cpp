@@ -88,16 +88,5 @@ TEST_F(LogExcerpt, IsTheUsersAloneAndReplacesTheOneBefore) {
   EXPECT_EQ(excerpt(), std::nullopt);
 }
 
-TEST_F(LogExcerpt, KeepsTheNewestLinesWhenThereAreTooMany) {
-  for (int i = 0; i < 300; ++i) {
-    log(600 - i, ::getuid(), "Ours", std::to_string(i) + std::string(40'000, '.'));
-  }
-  const std::string text = excerpt().value_or("");
-  EXPECT_NE(text.find("x[42] 299."), std::string::npos);
-  EXPECT_EQ(text.find("x[42] 50."), std::string::npos);
-  EXPECT_LE(text.size(), 8u << 20);
-  EXPECT_GT(text.size(), 7u << 20);
-}
-
 }  // namespace
 }  // namespace Platform
