@@ -49,8 +49,6 @@ class Agents : public AgentTest {
         agent.readErrorLine()->ends_with("Z Agent resume (GantrelAgent/Agent:34 resume())"));
     return agent;
   }
-
-  static bool reachable() { return connect()->retrieveEndpoint({}).has_value(); }
 };
 
 TEST_F(Agents, BringTwoApplicationsTogetherAndAreThenNotNeeded) {
@@ -73,17 +71,10 @@ TEST_F(Agents, BringTwoApplicationsTogetherAndAreThenNotNeeded) {
   EXPECT_EQ(application.readLine(), "opens meeting cafe\u0301: Coffee with the design team");
   agent.signal(SIGCONT);
 
-  // The entry outlives its registrar, and is of no use then.
+  // The entry outlives its registrar.
   application.signal(SIGKILL);
   application.wait();
-  const auto stale = connect()->retrieveEndpoint(communicationIdentifier());
-  ASSERT_TRUE(stale && *stale);
-  std::optional<NSXPCConnectionError> error;
-  const auto dead = NSXPCConnection::initWithListenerEndpoint(*stale);
-  dead->resume();
-  dead->synchronousRemoteObjectProxyWithErrorHandler<Communication>([&](auto e) { error = e; })
-      ->fetchUpcomingMeetings([](Value) {});
-  EXPECT_EQ(error, NSXPCConnectionError::invalid);
+  EXPECT_NE(found(communicationIdentifier()), 0u);
 }
 
 TEST_F(Agents, KeepOneEndpointPerIdentifierWhateverTheIdentifier) {
@@ -93,27 +84,28 @@ TEST_F(Agents, KeepOneEndpointPerIdentifierWhateverTheIdentifier) {
   const std::size_t large = TestSupport::isSanitized ? 1 << 20 : 10 << 20;
   std::string misordered = "a";
   while (misordered.size() < large) misordered += "\u0301\u0323";
-  const std::string identifiers[] = {"",
-                                     "notes",
-                                     "Notes",
-                                     "line\nbreak \x1b[31m",
-                                     {"nul\0one", 7},
-                                     {"nul\0two", 7},
-                                     "caf\u00e9",
-                                     std::string(large, 'x'),
-                                     misordered};
-  for (const std::string& identifier : identifiers) {
-    EXPECT_EQ(found(text(identifier)), 0u);
+  const std::vector<std::string> texts = {"",
+                                          "notes",
+                                          "Notes",
+                                          "line\nbreak \x1b[31m",
+                                          {"nul\0one", 7},
+                                          {"nul\0two", 7},
+                                          "caf\u00e9",
+                                          std::string(large, 'x'),
+                                          misordered};
+  std::vector<Text> identifiers;
+  for (const std::string& bytes : texts) {
+    const Text& identifier = identifiers.emplace_back(text(bytes));
+    EXPECT_EQ(found(identifier), 0u);
     for (const auto& listener : listeners) {
-      EXPECT_EQ(handler->registerEndpoint(listener->endpoint(), text(identifier)), true);
-      EXPECT_EQ(found(text(identifier)), inode(listener->endpoint()));
+      EXPECT_EQ(handler->registerEndpoint(listener->endpoint(), identifier), true);
+      EXPECT_EQ(found(identifier), inode(listener->endpoint()));
     }
   }
   EXPECT_NE(found("cafe\u0301"_text), 0u);
-  for (const std::string& identifier : identifiers) {
-    handler->removeEndpoint(text(identifier));
-    handler->removeEndpoint(text(identifier));
-    EXPECT_EQ(*handler->retrieveEndpoint(text(identifier)), nullptr);
+  for (const Text& identifier : identifiers) {
+    for (int twice = 0; twice < 2; ++twice) handler->removeEndpoint(identifier);
+    EXPECT_EQ(*handler->retrieveEndpoint(identifier), nullptr);
   }
   agent.signal(SIGTERM);
   EXPECT_NE(agent.readAllErrors().find("Identifier=line\\x0abreak \\x1b[31m ("), std::string::npos);
@@ -151,7 +143,7 @@ TEST_F(Agents, ServeOnlyOneForANameAndMakeRoomWhenKilled) {
     const auto [status, output, written] = run({theAgent});
     EXPECT_EQ(status, 69);
     EXPECT_TRUE(isOneLine(written) && written.find("Agent init ") != std::string::npos) << written;
-    EXPECT_TRUE(reachable());
+    EXPECT_TRUE(connect()->retrieveEndpoint({}));
     agent.signal(SIGKILL);
     agent.wait();
     agent = startAgent();
@@ -192,7 +184,6 @@ TEST_F(Agents, ServeTheSocketTheyAreHandedAndLeaveAWaitingOneAlone) {
   ASSERT_EQ(::stat(socketPath().c_str(), &before), 0);
   EXPECT_EQ(std::get<0>(run({theAgent})), 69) << "by hand";
   const auto listener = NSXPCListener::anonymousListener();
-  ASSERT_TRUE(TestSupport::eventually([&] { return reachable(); }));
   EXPECT_EQ(connect()->registerEndpoint(listener->endpoint(), "a"_text), true);
   struct stat after {};
   ASSERT_EQ(::stat(socketPath().c_str(), &after), 0);

@@ -4,7 +4,6 @@ would in the root of a machine: $GANTREL_STAGE/usr/..."""
 import os
 import pathlib
 import re
-import socket
 import subprocess
 import time
 
@@ -35,8 +34,3 @@ def socket_path(runtime_directory):
     """Where the installed socket unit has the service manager listen."""
     unit = (STAGE / "usr/lib/systemd/user/gantrel-agent.socket").read_text()
     return re.search("^ListenStream=(.*)$", unit, re.M)[1].replace("%t", str(runtime_directory))
-
-
-def takes_connections(path):
-    with socket.socket(socket.AF_UNIX) as client:
-        return client.connect_ex(path) == 0

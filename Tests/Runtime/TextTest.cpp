@@ -5,8 +5,6 @@
 #include <string>
 #include <unordered_set>
 
-#include "Tests/Support/TestProcess.h"
-
 namespace Platform {
 namespace {
 
@@ -50,17 +48,6 @@ TEST(Text, HoldsNulsAndRefusesWhatIsNotUtf8) {
     EXPECT_FALSE(Text::fromUtf8(bytes)) << bytes;
   }
   EXPECT_TRUE(Text::fromUtf8("\xf4\x8f\xbf\xbf"));
-}
-
-// Megabytes of marks in the wrong order: quadratic work would outlast the test's time limit.
-TEST(Text, NormalisesMisorderedMarksInReasonableTime) {
-  std::string misordered = "a";
-  std::string ordered = "a";
-  constexpr int count = TestSupport::isSanitized ? 500'000 : 2'500'000;
-  for (int i = 0; i < count; ++i) misordered += "\u0301\u0323";
-  for (int i = 0; i < count; ++i) ordered += "\u0323";
-  for (int i = 0; i < count; ++i) ordered += "\u0301";
-  EXPECT_EQ(text(misordered), text(ordered));
 }
 
 }  // namespace

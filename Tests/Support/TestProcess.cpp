@@ -68,8 +68,8 @@ ChildProcess::ChildProcess(const std::vector<std::string>& arguments,
   ::posix_spawn_file_actions_destroy(&actions);
   if (error != 0) pid_ = -1;
   input_ = std::move(in.write);
-  output_ = std::move(out.read);
-  error_ = std::move(err.read);
+  output_.descriptor = std::move(out.read);
+  error_.descriptor = std::move(err.read);
 }
 
 ChildProcess::~ChildProcess() {
@@ -83,8 +83,6 @@ void ChildProcess::swap(ChildProcess& other) noexcept {
   std::swap(input_, other.input_);
   std::swap(output_, other.output_);
   std::swap(error_, other.error_);
-  std::swap(outputRest_, other.outputRest_);
-  std::swap(errorRest_, other.errorRest_);
 }
 
 void ChildProcess::writeLine(const std::string& line) {
@@ -92,27 +90,29 @@ void ChildProcess::writeLine(const std::string& line) {
   if (::write(input_.get(), bytes.data(), bytes.size()) < 0) input_.reset();
 }
 
-std::optional<std::string> ChildProcess::readLine(Platform::UniqueFd& stream, std::string& rest) {
-  for (;;) {
-    const std::size_t end = rest.find('\n');
-    if (end != std::string::npos) {
-      std::string line = rest.substr(0, end);
-      rest.erase(0, end + 1);
-      return line;
-    }
-    pollfd readable{stream.get(), POLLIN, 0};
-    char buffer[65536];
-    if (::poll(&readable, 1, patienceMilliseconds) <= 0) return std::nullopt;
-    const ssize_t count = ::read(stream.get(), buffer, sizeof buffer);
-    if (count <= 0) return std::nullopt;
-    rest.append(buffer, static_cast<std::size_t>(count));
-  }
+bool ChildProcess::Stream::readMore() {
+  pollfd readable{descriptor.get(), POLLIN, 0};
+  char buffer[65536];
+  if (::poll(&readable, 1, patienceMilliseconds) <= 0) return false;
+  const ssize_t count = ::read(descriptor.get(), buffer, sizeof buffer);
+  if (count > 0) unread.append(buffer, static_cast<std::size_t>(count));
+  return count > 0;
 }
 
-std::string ChildProcess::readAll(Platform::UniqueFd& stream, std::string& rest) {
-  std::string all;
-  while (const auto line = readLine(stream, rest)) all += *line + "\n";
-  return all + rest;
+std::optional<std::string> ChildProcess::Stream::readLine() {
+  std::size_t end;
+  while ((end = unread.find('\n')) == std::string::npos) {
+    if (!readMore()) return std::nullopt;
+  }
+  std::string line = unread.substr(0, end);
+  unread.erase(0, end + 1);
+  return line;
+}
+
+std::string ChildProcess::Stream::readAll() {
+  while (readMore()) {
+  }
+  return std::exchange(unread, {});
 }
 
 void ChildProcess::signal(int number) {

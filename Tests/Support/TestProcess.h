@@ -50,10 +50,10 @@ class ChildProcess {
   void writeLine(const std::string& line);
   void closeInput() { input_.reset(); }
   // The next line, without its end; none at the end of the stream, or after a minute without one.
-  std::optional<std::string> readLine() { return readLine(output_, outputRest_); }
-  std::optional<std::string> readErrorLine() { return readLine(error_, errorRest_); }
-  std::string readAllOutput() { return readAll(output_, outputRest_); }
-  std::string readAllErrors() { return readAll(error_, errorRest_); }
+  std::optional<std::string> readLine() { return output_.readLine(); }
+  std::optional<std::string> readErrorLine() { return error_.readLine(); }
+  std::string readAllOutput() { return output_.readAll(); }
+  std::string readAllErrors() { return error_.readAll(); }
   void signal(int number);
   // Returns when the process has stopped, which is some time after it was told to.
   void stop();
@@ -61,16 +61,19 @@ class ChildProcess {
   int wait();
 
  private:
+  struct Stream {
+    bool readMore();
+    std::optional<std::string> readLine();
+    std::string readAll();
+    Platform::UniqueFd descriptor;
+    std::string unread;
+  };
   void swap(ChildProcess& other) noexcept;
-  std::optional<std::string> readLine(Platform::UniqueFd& stream, std::string& rest);
-  std::string readAll(Platform::UniqueFd& stream, std::string& rest);
 
   int pid_ = -1;
   Platform::UniqueFd input_;
-  Platform::UniqueFd output_;
-  Platform::UniqueFd error_;
-  std::string outputRest_;
-  std::string errorRest_;
+  Stream output_;
+  Stream error_;
 };
 
 std::size_t openDescriptors(int pid);
