@@ -9,7 +9,7 @@
 
 #include "Examples/Meetings.h"
 #include "Shared/Communication.h"
-#include "Tests/Robustness/AgentTest.h"
+#include "Tests/Support/AgentTest.h"
 
 namespace Gantrel_Sync_Helper {
 namespace {

@@ -14,9 +14,13 @@ namespace Gantrel_Sync_Helper {
 namespace {
 
 using namespace TestSupport;
-class AppLaunchTerminationObservationTest : public RunningApplicationsTest {};
+class AppLaunchTerminationObservationTest : public TestSupport::RunningApplicationsTest {};
 
-constexpr int processes = isSanitized ? 150 : 1000;
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr int processes = 150;
+#else
+constexpr int processes = 1000;
+#endif
 
 struct WatchingProcess {
   ChildProcess process{{testApplication, "watch"}};

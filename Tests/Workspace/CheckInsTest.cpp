@@ -2,9 +2,10 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <fstream>
-#include <sstream>
+#include <vector>
 
 #include "Platform/Workspace/NSRunningApplication.h"
 #include "Tests/Workspace/Launching.h"
@@ -13,7 +14,6 @@ namespace Platform {
 namespace {
 
 using namespace TestSupport;
-using namespace std::string_literals;
 using CheckIns::checkIn;
 
 class CheckInsTest : public RunningApplicationsTest {};
@@ -27,13 +27,18 @@ Text text(std::string bytes) {
 }
 
 TEST_F(CheckInsTest, AnyTextThatFitsIsAnIdentifierThatOthersFind) {
-  for (const std::string& identifier :
-       {"com.example.App"s, ""s, ".."s, "../../etc/passwd"s, "a\0b"s, "a@b"s, "%41"s, "caf\u00e9"s,
-        std::string(222, 'x')}) {
+  std::vector<std::string> identifiers = {
+      "com.example.App", "", ".", "..", "/", "../x", "a@b", "%41"};
+  identifiers.insert(identifiers.end(), {"\n\x1b[2J", "caf\u00e9", "\U0001F4C5", {"a\0b", 3}});
+  identifiers.insert(identifiers.end(), {std::string(222, 'x'), std::string(74, '/')});
+  for (const std::string& identifier : identifiers) {
     UniqueFd first = checkIn(text(identifier));
     ASSERT_TRUE(first.isValid()) << identifier;
     UniqueFd second = checkIn(text(identifier));
     EXPECT_EQ(running(text(identifier)), 2u) << identifier;
+    for (const std::string& name : CheckIns::names(folder)) {
+      EXPECT_EQ(CheckIns::bundleIdentifierOf(name).value().utf8(), identifier);
+    }
     first.reset();
     EXPECT_EQ(running(text(identifier)), 1u) << identifier;
     second.reset();
@@ -42,33 +47,48 @@ TEST_F(CheckInsTest, AnyTextThatFitsIsAnIdentifierThatOthersFind) {
   }
   EXPECT_FALSE(checkIn(text(std::string(223, 'x'))).isValid());
   EXPECT_FALSE(checkIn(text(std::string(75, '/'))).isValid());
-  std::filesystem::permissions(runtime.path(), std::filesystem::perms::others_exec,
-                               std::filesystem::perm_options::add);
-  EXPECT_FALSE(checkIn("a"_text).isValid()) << "no private directory";
+  const UniqueFd precomposed = checkIn(text("caf\u00e9"));
+  EXPECT_EQ(running(text("cafe\u0301")), 1u);
+  EXPECT_EQ(running(text("CAF\u00c9")), 0u);
 }
 
 TEST_F(CheckInsTest, StrangersFilesNeverCountAndStayAsTheyWere) {
   const UniqueFd application = checkIn("a"_text);
   const std::string real = CheckIns::names(folder).at(0);
-  const std::string unique(32, '0'), other(31, '0');
-  ASSERT_EQ(::mkfifo((folder / ("a@" + unique)).c_str(), 0600), 0);
-  std::filesystem::create_directory(folder / ("a@1" + other));
-  std::filesystem::create_symlink(real, folder / ("a@2" + other));
-  std::filesystem::create_symlink("nowhere", folder / ("a@3" + other));
-  // Names that none of ours has: X stands for 31 digits.
-  std::istringstream badNames("a @ a@X a@0X0 a@AX a@0X@0X %61@0X %4@0X %FF@0X");
-  for (std::string name; badNames >> name;) {
-    for (auto x = name.find('X'); x != name.npos; x = name.find('X')) name.replace(x, 1, other);
-    ASSERT_TRUE(std::ofstream(folder / name)) << name;
+  const std::string unique(32, '0');
+  const auto at = [&](std::string name) {
+    if (const auto mark = name.find('$'); mark != name.npos) name.replace(mark, 1, unique);
+    return (folder / name).string();
+  };
+  ASSERT_EQ(::mkfifo(at("a@$").c_str(), 0600) + ::mkfifo(at(".$").c_str(), 0600), 0);
+  ASSERT_EQ(::mkdir(at("d@$").c_str(), 0700) + ::symlink(real.c_str(), at("c@$").c_str()), 0);
+  const std::string badNames[] = {"a",
+                                  "@",
+                                  "a@0",
+                                  "a@$0",
+                                  "a@$@",
+                                  "%61@$",
+                                  ".a@$",
+                                  "%2f@$",
+                                  "%4@$",
+                                  "%zz@$",
+                                  "%FF@$",
+                                  "\xff@$",
+                                  std::string(255, 'x')};
+  for (const std::string& name : badNames) {
+    ASSERT_TRUE(std::ofstream(at(name))) << name;
+    EXPECT_FALSE(CheckIns::bundleIdentifierOf(std::filesystem::path(at(name)).filename().native()));
   }
   EXPECT_EQ(running("a"_text), 1u);
-  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder), {}), 14);
+  EXPECT_EQ(running("c"_text) + running("d"_text), 0u);
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder), {}),
+            static_cast<std::ptrdiff_t>(5 + std::size(badNames)));
+
   // Of our own form and not locked: what ended applications have left.
-  for (const std::string& name : {"b@" + unique, "." + unique}) {
-    std::ofstream(folder / name);
-    EXPECT_EQ(running("b"_text), 0u);
-    EXPECT_FALSE(std::filesystem::exists(folder / name)) << name;
-  }
+  std::filesystem::remove(at(".$"));
+  for (const char* name : {"b@$", ".$"}) std::ofstream{at(name)};
+  EXPECT_EQ(running("b"_text), 0u);
+  EXPECT_FALSE(std::filesystem::exists(at("b@$")) || std::filesystem::exists(at(".$")));
 }
 
 TEST_F(CheckInsTest, AnApplicationIsItsBundleAndWithoutOneChecksInNowhere) {
@@ -81,6 +101,13 @@ TEST_F(CheckInsTest, AnApplicationIsItsBundleAndWithoutOneChecksInNowhere) {
   ChildProcess process({contents / "Linux/test"});
   EXPECT_EQ(process.readLine(), "running");
   EXPECT_EQ(running("com.example.T"_text), 1u);
+}
+
+TEST_F(CheckInsTest, WithoutARuntimeDirectoryNothingRuns) {
+  std::filesystem::permissions(runtime.path(), std::filesystem::perms::others_exec,
+                               std::filesystem::perm_options::add);
+  EXPECT_FALSE(checkIn("a"_text).isValid());
+  EXPECT_EQ(running("a"_text), 0u);
 }
 
 }  // namespace

@@ -2,8 +2,9 @@
 // input.
 //   test_application                    checks in as the bundle it lies in: "running" or "none"
 //   test_application as IDENTIFIER      checks in under this identifier
-//   test_application fork IDENTIFIER    the same, and leaves behind a child that shares it
-//   test_application watch              "LAUNCHES ENDS MAIN MENU", told and counted by a watcher,
+//   test_application fork IDENTIFIER    the same, and leaves behind a child that shares the
+//   check-in test_application watch              "LAUNCHES ENDS MAIN MENU", what a watcher has told
+//   and counted,
 //                                       at its start and after each change
 #include <unistd.h>
 
@@ -19,6 +20,11 @@ namespace {
 
 using namespace Gantrel_Sync_Helper;
 using namespace Platform;
+
+void say(const char* line) {
+  std::puts(line);
+  std::fflush(stdout);
+}
 
 void waitForEndOfInput() {
   char byte;
@@ -37,6 +43,7 @@ struct Watcher final : AppLaunchTerminationListener {
     std::printf("%d %d %lld %lld\n", tally->launches, tally->ends,
                 static_cast<long long>(counts.at(GApp::main)),
                 static_cast<long long>(counts.at(GApp::menu)));
+    std::fflush(stdout);
     AppLaunchTerminationListener::setLaunchedApps(std::move(counts));
   }
   std::shared_ptr<Tally> tally = std::make_shared<Tally>();
@@ -45,7 +52,6 @@ struct Watcher final : AppLaunchTerminationListener {
 }  // namespace
 
 int main(int argc, char** argv) {
-  ::setlinebuf(stdout);
   const std::string_view mode = argc > 1 ? argv[1] : "";
   if (mode == "watch") {
     const auto watcher = std::make_shared<Watcher>();
@@ -56,7 +62,7 @@ int main(int argc, char** argv) {
   }
   if (mode.empty()) {
     const auto current = NSRunningApplication::currentApplication();
-    std::puts(current ? "running" : "none");
+    say(current && current == NSRunningApplication::currentApplication() ? "running" : "none");
     waitForEndOfInput();
     return 0;
   }
@@ -65,7 +71,7 @@ int main(int argc, char** argv) {
     waitForEndOfInput();
     ::_exit(0);
   }
-  std::puts(checkIn.isValid() ? "running" : "none");
+  say(checkIn.isValid() ? "running" : "none");
   waitForEndOfInput();
   return 0;
 }

@@ -204,9 +204,10 @@ TEST_F(Connections, WakeAWaitingCallWhenTheyAreInvalidated) {
   const auto connection = connectionTo(service->endpoint());
   std::promise<void> inside;
   std::promise<void> goOn;
-  service->onEcho = [&] {
+  // Copied: the handler may outlive this test's frame.
+  service->onEcho = [&inside, go = goOn.get_future().share()] {
     inside.set_value();
-    goOn.get_future().wait();
+    go.wait();
   };
   auto waiting = std::async(std::launch::async, [&] { return ask(connection, 1); });
   inside.get_future().wait();
