@@ -1,6 +1,6 @@
 #include "GantrelAgent/Agent.h"
 
-#include <string>
+#include <string_view>
 #include <utility>
 
 #include "Platform/Dispatch/NSRunLoop.h"
@@ -26,9 +26,9 @@ constexpr LogPlace inRegister{"registerListenerEndpoint(_:forIdentifier:completi
 constexpr LogPlace inRetrieve{"retrieveListenerEndpoint(_:completionHandler:)", 67};
 constexpr LogPlace inRemove{"removeListenerEndpoint", 76};
 
-void log(std::string message, const Text& value, const LogPlace& place) {
-  message += value.utf8();
-  Logger::sharedInstance().info(message, "GantrelAgent/Agent", place.function, place.line);
+void log(std::string_view text, const Text& value, const LogPlace& place) {
+  Logger::sharedInstance().info({text, value.utf8()}, "GantrelAgent/Agent", place.function,
+                                place.line);
 }
 
 }  // namespace

@@ -40,7 +40,7 @@ AGENT = agent_service_name()
 BY_NAME = {contender.name: contender for contender in (
     Contender("floor", "bare sockets", "bench_floor_client", (program("bench_floor_server"), "1")),
     Contender("gathered", "bare sockets, replies gathered", "bench_floor_client",
-              (program("bench_floor_server"), "32")),
+              (program("bench_floor_server"), "64")),
     Contender("sd-bus", "sd-bus, peer to peer", "bench_sdbus_client",
               (program("bench_sdbus_server"),)),
     Contender("bus", "sd-bus through dbus-daemon", "bench_sdbus_client",

@@ -1,8 +1,7 @@
 // NSDateFormatter: dates as text, by the patterns of Unicode Technical Standard #35, Part 4.
 //
 // The default time zone is the one of the process at the moment of each call, as the C library has
-// it
-// ($TZ, else /etc/localtime), so that a text agrees with what every other program shows.
+// it ($TZ, else /etc/localtime), so that a text agrees with what every other program shows.
 #pragma once
 
 #include <optional>

@@ -15,8 +15,7 @@
 // - A key without a value, a value without a key, an unknown element, an element or text where none
 //   belongs, a number beyond its range, a day that no calendar has: none.
 // - A document type is accepted, since every such file names one, but never fetched; one that
-// declares
-//   anything of its own is refused, so no entities exist beside those of XML itself.
+//   declares anything of its own is refused, so no entities exist beside those of XML itself.
 // - UTF-8, UTF-16, ISO-8859-1 or US-ASCII, as the file says. The binary form is not read.
 #pragma once
 

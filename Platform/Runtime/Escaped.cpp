@@ -6,7 +6,8 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
-#include <cstring>
+
+#include "Platform/Runtime/Words.h"
 
 namespace Platform {
 namespace {
@@ -15,21 +16,16 @@ bool isPlain(char c) {
   return c >= 0x20 && c < 0x7F && c != '\\';
 }
 
-// Eight characters at a time: a log line is nearly always plain, and may be megabytes long. (Each
-// term below has a byte's high bit set where that byte is not plain; borrows only add false
-// alarms.)
+// Each term of the alarm has a byte's high bit set where that byte is not plain; borrows only add
+// false alarms.
 bool areAllPlain(std::string_view text) {
-  constexpr std::uint64_t ones = 0x0101010101010101u;
-  constexpr std::uint64_t highs = ones * 0x80;
-  std::size_t i = 0;
-  for (; i + 8 <= text.size(); i += 8) {
-    std::uint64_t word;
-    std::memcpy(&word, text.data() + i, 8);
+  const std::size_t i = lengthWithoutAlarm(text, [](std::uint64_t word) {
+    constexpr std::uint64_t ones = highBits >> 7;
     const std::uint64_t backslash = (word ^ ones * '\\') - ones;
     const std::uint64_t erased = (word ^ ones * 0x7F) - ones;
     const std::uint64_t control = word - ones * 0x20;
-    if (((word | backslash | erased | control) & highs) != 0) break;
-  }
+    return word | backslash | erased | control;
+  });
   return std::all_of(text.begin() + static_cast<std::ptrdiff_t>(i), text.end(), isPlain);
 }
 

@@ -15,8 +15,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <map>
 #include <mutex>
 #include <string>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include "Platform/Runtime/BackgroundThread.h"
@@ -95,13 +98,24 @@ class LineFormatter {
     }
     out.append(secondText_).append(fraction);
     appendEscaped(out, message);
-    out.append(" (").append(record.sourceFile).append(":").append(std::to_string(record.line));
-    out.append(" ").append(record.function).append(")\n");
+    out.append(placeText(record));
   }
 
  private:
+  const std::string& placeText(const Record& record) {
+    // A place is literals, and there are few: where they lie tells them apart.
+    std::string& text =
+        placeTexts_[{record.sourceFile.data(), record.function.data(), record.line}];
+    if (text.empty()) {
+      text.append(" (").append(record.sourceFile).append(":").append(std::to_string(record.line));
+      text.append(" ").append(record.function).append(")\n");
+    }
+    return text;
+  }
+
   std::int64_t second_ = -1;
   char secondText_[32] = "";
+  std::map<std::tuple<const char*, const char*, unsigned>, std::string> placeTexts_;
 };
 
 void writeToJournal(const Record& record, std::string_view message) {
@@ -196,7 +210,7 @@ Logger& Logger::sharedInstance() {
   return *instance;
 }
 
-void Logger::info(std::string_view message, std::string_view sourceFile, std::string_view function,
+void Logger::info(const Message& message, std::string_view sourceFile, std::string_view function,
                   unsigned line) {
   const auto now = std::chrono::system_clock::now();
   const std::lock_guard lock(state_->mutex);
@@ -206,7 +220,7 @@ void Logger::info(std::string_view message, std::string_view sourceFile, std::st
     ++waiting.dropped;
     return;
   }
-  waiting.messages += message;
+  waiting.messages.append(message.text).append(message.value);
   waiting.records.push_back({now, message.size(), sourceFile, function, line});
   if (!state_->writerStarted) {
     state_->writerStarted =

@@ -9,6 +9,7 @@
 // characters escaped and the time in UTC.
 #pragma once
 
+#include <cstddef>
 #include <string_view>
 
 namespace Platform {
@@ -16,12 +17,20 @@ namespace Platform {
 // All methods: any thread.
 class Logger {
  public:
+  // A fixed text with a value behind it, both UTF-8. They are put together in the logger's buffer:
+  // a value may be large, and a request should not wait for a copy more.
+  struct Message {
+    std::string_view text;
+    std::string_view value = {};
+
+    std::size_t size() const { return text.size() + value.size(); }
+  };
+
   // The one logger of the process. It is never destroyed: threads may log until the very end.
   static Logger& sharedInstance();
 
-  // `message` is UTF-8. `sourceFile` and `function` must live as long as the process, as literals
-  // do.
-  void info(std::string_view message, std::string_view sourceFile, std::string_view function,
+  // `sourceFile` and `function` must live as long as the process, as literals do.
+  void info(const Message& message, std::string_view sourceFile, std::string_view function,
             unsigned line);
 
   // Returns when all that was logged before is written, or after a second when the destination is

@@ -7,10 +7,10 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <cstring>
 #include <vector>
 
 #include "Platform/Runtime/Stop.h"
+#include "Platform/Runtime/Words.h"
 
 namespace Platform {
 namespace {
@@ -19,12 +19,7 @@ namespace {
 constexpr UChar32 firstInteresting = 0xC0;
 
 std::size_t asciiPrefixLength(std::string_view bytes) {
-  std::size_t i = 0;
-  for (; i + 8 <= bytes.size(); i += 8) {
-    std::uint64_t word;
-    std::memcpy(&word, bytes.data() + i, 8);
-    if ((word & 0x8080808080808080u) != 0) break;
-  }
+  std::size_t i = lengthWithoutAlarm(bytes, [](std::uint64_t word) { return word; });
   while (i < bytes.size() && static_cast<unsigned char>(bytes[i]) < 0x80) ++i;
   return i;
 }
@@ -127,8 +122,8 @@ std::string decompose(std::string_view validUtf8) {
 
 Text::Text() : hash_(std::hash<std::string>{}(bytes_)) {}
 
-Text::Text(std::string validUtf8) : bytes_(std::move(validUtf8)) {
-  if (asciiPrefixLength(bytes_) != bytes_.size()) {
+Text::Text(std::string validUtf8, std::size_t asciiLength) : bytes_(std::move(validUtf8)) {
+  if (asciiLength != bytes_.size()) {
     std::string canonical = decompose(bytes_);
     if (canonical != bytes_) canonical_ = std::make_shared<const std::string>(std::move(canonical));
   }
@@ -140,12 +135,15 @@ bool Text::isUtf8(std::string_view bytes) {
 }
 
 std::optional<Text> Text::fromUtf8(std::string bytes) {
-  if (!isUtf8(bytes)) return std::nullopt;
-  return Text(std::move(bytes));
+  const std::size_t asciiLength = asciiPrefixLength(bytes);
+  if (!isUtf8From(bytes, asciiLength)) return std::nullopt;
+  return Text(std::move(bytes), asciiLength);
 }
 
 Text operator+(const Text& a, const Text& b) {
-  return Text(a.bytes_ + b.bytes_);
+  std::string both = a.bytes_ + b.bytes_;
+  const std::size_t asciiLength = asciiPrefixLength(both);
+  return Text(std::move(both), asciiLength);
 }
 
 Text operator""_text(const char* literal, std::size_t length) {

@@ -47,7 +47,7 @@ class Text {
   friend Text operator+(const Text& a, const Text& b);
 
  private:
-  explicit Text(std::string validUtf8);
+  Text(std::string validUtf8, std::size_t asciiLength);
   const std::string& canonical() const { return canonical_ ? *canonical_ : bytes_; }
 
   std::string bytes_;

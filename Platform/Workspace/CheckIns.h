@@ -14,12 +14,10 @@
 //
 // What counts is the lock on the name, whoever holds it:
 // - A child that was forked and runs no other program shares the open file: the instance lasts
-// until
-//   the last such child has ended too. exec ends it, for the process itself as well.
+//   until the last such child has ended too. exec ends it, for the process itself as well.
 // - A file that is removed or renamed by hand no longer counts, although its process runs. Removing
-// the
-//   folder by hand ends all check-ins in it, and the observations that began before see no more of
-//   them.
+//   the folder by hand ends all check-ins in it, and the observations that began before see no more
+//   of them.
 // - Everything else in the folder (other names, links, pipes, folders, files of other users or that
 //   cannot be read) never counts and stays untouched.
 #pragma once

@@ -13,6 +13,10 @@ namespace {
 
 using Wire::Major;
 
+// Room for a usual message. The C library keeps blocks of up to 120 bytes at hand, and those above
+// are merged and split each time.
+constexpr std::size_t usualFrame = 120;
+
 constexpr std::uint8_t majorShift = 5;
 constexpr std::uint8_t argumentMask = 0x1F;
 constexpr std::uint8_t oneByteFollows = 24;
@@ -76,7 +80,7 @@ bool OutgoingFrame::isSendable() const {
 }
 
 Encoder::Encoder() {
-  frame_.bytes.reserve(128);
+  frame_.bytes.reserve(usualFrame);
   frame_.bytes.resize(Wire::headerSize);
 }
 

@@ -21,11 +21,17 @@ constexpr std::size_t mostUnreadReplies =
 constexpr auto retryDelay = std::chrono::milliseconds(10);
 constexpr auto lingerTime = std::chrono::milliseconds(10);
 
-std::span<std::byte> receiveBuffer() {
+// What a thread receives with, one message after the other.
+struct Reception {
   // Not cleared, so a thread that only ever receives little touches little of it.
-  thread_local const std::unique_ptr<std::byte[]> buffer(new std::byte[bytesPerTurn]);
-  return {buffer.get(), bytesPerTurn};
-}
+  const std::unique_ptr<std::byte[]> buffer{new std::byte[bytesPerTurn]};
+  std::vector<Frame> frames;  // empty but during a receive
+
+  static Reception& ofThisThread() {
+    thread_local Reception reception;
+    return reception;
+  }
+};
 
 OutgoingFrame refusalOf(std::uint64_t serial) {
   Encoder encoder;
@@ -256,10 +262,10 @@ void Connection::sendMessage(OutgoingFrame frame) {
 }
 
 void Connection::sendCall(std::uint64_t serial, OutgoingFrame frame, DecodeReply onReply,
-                          NSXPCErrorHandler onError) {
+                          SharedErrorHandler onError) {
   const Lock lock(mutex_);
   if (const auto error = submit(std::move(frame))) {
-    if (onError) queue_->async([onError, error] { onError(*error); });
+    if (onError) queue_->async([onError, error] { (*onError)(*error); });
     return;
   }
   calls_.emplace(serial, PendingCall{std::move(onReply), std::move(onError)});
@@ -371,8 +377,19 @@ void Connection::turn() {
   const Lock lock(mutex_);
   inTurn_ = false;
   // What was delivered may have left tasks on other queues, whose answers the next turn sends.
-  if (hasRead) scheduleTurn();
+  if (hasRead) {
+    scheduleTurn();
+  } else {
+    rest();
+  }
   updateInterest();
+}
+
+// A connection that is served keeps its buffers from turn to turn; one at rest costs little.
+void Connection::rest() {
+  delivering_.shrink_to_fit();
+  inbox_.shrink_to_fit();
+  outbox_.rest();
 }
 
 bool Connection::linger(Lock& lock) {
@@ -403,12 +420,12 @@ bool Connection::read(Lock& lock, Wait wait) {
   reading_ = true;
   const std::shared_ptr<Link> link = link_;
   lock.unlock();
-  const std::span<std::byte> buffer = receiveBuffer();
+  Reception& reception = Reception::ofThisThread();
+  const std::span buffer(reception.buffer.get(), bytesPerTurn);
   Received received = receive(link->socket.get(), buffer, wait);
   const bool isFull = received.bytes == buffer.size();
-  std::vector<Frame> frames;
-  bool isSound =
-      link->frames.feed(buffer.first(received.bytes), std::move(received.descriptors), frames);
+  bool isSound = link->frames.feed(buffer.first(received.bytes), std::move(received.descriptors),
+                                   reception.frames);
   // All that was sent with these descriptors is here, so a frame must have claimed them.
   if (!isFull && link->frames.hasUndeclaredDescriptors()) isSound = false;
   lock.lock();
@@ -416,8 +433,12 @@ bool Connection::read(Lock& lock, Wait wait) {
   // A call that began to wait meanwhile has left the reading to this thread, and takes it over now,
   // whatever came of it.
   if (!waiting_.empty()) waiting_.front()->wake.notify_one();
-  if (link_ != link) return false;
-  for (Frame& frame : frames) take(std::move(frame), link->number);
+  if (link_ != link) {
+    reception.frames.clear();
+    return false;
+  }
+  for (Frame& frame : reception.frames) take(std::move(frame), link->number);
+  reception.frames.clear();
   if (received.outcome == Received::Outcome::ended || !isSound) {
     endLink(isSound ? Ending::peerGone : Ending::fault);
     return false;
@@ -426,9 +447,8 @@ bool Connection::read(Lock& lock, Wait wait) {
     hungUp_ = false;
     return false;
   }
-  // A peer that sends several messages at a time is likely to have sent more by the next turn; to
-  // ask the socket is cheaper then than to wait for it.
-  if (wait == Wait::no) mayRead_ = isFull || frames.size() > 1 || hungUp_;
+  // More is there for sure when the buffer was filled, or when the peer's end has been announced.
+  if (wait == Wait::no) mayRead_ = isFull || hungUp_;
   return true;
 }
 
@@ -454,21 +474,25 @@ void Connection::take(Frame frame, std::uint64_t linkNumber) {
 // Delivering
 
 void Connection::deliverInbox() {
-  for (;;) {
-    std::vector<Incoming> arrived;
+  for (bool goesOn = true; goesOn;) {
     {
       const Lock lock(mutex_);
       if (inbox_.empty()) return;
-      arrived.swap(inbox_);
+      delivering_.swap(inbox_);
     }
-    for (Incoming& incoming : arrived) {
-      if (isSilent_) return;
-      if (deliver(incoming)) continue;
-      const Lock lock(mutex_);
-      if (link_ && link_->number == incoming.linkNumber) endLink(Ending::fault);
-      return;
-    }
+    goesOn = std::all_of(delivering_.begin(), delivering_.end(),
+                         [this](Incoming& incoming) { return deliverOrEnd(incoming); });
+    delivering_.clear();
   }
+}
+
+// False when nothing that came with it or after it is to be delivered.
+bool Connection::deliverOrEnd(Incoming& incoming) {
+  if (isSilent_) return false;
+  if (deliver(incoming)) return true;
+  const Lock lock(mutex_);
+  if (link_ && link_->number == incoming.linkNumber) endLink(Ending::fault);
+  return false;
 }
 
 // False when the frame is malformed.
@@ -527,7 +551,7 @@ bool Connection::deliverAnswer(Incoming& incoming, bool isReply) {
     call.onReply(decoder);
     if (decoder.isSound() && decoder.isAtEnd()) return true;
   }
-  if (call.onError) call.onError(isReply ? Error::replyInvalid : Error::refused);
+  if (call.onError) (*call.onError)(isReply ? Error::replyInvalid : Error::refused);
   return !decoder.isMalformed();
 }
 
@@ -559,7 +583,7 @@ void Connection::endAll(Error error, bool isFinal) {
   queue_->async([self = shared_from_this(), calls = std::exchange(calls_, {}), error, isFinal] {
     self->deliverInbox();
     for (const auto& [serial, call] : calls) {
-      if (call.onError) call.onError(error);
+      if (call.onError) (*call.onError)(error);
     }
     self->announceEnd(isFinal);
   });

@@ -4,12 +4,12 @@
 // for memory. Two roles pass from thread to thread:
 //
 // - Reading. Whoever holds the role (reading_) receives from the socket and cuts frames; nobody
-// else
-//   does. A worker takes it for one bounded receive when the socket is ready. A thread in a waiting
-//   call takes it until its own answer is there, and hands what else arrives to the queue; the pool
-//   then no longer watches the socket for input, so the answer wakes that thread and no other.
+//   else does. A worker takes it for one bounded receive when the socket is ready. A thread in a
+//   waiting call takes it until its own answer is there, and hands what else arrives to the queue;
+//   the pool then no longer watches the socket for input, so the answer wakes that thread and no
+//   other.
 // - Delivering. Frames wait in inbox_ for the connection's serial queue, which carries them out in
-// order.
+//   order.
 //
 // The watch on the socket is good for one event, so while a peer is served no second worker wakes
 // for it. The worker that has answered a peer lingers: it waits for the peer's next message in the
@@ -71,7 +71,7 @@ class Connection final : public ReadinessHandler, public std::enable_shared_from
   std::uint64_t nextSerial() { return ++lastSerial_; }
   void sendMessage(OutgoingFrame frame);
   void sendCall(std::uint64_t serial, OutgoingFrame frame, DecodeReply onReply,
-                NSXPCErrorHandler onError);
+                SharedErrorHandler onError);
   std::optional<Error> waitForCall(std::uint64_t serial, OutgoingFrame frame,
                                    const DecodeReply& onReply);
   // Sends an answer, if the link on which the question came is still there.
@@ -108,7 +108,7 @@ class Connection final : public ReadinessHandler, public std::enable_shared_from
 
   struct PendingCall {
     DecodeReply onReply;
-    NSXPCErrorHandler onError;
+    SharedErrorHandler onError;
     WaitingCall* waiting = nullptr;
   };
 
@@ -129,6 +129,7 @@ class Connection final : public ReadinessHandler, public std::enable_shared_from
   std::uint32_t eventsOfInterest();
   bool read(Lock& lock, Wait wait);
   bool linger(Lock& lock);
+  void rest();
   void readForWaitingCall(Lock& lock);
   void take(Frame frame, std::uint64_t linkNumber);
   void endLink(Ending ending);
@@ -138,6 +139,7 @@ class Connection final : public ReadinessHandler, public std::enable_shared_from
   void turn();
   void retryConnect();
   void deliverInbox();
+  bool deliverOrEnd(Incoming& incoming);
   bool deliver(Incoming& incoming);
   bool deliverCall(Incoming& incoming, Decoder& decoder, bool expectsAnswer);
   bool deliverAnswer(Incoming& incoming, bool isReply);
@@ -145,6 +147,7 @@ class Connection final : public ReadinessHandler, public std::enable_shared_from
 
   const Target target_;
   const dispatch_queue_t queue_;
+  std::vector<Incoming> delivering_;  // on queue_: what was in inbox_
   std::atomic<std::uint64_t> lastSerial_ = 0;
   std::atomic<bool> isSilent_ = false;  // nothing more is delivered
 

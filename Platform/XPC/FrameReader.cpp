@@ -21,6 +21,9 @@ constexpr std::size_t growth = 16;
 
 bool FrameReader::feed(std::span<const std::byte> bytes, std::vector<UniqueFd> descriptors,
                        std::vector<Frame>& frames) {
+  // Those that went with frames leave in one go: to close the gap after each would take long.
+  descriptors_.erase(descriptors_.begin(), firstWaiting());
+  takenDescriptors_ = 0;
   std::move(descriptors.begin(), descriptors.end(), std::back_inserter(descriptors_));
   if (descriptors_.size() > mostWaitingDescriptors) return false;
   for (;;) {
@@ -55,20 +58,19 @@ bool FrameReader::readHeader() {
 
 bool FrameReader::completeFrame(std::vector<Frame>& frames) {
   // Descriptors travel with their frame's first bytes, so by now they must be here.
-  if (descriptors_.size() < declaredDescriptors_) return false;
+  if (waitingDescriptors() < declaredDescriptors_) return false;
   Frame& frame = frames.emplace_back();
   frame.payload.swap(payload_);
-  const auto end = descriptors_.begin() + static_cast<std::ptrdiff_t>(declaredDescriptors_);
-  frame.descriptors.assign(std::make_move_iterator(descriptors_.begin()),
-                           std::make_move_iterator(end));
-  descriptors_.erase(descriptors_.begin(), end);
+  const auto first = std::make_move_iterator(firstWaiting());
+  frame.descriptors.assign(first, first + static_cast<std::ptrdiff_t>(declaredDescriptors_));
+  takenDescriptors_ += declaredDescriptors_;
   headerBytes_ = 0;
   return true;
 }
 
 bool FrameReader::hasUndeclaredDescriptors() const {
-  if (headerBytes_ == 0) return !descriptors_.empty();
-  return !isInHeader() && descriptors_.size() > declaredDescriptors_;
+  if (headerBytes_ == 0) return waitingDescriptors() != 0;
+  return !isInHeader() && waitingDescriptors() > declaredDescriptors_;
 }
 
 }  // namespace Platform

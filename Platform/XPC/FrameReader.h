@@ -27,13 +27,18 @@ class FrameReader {
   bool isInHeader() const { return headerBytes_ < header_.size(); }
   bool readHeader();
   bool completeFrame(std::vector<Frame>& frames);
+  std::size_t waitingDescriptors() const { return descriptors_.size() - takenDescriptors_; }
+  std::vector<UniqueFd>::iterator firstWaiting() {
+    return descriptors_.begin() + static_cast<std::ptrdiff_t>(takenDescriptors_);
+  }
 
   std::array<std::byte, Wire::headerSize> header_{};
   std::size_t headerBytes_ = 0;
   std::size_t payloadBytes_ = 0;         // declared; valid when the header is complete
   std::size_t declaredDescriptors_ = 0;  // likewise
   std::vector<std::byte> payload_;       // grows with what arrives, not with what was declared
-  std::vector<UniqueFd> descriptors_;    // in order of arrival, not yet given to a frame
+  std::vector<UniqueFd> descriptors_;    // in order of arrival
+  std::size_t takenDescriptors_ = 0;     // so many at the front went with frames
 };
 
 }  // namespace Platform

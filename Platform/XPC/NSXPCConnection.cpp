@@ -71,7 +71,7 @@ void NSXPCConnection::sendMessage(OutgoingFrame frame) {
 }
 
 void NSXPCConnection::sendCall(std::uint64_t serial, OutgoingFrame frame, DecodeReply onReply,
-                               NSXPCErrorHandler onError) {
+                               SharedErrorHandler onError) {
   connection_->sendCall(serial, std::move(frame), std::move(onReply), std::move(onError));
 }
 

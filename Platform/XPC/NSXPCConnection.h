@@ -38,6 +38,8 @@ enum class NSXPCConnectionError {
 };
 
 using NSXPCErrorHandler = std::function<void(NSXPCConnectionError)>;
+// A proxy's handler is one for all its calls, so they share it. Null when there is none.
+using SharedErrorHandler = std::shared_ptr<const NSXPCErrorHandler>;
 
 // All methods: any thread. Everything but `resume`, `invalidate` and the proxies is set up before
 // `resume`. An accepted connection is kept alive by the layer until its peer goes; any other by its
@@ -101,7 +103,7 @@ class NSXPCConnection final : public NSObject {
   Encoder beginCall(std::string_view selector, std::uint64_t& serial);
   void sendMessage(OutgoingFrame frame);
   void sendCall(std::uint64_t serial, OutgoingFrame frame, DecodeReply onReply,
-                NSXPCErrorHandler onError);
+                SharedErrorHandler onError);
   // None when there is an answer, which `onReply` has been given.
   std::optional<NSXPCConnectionError> waitForCall(std::uint64_t serial, OutgoingFrame frame,
                                                   const DecodeReply& onReply);
@@ -114,7 +116,10 @@ template <class Interface>
 class RemoteProxy : public Interface {
  public:
   RemoteProxy(std::shared_ptr<NSXPCConnection> connection, bool waits, NSXPCErrorHandler onError)
-      : connection_(std::move(connection)), waits_(waits), onError_(std::move(onError)) {}
+      : connection_(std::move(connection)),
+        waits_(waits),
+        onError_(onError ? std::make_shared<const NSXPCErrorHandler>(std::move(onError))
+                         : nullptr) {}
 
  protected:
   template <auto Member, class... Arguments>
@@ -149,7 +154,7 @@ class RemoteProxy : public Interface {
   template <class... Values>
   void call(std::uint64_t serial, OutgoingFrame frame, const Reply<Values...>& reply) {
     using Tuple = std::tuple<std::remove_cvref_t<Values>...>;
-    const auto onReply = [reply](Decoder& decoder) {
+    auto onReply = [reply](Decoder& decoder) {
       Tuple values;
       if (decoder.array() != std::tuple_size_v<Tuple>) return decoder.wrongClass();
       std::apply([&](auto&... value) { (decode(decoder, value), ...); }, values);
@@ -157,15 +162,15 @@ class RemoteProxy : public Interface {
       std::apply([&](auto&... value) { reply(std::move(value)...); }, values);
     };
     if (!waits_) {
-      connection_->sendCall(serial, std::move(frame), onReply, onError_);
+      connection_->sendCall(serial, std::move(frame), std::move(onReply), onError_);
     } else if (const auto error = connection_->waitForCall(serial, std::move(frame), onReply)) {
-      if (onError_) onError_(*error);
+      if (onError_) (*onError_)(*error);
     }
   }
 
   const std::shared_ptr<NSXPCConnection> connection_;
   const bool waits_;
-  const NSXPCErrorHandler onError_;
+  const SharedErrorHandler onError_;
 };
 
 }  // namespace Platform

@@ -13,18 +13,24 @@ namespace {
 // Descriptors under way count against the user, and past the limit nobody of that user can send
 // any. A peer that stops reading must not hold many: few go in one call, and once a connection has
 // sent some, its socket buffer is made small. Neither costs throughput.
-constexpr std::size_t mostDescriptorsPerSend = 32;
+constexpr std::size_t mostDescriptorsPerSend = 64;
 constexpr std::size_t descriptorsBeforeSmallBuffer = 64;
-constexpr int smallBuffer = 16 << 10;
+constexpr int smallBuffer = 8 << 10;  // doubled by the kernel, see socket(7)
 
-constexpr std::size_t keptBytes = 512;         // what an idle connection may hold on to
+// What one call sends the kernel cuts into pieces, and the descriptors arrive with the first. The
+// header that declares them must be in that piece too, or the peer takes them for undeclared. No
+// piece but the last is smaller than half a send buffer, less 64 bytes.
+constexpr std::size_t mostBytesAhead = smallBuffer - 1024;
+
+constexpr std::size_t keptWhenBusy = 16 << 10;  // bytes of memory, from one send to the next
+constexpr std::size_t keptAtRest = 512;
 constexpr std::size_t compactAfter = 1 << 20;  // sent bytes that may stay in front of waiting ones
 
 }  // namespace
 
 void Outbox::append(OutgoingFrame frame) {
   if (!frame.endpoints.empty()) carriers_.push_back({bytes_.size(), std::move(frame.endpoints)});
-  if (bytes_.empty()) {
+  if (bytes_.empty() && frame.bytes.size() > bytes_.capacity()) {
     bytes_ = std::move(frame.bytes);
   } else {
     bytes_.insert(bytes_.end(), frame.bytes.begin(), frame.bytes.end());
@@ -33,15 +39,18 @@ void Outbox::append(OutgoingFrame frame) {
 
 Outbox::Result Outbox::flush(int socket) {
   while (!isEmpty()) {
-    // Take whole carriers until the next would make it too many descriptors; its bytes must then
-    // stay behind as well, since descriptors go no later than the first byte of their frame.
+    // Take whole carriers until the next would make it too many descriptors, or is too far away;
+    // its bytes must then stay behind as well, since descriptors go no later than the first byte of
+    // their frame.
     int descriptors[Wire::mostDescriptors];
     std::size_t count = 0;
     std::size_t end = bytes_.size();
     std::size_t next = carriersSent_;
     for (; next < carriers_.size(); ++next) {
       const Carrier& carrier = carriers_[next];
-      if (count != 0 && count + carrier.endpoints.size() > mostDescriptorsPerSend) {
+      const bool isTooMany =
+          count != 0 && count + carrier.endpoints.size() > mostDescriptorsPerSend;
+      if (isTooMany || carrier.start > sent_ + mostBytesAhead) {
         end = carrier.start;
         break;
       }
@@ -99,12 +108,20 @@ void Outbox::dropSent() {
 }
 
 void Outbox::clear() {
-  if (bytes_.capacity() > keptBytes) bytes_ = {};
-  if (carriers_.capacity() * sizeof(Carrier) > keptBytes) carriers_ = {};
   bytes_.clear();
   carriers_.clear();
   sent_ = 0;
   carriersSent_ = 0;
+  keepAtMost(keptWhenBusy);
+}
+
+void Outbox::rest() {
+  if (isEmpty()) keepAtMost(keptAtRest);
+}
+
+void Outbox::keepAtMost(std::size_t bytes) {
+  if (bytes_.capacity() > bytes) bytes_.shrink_to_fit();
+  if (carriers_.capacity() * sizeof(Carrier) > bytes) carriers_.shrink_to_fit();
 }
 
 }  // namespace Platform

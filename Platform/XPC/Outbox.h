@@ -26,6 +26,8 @@ class Outbox {
   bool isEmpty() const { return sent_ == bytes_.size(); }
   std::size_t waitingBytes() const { return bytes_.size() - sent_; }
   void clear();
+  // Gives back memory that only a busy connection needs.
+  void rest();
 
  private:
   // A frame that carries descriptors, and where in bytes_ it begins.
@@ -35,6 +37,7 @@ class Outbox {
   };
 
   void dropSent();
+  void keepAtMost(std::size_t bytes);
 
   std::vector<std::byte> bytes_;
   std::size_t sent_ = 0;

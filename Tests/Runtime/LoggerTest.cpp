@@ -28,14 +28,14 @@ TEST(Logger, NeverWaitsForAStuckDestinationAndCountsWhatItDropped) {
   constexpr int logged = 100'000;
   for (int i = 0; i < logged; ++i) {
     Logger::sharedInstance().info(
-        "a line of some length, as the agent writes: " + std::to_string(i), "Tests", "test()", 1);
+        {"a line of some length, as the agent writes: ", std::to_string(i)}, "Tests", "test()", 1);
   }
   auto all = std::async(std::launch::async, [&] {
     std::ifstream stream("/dev/fd/" + std::to_string(reading.get()));
     return std::string(std::istreambuf_iterator(stream), {});
   });
   Logger::sharedInstance().flush();
-  Logger::sharedInstance().info("last", "Tests", "test()", 2);
+  Logger::sharedInstance().info({"last"}, "Tests", "test()", 2);
   Logger::sharedInstance().flush();
   ::dup2(standardError.get(), STDERR_FILENO);
 

@@ -116,6 +116,28 @@ TEST_F(Connections, CarryEveryKindOfValueAndKeepEndpointsConnectable) {
   }
 }
 
+// What waits for the socket goes out many messages a call, which the kernel cuts anew.
+TEST_F(Connections, CarryEndpointsBetweenLongMessagesThatWaited) {
+  const auto service = Service::start();
+  const auto connection = connectionTo(service->endpoint());
+  constexpr unsigned count = 400;
+  std::latch answered(count);
+  std::promise<void> sent;
+  service->onEcho = [&, allSent = sent.get_future().share()] { allSent.wait(); };
+  const auto proxy =
+      connection->remoteObjectProxyWithErrorHandler<Peer>([&](NSXPCConnectionError) {
+        ADD_FAILURE() << "an answer was lost";
+        answered.count_down();
+      });
+  for (unsigned i = 0; i < count; ++i) {
+    const Value data = Data(i * 37 % 5000);
+    proxy->echo(i % 3 == 0 ? data : Array{service->endpoint(), data},
+                [&](const Value&) { answered.count_down(); });
+  }
+  sent.set_value();
+  answered.wait();
+}
+
 TEST_F(Connections, LetHandlersAndReplyBlocksWaitForAnswers) {
   const auto service = Service::start();
   const auto other = Service::start();
