@@ -25,7 +25,8 @@ TEST(Logger, NeverWaitsForAStuckDestinationAndCountsWhatItDropped) {
   ::dup2(writing.get(), STDERR_FILENO);
   writing.reset();
 
-  constexpr int logged = 100'000;
+  // More than the pipe, the lines the writer holds and the lines that wait for it take together.
+  constexpr int logged = 250'000;
   for (int i = 0; i < logged; ++i) {
     Logger::sharedInstance().info(
         {"a line of some length, as the agent writes: ", std::to_string(i)}, "Tests", "test()", 1);

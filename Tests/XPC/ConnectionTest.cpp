@@ -124,11 +124,10 @@ TEST_F(Connections, CarryEndpointsBetweenLongMessagesThatWaited) {
   std::latch answered(count);
   std::promise<void> sent;
   service->onEcho = [&, allSent = sent.get_future().share()] { allSent.wait(); };
-  const auto proxy =
-      connection->remoteObjectProxyWithErrorHandler<Peer>([&](NSXPCConnectionError) {
-        ADD_FAILURE() << "an answer was lost";
-        answered.count_down();
-      });
+  const auto proxy = connection->remoteObjectProxyWithErrorHandler<Peer>([&](NSXPCConnectionError) {
+    ADD_FAILURE() << "an answer was lost";
+    answered.count_down();
+  });
   for (unsigned i = 0; i < count; ++i) {
     const Value data = Data(i * 37 % 5000);
     proxy->echo(i % 3 == 0 ? data : Array{service->endpoint(), data},
