@@ -1,0 +1,99 @@
+"""What the agent has runs out: descriptors, room for descriptors under way, the reader of its log."""
+
+import os
+import re
+import resource
+import select
+import subprocess
+import unittest
+
+from wire_client import *
+
+
+def limit_descriptors(most):
+    return lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (most, most))
+
+
+class Exhausted(AgentTestCase):
+    def agents_processor_time(self):
+        with open(f"/proc/{self.agent.pid}/stat") as stat:
+            return sum(map(int, stat.read().split()[13:15]))  # in ticks of 10 ms
+
+    @unittest.skipIf("undefined" in os.environ.get("GANTREL_SANITIZE", ""), "the sanitizer needs descriptors too")
+    def test_descriptors_make_it_wait_but_never_lie_nor_spin(self):
+        self.start_agent(preexec_fn=limit_descriptors(64))
+        client, stored = Connection(self.path), 0
+        while self.register(client, f"e{stored}"):
+            stored += 1
+            self.assertLess(stored, 64)
+        # The client's connection has ended for want of room; others find no room to be accepted.
+        visitors = [Connection(self.path) for _ in range(20)]
+        for visitor in visitors:
+            visitor.send([CALL, 1, RETRIEVE, ["e0"]])
+        unanswered = [visitor.socket for visitor in visitors]
+        while answered := select.select(unanswered, [], [], 1)[0]:
+            unanswered = [socket for socket in unanswered if socket not in answered]
+        self.assertTrue(unanswered, "the agent was not full")
+        before = self.agents_processor_time()
+        self.assertFalse(select.select(unanswered, [], [], 1)[0])
+        self.assertLessEqual(self.agents_processor_time() - before, 10)
+
+        # Each visitor that leaves makes room for the next; an endpoint needs no room here to be sent.
+        while visitors:
+            visitor = visitors.pop(0)
+            self.assertEqual(visitor.receive()[0], [REPLY, 1, [Endpoint(0)]])
+            visitor.socket.close()
+        client = Connection(self.path)
+        self.assertIsNone(client.retrieve(f"e{stored}"))
+        for number in range(stored):
+            client.send([MESSAGE, REMOVE, [f"e{number}"]])
+        self.assertIsNone(client.retrieve("e0"))  # they are removed by now
+        self.assertTrue(self.register(client, "last"))
+        self.assertEqual(client.retrieve("last"), self.inode)
+
+    def test_room_for_descriptors_under_way_makes_replies_wait(self):
+        # The superuser's capabilities are beyond this limit.
+        is_exempt = os.geteuid() == 0
+        capless = ["setpriv", "--bounding-set=-sys_admin,-sys_resource"] if is_exempt else []
+        self.start_agent(*capless, preexec_fn=limit_descriptors(100))
+        self.assertTrue(self.register(Connection(self.path), "a"))
+        owed = {}  # answers to each peer, by its socket
+        for peer in [Connection(self.path) for _ in range(5)]:
+            for _ in range(100):
+                peer.send([CALL, 1, RETRIEVE, ["a"]])
+            owed[peer.socket] = [peer, 100]
+        late = Connection(self.path)
+        late.send([CALL, 1, RETRIEVE, ["a"]])
+        self.assertFalse(select.select([late.socket], [], [], 1)[0], "there was room")
+        self.assertIsNone(Connection(self.path).retrieve("no"))
+        owed[late.socket] = [late, 1]
+        while owed:
+            readable = select.select(owed, [], [], PATIENCE)[0]
+            self.assertTrue(readable, owed)
+            for waiting in readable:
+                peer, _ = owed[waiting]
+                answer, descriptors = peer.receive()
+                self.assertEqual(answer, [REPLY, 1, [Endpoint(0)]])
+                os.close(*descriptors)
+                owed[waiting][1] -= 1
+                if owed[waiting][1] == 0:
+                    del owed[waiting]
+
+    def test_a_stuck_log_holds_nothing_up_and_counts_what_it_lost(self):
+        self.start_agent(stderr=subprocess.PIPE, text=True)
+        client, letters, requests = Connection(self.path), 2000 * "x", 5000
+        for _ in range(requests):  # some 10 MB, of which the pipe and the logger hold less than half
+            self.assertIsNone(client.retrieve(letters))
+        written = dropped = 0
+        while written + dropped < requests:
+            line = self.agent.stderr.readline()
+            self.assertTrue(line, f"{written} + {dropped}")
+            written += letters in line
+            if lost := re.search(r"(\d+) log lines dropped", line):
+                dropped += int(lost[1])
+        self.assertEqual(written + dropped, requests)
+        self.assertGreater(dropped, 0)
+
+
+if __name__ == "__main__":
+    unittest.main(warnings="ignore")  # of sockets that end with the process
