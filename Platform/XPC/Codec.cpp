@@ -39,6 +39,7 @@ std::string_view characters(std::span<const std::byte> bytes) {
 
 void encode(Encoder& encoder, const Value& value, int depth) {
   if (depth > Wire::deepestNesting) stopProcess(ExitStatus::software);
+  encoder.countItem();
   if (value.isNil()) {
     encoder.simple(Wire::nullByte);
   } else if (const auto boolean = value.asBoolean()) {
@@ -62,6 +63,7 @@ void encode(Encoder& encoder, const Value& value, int depth) {
   } else if (const Dictionary* dictionary = value.asDictionary()) {
     encoder.head(Major::map, dictionary->size());
     for (const auto& [key, item] : *dictionary) {
+      encoder.countItem();
       encode(encoder, key);
       encode(encoder, item, depth + 1);
     }
@@ -76,7 +78,7 @@ void encode(Encoder& encoder, const Value& value, int depth) {
 
 bool OutgoingFrame::isSendable() const {
   return bytes.size() - Wire::headerSize <= Wire::mostPayloadBytes &&
-         endpoints.size() <= Wire::mostDescriptors;
+         endpoints.size() <= Wire::mostDescriptors && items <= Wire::mostItems;
 }
 
 Encoder::Encoder() {
@@ -300,7 +302,7 @@ Value Decoder::value() {
 }
 
 Value Decoder::value(int depth) {
-  if (depth > Wire::deepestNesting) malformed();
+  if (depth > Wire::deepestNesting || ++items_ > Wire::mostItems) malformed();
   const auto read = head();
   if (!read) return {};
   const std::uint64_t argument = read->argument;
@@ -324,6 +326,7 @@ Value Decoder::value(int depth) {
     case Major::map:
       return entries(argument, depth + 1);
     case Major::tag:
+      --items_;  // counted with its content
       return tagged(argument, depth + 1);
     case Major::simple:
       break;

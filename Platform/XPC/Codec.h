@@ -28,6 +28,7 @@ using EndpointRef = std::shared_ptr<NSXPCListenerEndpoint>;
 struct OutgoingFrame {
   std::vector<std::byte> bytes;
   std::vector<EndpointRef> endpoints;
+  std::size_t items = 0;  // of values of any type
 
   // False when it is larger than the wire allows.
   bool isSendable() const;
@@ -50,6 +51,7 @@ class Encoder {
   void simple(std::uint8_t firstByte) { frame_.bytes.push_back(std::byte{firstByte}); }
   void real(double number);
   void endpoint(const EndpointRef& endpoint);  // nil when null
+  void countItem() { ++frame_.items; }         // of a value of any type
 
   OutgoingFrame finish();  // fills in the header
 
@@ -109,6 +111,7 @@ class Decoder {
   std::span<const std::byte> rest_;
   std::span<UniqueFd> descriptors_;
   const Descriptors policy_;
+  std::size_t items_ = 0;
   bool malformed_ = false;
   bool wrongClass_ = false;
 };

@@ -136,7 +136,6 @@ void Connection::close() {
   std::unordered_map<std::uint64_t, PendingCall> calls;
   std::function<void()> interruption;
   std::function<void()> invalidation;
-  std::shared_ptr<NSObject> exported;
   const Lock lock(mutex_);
   flush();
   isSilent_ = true;
@@ -146,7 +145,8 @@ void Connection::close() {
   calls.swap(calls_);
   interruption.swap(interruptionHandler_);
   invalidation.swap(invalidationHandler_);
-  exported.swap(exportedObject_);
+  // One of its methods may be under way, and may be what led here.
+  if (exportedObject_) queue_->async([exported = std::move(exportedObject_)] {});
 }
 
 // Sending

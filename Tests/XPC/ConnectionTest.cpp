@@ -116,6 +116,24 @@ TEST_F(Connections, CarryEveryKindOfValueAndKeepEndpointsConnectable) {
   }
 }
 
+// In memory an item takes many times its byte on the wire.
+TEST_F(Connections, RefuseToSendAndToReadMoreItemsThanFitInMemory) {
+  const auto service = Service::start();
+  const auto connection = connectionTo(service->endpoint());
+  const Value most = Array(Wire::mostItems - 1, NSDate{1});
+  EXPECT_EQ(ask(connection, most), most);
+  EXPECT_EQ(ask(connection, Array(Wire::mostItems, 1)), Value());
+  Encoder encoder;
+  encoder.head(Wire::Major::array, Wire::mostItems);
+  for (std::size_t i = 0; i < Wire::mostItems; ++i) encoder.simple(Wire::nullByte);
+  OutgoingFrame frame = encoder.finish();
+  frame.bytes.erase(frame.bytes.begin(), frame.bytes.begin() + Wire::headerSize);
+  Frame received{.payload = std::move(frame.bytes), .descriptors = {}};
+  Decoder decoder(received);
+  decoder.value();
+  EXPECT_TRUE(decoder.isMalformed());
+}
+
 // What waits for the socket goes out many messages a call, which the kernel cuts anew.
 TEST_F(Connections, CarryEndpointsBetweenLongMessagesThatWaited) {
   const auto service = Service::start();
@@ -244,6 +262,89 @@ TEST_F(Connections, AreRefusedByAListenerThatHasGone) {
   service->stopListening();
   EXPECT_EQ(ask(connectionTo(endpoint), 1), Value());
   EXPECT_EQ(service->endpoint(), nullptr);
+}
+
+class Callee final : public NSObject, public Peer {
+ public:
+  explicit Callee(std::promise<void>* destroyed = nullptr) : destroyed_(destroyed) {}
+  ~Callee() override {
+    if (destroyed_) destroyed_->set_value();
+  }
+  void echo(Value value, Reply<Value> reply) override {
+    if (onEcho) onEcho();
+    last_ = std::move(value);
+    reply(last_);
+  }
+  void dropReply(Reply<bool>) override {}
+
+  std::function<void()> onEcho;
+
+ private:
+  Value last_;
+  std::promise<void>* const destroyed_;
+};
+
+TEST_F(Connections, KeepTheExportedObjectUntilItsMethodHasReturned) {
+  const auto service = Service::start();
+  std::promise<void> destroyed;
+  auto isDestroyed = destroyed.get_future();
+  auto connection = NSXPCConnection::initWithListenerEndpoint(service->endpoint());
+  auto callee = std::make_shared<Callee>(&destroyed);
+  callee->onEcho = [&] {
+    connection.reset();
+    EXPECT_EQ(isDestroyed.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
+  };
+  connection->setExportedInterface(NSXPCInterface::interfaceWithProtocol<Peer>());
+  connection->setExportedObject(std::exchange(callee, nullptr));
+  connection->resume();
+  service->onEcho = [&] {
+    service->last.lock()->remoteObjectProxy<Peer>()->echo("of some length, on the heap"_text,
+                                                          [](Value) {});
+  };
+  connection->remoteObjectProxy<Peer>()->echo(1, [](Value) {});
+  isDestroyed.wait();
+}
+
+// Both sides call each other while one of them ends it, in every way and from every thread.
+TEST_F(Connections, MayEndAnywhereWhileCallsAreUnderWay) {
+  const auto service = Service::start();
+  // Copied: the last calls may outlive this test's frame.
+  const auto lastAccepted = [weak = std::weak_ptr(service)]() -> std::shared_ptr<NSXPCConnection> {
+    const auto strong = weak.lock();
+    if (!strong) return nullptr;
+    const std::lock_guard lock(strong->mutex);
+    return strong->last.lock();
+  };
+  const auto endLastAccepted = [lastAccepted] {
+    if (const auto accepted = lastAccepted()) accepted->invalidate();
+  };
+  const auto way = std::make_shared<std::atomic<int>>();
+  service->onEcho = [=] {
+    const auto accepted = lastAccepted();
+    if (accepted) accepted->remoteObjectProxy<Peer>()->echo("back"_text, [](Value) {});
+    if (*way == 0) endLastAccepted();
+  };
+  const std::size_t atFirst = TestSupport::openDescriptors(::getpid());
+  const int rounds = TestSupport::isSanitized ? 200 : 2000;
+  for (int round = 0; round < rounds; ++round) {
+    *way = round % 5;
+    auto connection = NSXPCConnection::initWithListenerEndpoint(service->endpoint());
+    connection->setExportedInterface(NSXPCInterface::interfaceWithProtocol<Peer>());
+    connection->setExportedObject(std::make_shared<Callee>());
+    connection->setInvalidationHandler([times = std::make_shared<int>()] { ++*times; });
+    connection->resume();
+    auto proxy = connection->remoteObjectProxyWithErrorHandler<Peer>([](auto) {});
+    for (int i = 0; i < 5; ++i) proxy->echo(i, [](Value) {});
+    std::future<void> other;
+    if (*way == 1) other = std::async(std::launch::async, [&] { connection->invalidate(); });
+    if (*way == 2) proxy->echo({}, [own = connection](Value) mutable { own.reset(); });
+    if (*way == 3) proxy->echo({}, [=](Value) { endLastAccepted(); });
+    if (*way != 4) ask(connection, 1);
+    proxy.reset();
+    if (other.valid()) other.wait();
+  }
+  EXPECT_TRUE(
+      TestSupport::eventually([&] { return TestSupport::openDescriptors(::getpid()) == atFirst; }));
 }
 
 }  // namespace
