@@ -14,7 +14,7 @@ import sys
 import tempfile
 import time
 
-from wire_client import AGENT, PATIENCE, SERVICE, Connection, eventually
+from agent_test_case import AGENT, PATIENCE, SERVICE, Connection, eventually
 
 APPLICATIONS = 24
 IDENTIFIERS = 4  # of each application; nobody else registers or removes them

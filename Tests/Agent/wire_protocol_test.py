@@ -3,7 +3,7 @@
 import os
 import unittest
 
-from wire_client import *
+from agent_test_case import *
 
 
 class AgentOnTheWire(AgentTestCase):

@@ -7,7 +7,7 @@ import select
 import subprocess
 import unittest
 
-from wire_client import *
+from agent_test_case import *
 
 
 def limit_descriptors(most):

@@ -6,7 +6,7 @@ import stat
 import subprocess
 import unittest
 
-from wire_client import *
+from agent_test_case import *
 
 NOBODY = 65534
 

@@ -1,17 +1,12 @@
-"""A client of the wire protocol in Python's standard library alone, written from
-Documentation/wire-protocol.md, and a test case with an agent of its own for it to talk to."""
+"""A client of the wire protocol in Python's standard library alone, written from Documentation/wire-protocol.md.
+It also lets its user break the rules, for tests."""
 
 import array
 import os
 import socket
 import struct
-import subprocess
-import tempfile
-import time
-import unittest
 
-AGENT = os.environ.get("GANTREL_AGENT")  # the executable
-PATIENCE = 60  # seconds, after which a test gives up
+PATIENCE = 60  # seconds to wait for an answer
 SERVICE = "com.gantrel.Gantrel.agent"
 REGISTER = "registerListenerEndpoint:forIdentifier:completionHandler:"
 RETRIEVE = "retrieveListenerEndpoint:completionHandler:"
@@ -120,43 +115,3 @@ class Connection:
             inode = os.fstat(descriptor).st_ino
             os.close(descriptor)
             return inode
-
-
-def eventually(condition):
-    """Looks again and again, without rest, for something that no event tells of."""
-    end = time.monotonic() + PATIENCE
-    while not condition():
-        if time.monotonic() > end:
-            return False
-    return True
-
-
-class AgentTestCase(unittest.TestCase):
-    def setUp(self):
-        self.folder = self.enterContext(tempfile.TemporaryDirectory())
-        self.path = os.path.join(self.folder, "gantrel", SERVICE + ".socket")
-        # An anonymous listener and its endpoint.
-        name = os.path.join(self.folder, "own")
-        self.listener = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
-        self.listener.bind(name)
-        self.endpoint = os.open(name, os.O_PATH | os.O_CLOEXEC)
-        self.inode = os.fstat(self.endpoint).st_ino
-        os.unlink(name)
-        self.listener.listen()
-
-    def start_agent(self, *prefix, **options):
-        environment = dict(os.environ, XDG_RUNTIME_DIR=self.folder)
-        options = {"stderr": subprocess.DEVNULL, **options}
-        self.agent = self.enterContext(subprocess.Popen([*prefix, AGENT], env=environment, **options))
-        self.addCleanup(self.agent.kill)
-        while not os.path.exists(self.path):
-            self.assertIsNone(self.agent.poll(), "the agent ended")
-
-    def register(self, connection, identifier):
-        """Whether the agent says that it has stored the endpoint."""
-        connection.send([CALL, 1, REGISTER, [Endpoint(), identifier]], [self.endpoint])
-        answer = connection.receive()
-        return answer is not None and answer[0] == [REPLY, 1, [True]]
-
-    def agents_descriptors(self):
-        return len(os.listdir(f"/proc/{self.agent.pid}/fd"))
