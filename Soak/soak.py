@@ -67,8 +67,8 @@ class Application:
 
 
 class Request:
-    def __init__(self, application, word, identifier, entry, agents):
-        self.word, self.identifier, self.entry, self.agents = word, identifier, entry, agents
+    def __init__(self, application, word, identifier, entry, agent):
+        self.word, self.identifier, self.entry, self.agent = word, identifier, entry, agent
         self.allowed = set(entry.possible)
         if word == "ask":
             entry.questions.append(self.allowed)
@@ -83,34 +83,37 @@ class Request:
 class Soak:
     def __init__(self, folder, executable):
         self.path = os.path.join(folder, "gantrel", SERVICE + ".socket")
-        self.folder, self.random = folder, random.Random(SEED)
-        self.agents = self.requests = self.deaths = 0
+        self.random = random.Random(SEED)
+        self.requests = self.deaths = 0
         self.wrong, self.recoveries = [], []
-        self.start_agent()
+        self.known_agent = self.start_agent()  # none while one may be away
+        assert eventually(self.is_agent_there)
         self.applications = [Application(executable, [f"a{number}.{i}" for i in range(IDENTIFIERS)])
                              for number in range(APPLICATIONS)]
         self.entries = {name: entry for each in self.applications for name, entry in each.entries.items()}
 
     def start_agent(self):
         self.agent = subprocess.Popen([AGENT], stderr=subprocess.DEVNULL)
+        return self.agent
 
     def ask_something(self, application):
         chance = self.random.random()
         if chance < 0.6:
             identifier, entry = self.random.choice(list(self.entries.items()))
-            Request(application, "ask", identifier, entry, self.agents)
+            Request(application, "ask", identifier, entry, self.known_agent)
             return
         identifier, entry = self.random.choice(list(application.entries.items()))
         if chance < 0.9:
-            Request(application, "offer", identifier, entry, self.agents)
+            Request(application, "offer", identifier, entry, self.known_agent)
         else:
             entry.may_be("nil", "gone")
             entry.registered = None
-            Request(application, "remove", identifier, entry, self.agents)
+            Request(application, "remove", identifier, entry, self.known_agent)
 
     def take_answer(self, application):
         answer, request = application.process.stdout.readline().strip(), application.request
-        entry, is_same_agent = request.entry, request.agents == self.agents
+        entry = request.entry
+        is_same_agent = request.agent is not None and request.agent is self.known_agent
         application.request = None
         request.end()
         self.requests += 1
@@ -119,7 +122,7 @@ class Soak:
         if request.word == "offer":
             entry.may_be(answer, "gone")
             entry.registered = answer
-            Request(application, "register", request.identifier, entry, self.agents)
+            Request(application, "register", request.identifier, entry, self.known_agent)
         elif request.word == "ask":
             if answer not in request.allowed:
                 self.wrong.append(f"{request.identifier} is {answer!r}, not {request.allowed}")
@@ -152,9 +155,9 @@ class Soak:
 
     def kill_agent(self):
         """Kills it, and starts another one a moment later; waits until every registration is back."""
+        self.known_agent = None
         self.agent.kill()
         self.agent.wait()
-        self.agents += 1
         for entry in self.entries.values():
             entry.may_be("nil")
         self.take_answers(patience=self.random.random() / 10)
@@ -162,6 +165,7 @@ class Soak:
         self.start_agent()
         self.take_all_answers()
         self.expect_registrations()
+        self.known_agent = self.agent
         self.recoveries.append(time.monotonic() - start)
 
     def expect_registrations(self):
@@ -171,8 +175,7 @@ class Soak:
         assert eventually(self.is_agent_there)
         connection = Connection(self.path)
         for identifier, entry in self.entries.items():
-            if not eventually(lambda: is_known(identifier, entry)):
-                self.wrong.append(f"{identifier} is not {entry.registered}")
+            assert eventually(lambda: is_known(identifier, entry)), f"{identifier} is not {entry.registered}"
             entry.is_now(entry.registered or "nil")
 
     def is_agent_there(self):

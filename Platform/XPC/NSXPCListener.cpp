@@ -1,24 +1,19 @@
 #include "Platform/XPC/NSXPCListener.h"
 
-#include <fcntl.h>
 #include <sys/epoll.h>
-#include <sys/random.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstdint>
-#include <cstdio>
 #include <mutex>
 #include <optional>
-#include <string>
 #include <utility>
 #include <variant>
 
 #include "Platform/Dispatch/WorkerPool.h"
-#include "Platform/Runtime/RuntimeDirectory.h"
 #include "Platform/Runtime/Stop.h"
+#include "Platform/XPC/AnonymousSocket.h"
 #include "Platform/XPC/Connection.h"
 #include "Platform/XPC/NamedService.h"
 #include "Platform/XPC/Socket.h"
@@ -28,35 +23,6 @@ namespace {
 
 constexpr int acceptsPerTurn = 16;
 constexpr auto retryWhenFull = std::chrono::milliseconds(100);
-
-struct AnonymousSocket {
-  std::shared_ptr<const UniqueFd> socket;
-  EndpointRef endpoint;
-};
-
-std::string randomName() {
-  std::uint64_t random[2] = {};
-  // Fails only before the system has gathered randomness at boot; the bind then meets a taken name.
-  [[maybe_unused]] const auto filled = ::getrandom(random, sizeof random, 0);
-  char name[40];
-  std::snprintf(name, sizeof name, ".%016llx%016llx", static_cast<unsigned long long>(random[0]),
-                static_cast<unsigned long long>(random[1]));
-  return name;
-}
-
-std::optional<AnonymousSocket> makeAnonymousSocket() {
-  const auto directory = runtimeDirectory();
-  if (!directory) return std::nullopt;
-  const std::string path = *directory + "/" + randomName();
-  UniqueFd socket = bindTo(path);
-  if (!socket.isValid()) return std::nullopt;
-  UniqueFd capability(::open(path.c_str(), O_PATH | O_CLOEXEC | O_NOFOLLOW));
-  ::unlink(path.c_str());
-  if (!capability.isValid() || !listenOn(socket.get())) return std::nullopt;
-  const auto listening = std::make_shared<const UniqueFd>(std::move(socket));
-  return AnonymousSocket{listening,
-                         std::make_shared<NSXPCListenerEndpoint>(std::move(capability), listening)};
-}
 
 void raiseDescriptorLimit() {
   rlimit limit{};
@@ -173,6 +139,7 @@ std::shared_ptr<NSXPCListener> NSXPCListener::initWithMachServiceName(const Text
   raiseDescriptorLimit();
   auto service = NamedService::claim(name);
   if (!service) return nullptr;
+  removeLeftOverSocketNames();
   return std::shared_ptr<NSXPCListener>(
       new NSXPCListener(std::make_shared<Acceptor>(std::move(service))));
 }

@@ -14,8 +14,8 @@ inline constexpr std::size_t mostPayloadBytes = std::size_t{256} << 20;
 inline constexpr std::size_t mostDescriptors = 253;  // what the kernel takes in one call
 inline constexpr int deepestNesting = 32;            // of arrays, maps and tags in a payload
 
-// Of the items that make up a payload's values of any type: in memory each takes many times the byte
-// that it may take here.
+// Of the items that make up a payload's values of any type: in memory each takes many times the
+// byte that it may take here.
 inline constexpr std::size_t mostItems = std::size_t{1} << 20;
 
 // A payload is one array, whose first item is its kind.

@@ -1,5 +1,7 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/file.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -253,6 +255,22 @@ TEST_F(Connections, WakeAWaitingCallWhenTheyAreInvalidated) {
   connection->invalidate();
   EXPECT_EQ(waiting.get(), Value());
   goOn.set_value();
+}
+
+// As a process that is killed while it makes a listener leaves one.
+TEST_F(Connections, LeaveNoNameOfAListenerBehindForLong) {
+  const std::string name = "/gantrel/.0123456789abcdef0123456789abcdef";
+  const auto isThere = [&] { return ::access((directory.path() + name).c_str(), F_OK) == 0; };
+  const auto service = Service::start();
+  const UniqueFd left = bindTo(directory.path() + name);
+  {
+    const UniqueFd folder(::open((directory.path() + "/gantrel").c_str(), O_RDONLY | O_CLOEXEC));
+    ASSERT_EQ(::flock(folder.get(), LOCK_SH), 0);
+    EXPECT_TRUE(NSXPCListener::initWithMachServiceName("while another is being made"_text));
+    EXPECT_TRUE(isThere());
+  }
+  EXPECT_TRUE(NSXPCListener::initWithMachServiceName("later"_text));
+  EXPECT_FALSE(isThere());
 }
 
 TEST_F(Connections, AreRefusedByAListenerThatHasGone) {
