@@ -4,6 +4,7 @@ restarted at random, and so is the agent. A model knows what each answer may be.
 Run by scripts/soak. Exit status 0 when no answer was wrong, every registration came back in time, and nothing
 grew."""
 
+import contextlib
 import os
 import random
 import re
@@ -95,6 +96,13 @@ class Soak:
     def start_agent(self):
         self.agent = subprocess.Popen([AGENT], stderr=subprocess.DEVNULL)
         return self.agent
+
+    def processes(self):
+        return [self.agent, *(application.process for application in self.applications)]
+
+    def close(self):
+        for process in self.processes():
+            process.kill()
 
     def ask_something(self, application):
         chance = self.random.random()
@@ -201,41 +209,44 @@ def threads(process):
 def main(executable, seconds):
     with tempfile.TemporaryDirectory() as folder:
         os.environ["XDG_RUNTIME_DIR"] = folder
-        soak = Soak(folder, executable)
-        end = time.monotonic() + seconds
-        while time.monotonic() < end - seconds / 3:
-            soak.bustle(time.monotonic() + soak.random.random() / 2)
-            soak.kill_agent()
-        # The last third belongs to one agent, and to applications that live, to see whether they grow.
-        processes = [soak.agent, *(application.process for application in soak.applications)]
-        soak.bustle(time.monotonic() + seconds / 15, kill_chance=0)
-        before = [memory(process) for process in processes]
-        soak.bustle(end, kill_chance=0)
-        soak.take_all_answers()
-        soak.expect_registrations()
-        growth = max(memory(process) - size for process, size in zip(processes, before))
-        listeners = sum(entry.registered is not None for entry in soak.entries.values())
-        left = set(os.listdir(os.path.join(folder, "gantrel"))) - {f"{SERVICE}.{end}" for end in ["socket", "lock"]}
+        with contextlib.closing(Soak(folder, executable)) as soak:
+            return is_sound(soak, folder, seconds)
 
-        def beside_listeners(application):
-            own = sum(entry.registered is not None for entry in application.entries.values())
-            return descriptors(application.process) - 2 * own
 
-        beside = max(map(beside_listeners, soak.applications))
-        print(f"{soak.requests} requests, {len(soak.wrong)} answered wrongly; {soak.deaths} applications killed")
-        in_time = sum(recovery <= IN_TIME for recovery in soak.recoveries)
-        print(f"{len(soak.recoveries)} agents killed; every registration back within {IN_TIME:.0f} s of the next "
-              f"start: {in_time} (median {statistics.median(soak.recoveries) * 1000:.0f} ms, worst "
-              f"{max(soak.recoveries) * 1000:.0f} ms)")
-        print(f"growth at most {growth >> 10} KiB; {descriptors(soak.agent)} descriptors in the agent for "
-              f"{listeners} registrations and {APPLICATIONS} applications; at most {beside} in an application beside "
-              f"its listeners'; at most {max(map(threads, processes))} threads; files left behind: {len(left)}")
-        for sentence in soak.wrong[:10]:
-            print("wrong:", sentence)
-        for process in processes:
-            process.kill()
-        return soak.wrong or in_time < len(soak.recoveries) or growth > MOST_GROWTH or beside > MOST_BESIDE or left
+def is_sound(soak, folder, seconds):
+    end = time.monotonic() + seconds
+    while time.monotonic() < end - seconds / 3:
+        soak.bustle(time.monotonic() + soak.random.random() / 2)
+        soak.kill_agent()
+    # The last third belongs to one agent, and to applications that live, to see whether they grow.
+    processes = soak.processes()
+    soak.bustle(time.monotonic() + seconds / 15, kill_chance=0)
+    before = [memory(process) for process in processes]
+    soak.bustle(end, kill_chance=0)
+    soak.take_all_answers()
+    soak.expect_registrations()
+    growth = max(memory(process) - size for process, size in zip(processes, before))
+    listeners = sum(entry.registered is not None for entry in soak.entries.values())
+    left = set(os.listdir(os.path.join(folder, "gantrel"))) - {f"{SERVICE}.{end}" for end in ["socket", "lock"]}
+
+    def beside_listeners(application):
+        own = sum(entry.registered is not None for entry in application.entries.values())
+        return descriptors(application.process) - 2 * own
+
+    beside = max(map(beside_listeners, soak.applications))
+    print(f"{soak.requests} requests, {len(soak.wrong)} answered wrongly; {soak.deaths} applications killed")
+    in_time = sum(recovery <= IN_TIME for recovery in soak.recoveries)
+    print(f"{len(soak.recoveries)} agents killed; every registration back within {IN_TIME:.0f} s of the next "
+          f"start: {in_time} (median {statistics.median(soak.recoveries) * 1000:.0f} ms, worst "
+          f"{max(soak.recoveries) * 1000:.0f} ms)")
+    print(f"growth at most {growth >> 10} KiB; {descriptors(soak.agent)} descriptors in the agent for "
+          f"{listeners} registrations and {APPLICATIONS} applications; at most {beside} in an application beside "
+          f"its listeners'; at most {max(map(threads, processes))} threads; files left behind: {len(left)}")
+    for sentence in soak.wrong[:10]:
+        print("wrong:", sentence)
+    is_in_time = in_time == len(soak.recoveries)
+    return not soak.wrong and is_in_time and growth <= MOST_GROWTH and beside <= MOST_BESIDE and not left
 
 
 if __name__ == "__main__":
-    sys.exit(1 if main(sys.argv[1], float(sys.argv[2])) else 0)
+    sys.exit(0 if main(sys.argv[1], float(sys.argv[2])) else 1)
