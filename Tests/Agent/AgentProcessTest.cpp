@@ -108,17 +108,17 @@ TEST_F(Agents, ApplyRequestsSentWithoutWaitingInTheirOrder) {
   constexpr int rounds = 500;
   std::latch answers(2 * rounds);
   std::atomic<int> wrong = 0;
+  const auto expectFound = [&](bool isThere) {
+    handler->retrieveEndpoint("a"_text, [&, isThere](const std::optional<EndpointRef>& endpoint) {
+      wrong += endpoint.has_value() != isThere;
+      answers.count_down();
+    });
+  };
   for (int i = 0; i < rounds; ++i) {
-    handler->registerEndpoint(listener->endpoint(), "a"_text, [&](bool) {});
-    handler->retrieveEndpoint("a"_text, [&](std::optional<EndpointRef> found) {
-      wrong += !found;
-      answers.count_down();
-    });
+    handler->registerEndpoint(listener->endpoint(), "a"_text, [](bool) {});
+    expectFound(true);
     handler->removeEndpoint("a"_text);
-    handler->retrieveEndpoint("a"_text, [&](std::optional<EndpointRef> found) {
-      wrong += found.has_value();
-      answers.count_down();
-    });
+    expectFound(false);
   }
   answers.wait();
   EXPECT_EQ(wrong, 0);

@@ -93,8 +93,6 @@ class InstalledUnits(unittest.TestCase):
         path = socket_path(RUNTIME)
         self.assertEqual(os.stat(path).st_mode & 0o777, 0o600)
         self.assertEqual(os.stat(os.path.dirname(path)).st_mode & 0o777, 0o700)
-        self.assertEqual(agent(), 0)
-
         self.main_app_registers()
         first = agent()
         self.assertIn("Weekly planning", run(*AS_USER, "MenuApp", "upcoming", env=ENVIRONMENT))
@@ -122,14 +120,9 @@ class InstalledUnits(unittest.TestCase):
         process = Path("/proc", str(agent()))
         status = dict(re.findall("(.*):\t(.*)", (process / "status").read_text()))
         self.assertEqual((status["NoNewPrivs"], status["Seccomp"], status["Umask"]), ("1", "2", "0077"))
-        self.assertIn("/session.slice/", (process / "cgroup").read_text())
-        limits = (process / "limits").read_text()
-        self.assertRegex(limits, "Max core file size +0 +0 ")
-        self.assertRegex(limits, r"Max open files +(\d+) +\1 ")
+        self.assertRegex((process / "limits").read_text(), r"Max open files +(\d+) +\1 ")
         for unit in "gantrel-agent.socket", "gantrel-agent.service":
             self.assertEqual(run("systemd-analyze", "--user", "verify", "--man=no", unit, env=ENVIRONMENT), "")
-        run("systemd-analyze", "--user", "security", "--offline=true", "--threshold=61",
-            "/usr/lib/systemd/user/gantrel-agent.service", env=ENVIRONMENT)
 
 
 def inside():

@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -15,7 +14,6 @@
 #include <mutex>
 #include <optional>
 #include <set>
-#include <thread>
 #include <utility>
 
 #include "Platform/Runtime/KeyValueObserving.h"
@@ -183,25 +181,6 @@ TEST_F(RunningApplicationsObservationTest, AnOverflowOfEventsLosesNoLaunchAndNoE
   auto found = recorder->next(2);
   std::sort(found.begin(), found.end());
   EXPECT_EQ(found, (Strings{"+unseen", "-before"}));
-}
-
-TEST_F(RunningApplicationsObservationTest,
-       WithoutADescriptorToLookWithNothingIsToldUntilThereIsOne) {
-  observe();
-  const ChildProcess application = launch("a");
-  EXPECT_EQ(recorder->next(1), Strings{"+a"});
-  std::vector<std::ofstream> signs(50);
-  for (std::ofstream& sign : signs) sign.open(pathOfOnly());
-  rlimit limit{};
-  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
-  const rlimit none{0, limit.rlim_max};
-  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
-  for (std::ofstream& sign : signs) {
-    sign.close();
-    std::this_thread::yield();
-  }
-  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
-  settle();
 }
 
 TEST_F(RunningApplicationsObservationTest, EndsFromInsideItsOwnCall) {
