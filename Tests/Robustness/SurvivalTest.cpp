@@ -34,14 +34,19 @@ class Applications : public AgentTest {
   std::shared_ptr<EndPointHandler> handler = connect();
 };
 
-TEST_F(Applications, AreRegisteredWithEachNextAgentForWhatTheyStillOffer) {
+TEST_F(Applications, AreRegisteredWithEachNextAgentForWhatTheyStillOfferAndHoldNothingMore) {
+  const auto holds = [](std::size_t count) {
+    return eventually([&] { return TestSupport::openDescriptors(::getpid()) == count; });
+  };
   ChildProcess agent = startAgent();
-  const auto connection = handler->agentConnection();
+  const std::size_t atFirst = TestSupport::openDescriptors(::getpid());
+  const auto* const connection = handler->agentConnection().get();
   registers(listener->endpoint(), "removed"_text);
   handler->removeEndpoint("removed"_text);
   auto ended = NSXPCListener::anonymousListener();
   registers(ended->endpoint(), "ended"_text);
   ended.reset();
+  EXPECT_TRUE(holds(atFirst + 1)) << "the connection";
   const auto foreign = handler->retrieveEndpoint("ended"_text);
   ASSERT_TRUE(foreign && *foreign);
   registers(*foreign, "foreign"_text);
@@ -50,6 +55,7 @@ TEST_F(Applications, AreRegisteredWithEachNextAgentForWhatTheyStillOffer) {
   registers(other->endpoint(), "replaced"_text);
   for (int i = 0; i < 3; ++i) {
     kill(agent);
+    EXPECT_EQ(handler->registerEndpoint(other->endpoint(), "replaced"_text), std::nullopt);
     agent = startAgent();
     EXPECT_TRUE(eventually([] { return found("replaced"_text) != 0; }));
     EXPECT_EQ(found("replaced"_text), inode(other->endpoint()));
@@ -60,8 +66,12 @@ TEST_F(Applications, AreRegisteredWithEachNextAgentForWhatTheyStillOffer) {
          {"removed"_text, "ended"_text, "foreign"_text, "of a handle that went"_text}) {
       EXPECT_EQ(found(identifier), 0u) << identifier.utf8();
     }
+    EXPECT_TRUE(holds(atFirst + 2));
   }
-  EXPECT_EQ(handler->agentConnection(), connection);
+  EXPECT_EQ(handler->agentConnection().get(), connection);
+  kill(agent);
+  handler.reset();
+  EXPECT_TRUE(holds(atFirst + 1)) << "the foreign endpoint";
 }
 
 TEST_F(Applications, DoNotReplaceWhatOthersRegisteredMeanwhile) {
@@ -110,25 +120,6 @@ TEST_F(Applications, MayRegisterBeforeThereIsAnAgentAndAwakenIt) {
       startAgent("LISTEN_FDS=1 LISTEN_PID=$$ LISTEN_FDNAMES=" + agentAppBundleIdentifier.utf8() +
                  " exec \"$0\" 2>/dev/null 3<&" + std::to_string(inherited.get()));
   EXPECT_TRUE(eventually([&] { return found("waiting"_text) && found("asynchronous"_text); }));
-}
-
-TEST_F(Applications, HoldNothingMoreForBeingRegistered) {
-  const auto held = [] { return TestSupport::openDescriptors(::getpid()); };
-  ChildProcess agent = startAgent();
-  const std::size_t atFirst = held();
-  auto ended = NSXPCListener::anonymousListener();
-  registers(ended->endpoint(), "ended"_text);
-  registers(listener->endpoint(), "kept"_text);
-  ended.reset();
-  EXPECT_EQ(held(), atFirst + 1) << "the connection";
-  kill(agent);
-  EXPECT_EQ(handler->registerEndpoint(listener->endpoint(), "kept"_text), std::nullopt);
-  agent = startAgent();
-  EXPECT_TRUE(eventually([&] { return found("kept"_text) != 0; }));
-  EXPECT_TRUE(eventually([&] { return held() == atFirst + 1; }));
-  kill(agent);
-  handler.reset();
-  EXPECT_TRUE(eventually([&] { return held() == atFirst; }));
 }
 
 }  // namespace

@@ -19,22 +19,17 @@ std::string entry(const std::string& key, const std::string& value) {
 const std::string shortVersion = entry("CFBundleShortVersionString", "<string>2.4.1</string>");
 const std::string buildVersion = entry("CFBundleVersion", "<string> 311 </string>");
 
-class BundleVersion : public testing::Test {
- protected:
-  void write(const std::string& entries) {
-    std::ofstream(app_ / "Contents/Info.plist") << "<plist><dict>" << entries << "</dict></plist>";
-  }
-
-  TestSupport::PrivateRuntimeDirectory folder_;
-  const fs::path app_ = fs::path(folder_.path()) / "X.app";
-};
-
 // The application runs on while its information changes.
-TEST_F(BundleVersion, OfTheApplicationIsReadAfreshFromItsOwnBundle) {
-  fs::create_directories(app_ / "Contents/Linux");
-  fs::copy(GANTREL_BUILD_DIR "/Tests/test_display", app_ / "Contents/Linux/x");
+TEST(BundleVersion, OfTheApplicationIsReadAfreshFromItsOwnBundle) {
+  const TestSupport::PrivateRuntimeDirectory folder;
+  const fs::path contents = fs::path(folder.path()) / "X.app/Contents";
+  const auto write = [&](const std::string& entries) {
+    std::ofstream(contents / "Info.plist") << "<plist><dict>" << entries << "</dict></plist>";
+  };
+  fs::create_directories(contents / "Linux");
+  fs::copy(GANTREL_BUILD_DIR "/Tests/test_display", contents / "Linux/x");
   write(shortVersion + buildVersion + entry("CFBundleIdentifier", "<string>a.b</string>"));
-  TestSupport::ChildProcess application({app_ / "Contents/Linux/x"});
+  TestSupport::ChildProcess application({contents / "Linux/x"});
   const auto answer = [&](const char* question) {
     application.writeLine(question);
     return application.readLine();

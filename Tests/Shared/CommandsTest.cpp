@@ -12,13 +12,6 @@ namespace {
 using enum CommandState;
 using States = std::vector<CommandState>;
 
-class Commands : public testing::Test {
- protected:
-  Commands() { ::setenv("XDG_STATE_HOME", openers_.file("state").c_str(), 1); }
-
-  TestSupport::StandInOpeners openers_;
-};
-
 template <class Command>
 void expectStates(const States& expected) {
   Command command;
@@ -37,20 +30,22 @@ void expectStates(const States& expected) {
   EXPECT_EQ(updatable.state(), expected.back());
 }
 
-TEST_F(Commands, OpenWhatTheyNameAndGoThroughTheirStates) {
+TEST(Commands, OpenWhatTheyNameAndGoThroughTheirStates) {
+  TestSupport::StandInOpeners openers;
+  ::setenv("XDG_STATE_HOME", openers.file("state").c_str(), 1);
   expectStates<FeedbackAndSupportCommand>({executing, failed});
   expectStates<SendLogsToSupportCommand>({executing, failed});
-  EXPECT_EQ(openers_.arguments(), "") << "there is no opener";
-  openers_.add("xdg-open", "");
-  openers_.add("xdg-email", "");
+  EXPECT_EQ(openers.arguments(), "") << "there is no opener";
+  openers.add("xdg-open", "");
+  openers.add("xdg-email", "");
   OpenHelpCenterCommand().execute();
-  EXPECT_EQ(openers_.arguments(), "xdg-open|https://gantrel.example/help|");
+  EXPECT_EQ(openers.arguments(), "xdg-open|https://gantrel.example/help|");
   expectStates<FeedbackAndSupportCommand>({executing, finished});
-  EXPECT_EQ(openers_.arguments(), "xdg-open|https://gantrel.example/feedback|");
+  EXPECT_EQ(openers.arguments(), "xdg-open|https://gantrel.example/feedback|");
   expectStates<SupportCommand>({executing, finished});
-  EXPECT_EQ(openers_.arguments(),
+  EXPECT_EQ(openers.arguments(),
             "xdg-email|--utf8|--subject|Gantrel support|support@gantrel.example|");
-  openers_.add("xdg-email", "exit 3");
+  openers.add("xdg-email", "exit 3");
   expectStates<SupportCommand>({executing, failed});
 }
 

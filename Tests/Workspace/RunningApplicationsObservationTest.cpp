@@ -79,9 +79,8 @@ class RunningApplicationsObservationTest : public RunningApplicationsTest {
   void begin() {
     observation.emplace(recorder, recorder.get());
     ASSERT_TRUE(*observation);
-    for (const auto& application : observation->initialApplications()) {
-      recorder->alive.insert(application);
-    }
+    const auto initial = observation->initialApplications();
+    recorder->alive.insert(initial.begin(), initial.end());
   }
   void observe() {
     begin();
