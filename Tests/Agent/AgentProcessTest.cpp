@@ -1,6 +1,5 @@
 // Several processes: the agent as it is shipped, MainApp, and this one.
 
-#include <atomic>
 #include <filesystem>
 #include <fstream>
 #include <future>
@@ -114,10 +113,9 @@ TEST_F(Agents, ApplyRequestsSentWithoutWaitingInTheirOrder) {
   const auto listener = NSXPCListener::anonymousListener();
   constexpr int rounds = 500;
   std::latch answers(2 * rounds);
-  std::atomic<int> wrong = 0;
   const auto expectFound = [&](bool isThere) {
     handler->retrieveEndpoint("a"_text, [&, isThere](const std::optional<EndpointRef>& endpoint) {
-      wrong += endpoint.has_value() != isThere;
+      EXPECT_EQ(endpoint.has_value(), isThere);
       answers.count_down();
     });
   };
@@ -128,7 +126,6 @@ TEST_F(Agents, ApplyRequestsSentWithoutWaitingInTheirOrder) {
     expectFound(false);
   }
   answers.wait();
-  EXPECT_EQ(wrong, 0);
 }
 
 TEST_F(Agents, ServeOnlyOneForANameAndMakeRoomWhenKilled) {
@@ -176,9 +173,6 @@ TEST_F(Agents, LeaveNobodyWaitingWhenTheyGo) {
   EXPECT_EQ(waiting.get(), std::nullopt);
   EXPECT_EQ(told.get_future().get(), NSXPCConnectionError::interrupted);
   EXPECT_EQ(handler->retrieveEndpoint("a"_text), std::nullopt);
-  // The same handle reaches the next agent.
-  agent = startAgent();
-  EXPECT_TRUE(handler->retrieveEndpoint("a"_text));
 }
 
 TEST_F(Agents, AreExplainedToPeopleByTheExamples) {

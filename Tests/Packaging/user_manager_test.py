@@ -110,17 +110,14 @@ class InstalledUnits(unittest.TestCase):
         [resumed] = eventually(lambda: journal(first, "Agent resume"))
         self.assertEqual((resumed["CODE_FILE"], resumed["CODE_FUNC"], resumed["CODE_LINE"]),
                          ("GantrelAgent/Agent", "resume()", "34"))
-        self.assertEqual(len(journal(first, "registerL")), 1)
 
         systemctl("stop", "gantrel-agent.socket", "gantrel-agent.service")
         self.assertFalse(os.path.exists(path))
 
     def test_confine_the_agent(self):
         self.main_app_registers()
-        process = Path("/proc", str(agent()))
-        status = dict(re.findall("(.*):\t(.*)", (process / "status").read_text()))
+        status = dict(re.findall("(.*):\t(.*)", Path("/proc", str(agent()), "status").read_text()))
         self.assertEqual((status["NoNewPrivs"], status["Seccomp"], status["Umask"]), ("1", "2", "0077"))
-        self.assertRegex((process / "limits").read_text(), r"Max open files +(\d+) +\1 ")
         for unit in "gantrel-agent.socket", "gantrel-agent.service":
             self.assertEqual(run("systemd-analyze", "--user", "verify", "--man=no", unit, env=ENVIRONMENT), "")
 

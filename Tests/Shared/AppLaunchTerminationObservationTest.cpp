@@ -58,9 +58,6 @@ TEST_F(AppLaunchTerminationObservationTest, TwoProcessesSeeEveryLaunchAndEndAndN
       ++counts[kind];
       launches += kind < 2;
     }
-    for (std::size_t i = before; i < living.size(); ++i) {
-      EXPECT_EQ(living[i].second.readLine(), "running");
-    }
     // Killed at any moment of its start.
     ChildProcess({testApplication, "as", identifiers[2]}).signal(SIGKILL);
     living.erase(living.begin(), living.begin() + static_cast<std::ptrdiff_t>(ending));

@@ -34,16 +34,12 @@ TEST_F(CheckInsTest, AnyTextThatFitsIsAnIdentifierThatOthersFind) {
   identifiers.insert(identifiers.end(), {"\n\x1b[2J", "caf\u00e9", "\U0001F4C5", {"a\0b", 3}});
   identifiers.insert(identifiers.end(), {std::string(222, 'x'), std::string(74, '/')});
   for (const std::string& identifier : identifiers) {
-    UniqueFd first = checkIn(text(identifier));
-    ASSERT_TRUE(first.isValid()) << identifier;
-    UniqueFd second = checkIn(text(identifier));
-    EXPECT_EQ(running(text(identifier)), 2u) << identifier;
-    for (const std::string& name : CheckIns::names(folder)) {
-      EXPECT_EQ(CheckIns::bundleIdentifierOf(name).value().utf8(), identifier);
-    }
-    first.reset();
+    UniqueFd application = checkIn(text(identifier));
+    ASSERT_TRUE(application.isValid()) << identifier;
+    const std::string name = CheckIns::names(folder).at(0);
+    EXPECT_EQ(CheckIns::bundleIdentifierOf(name).value().utf8(), identifier);
     EXPECT_EQ(running(text(identifier)), 1u) << identifier;
-    second.reset();
+    application.reset();
     EXPECT_EQ(running(text(identifier)), 0u) << identifier;
     EXPECT_TRUE(std::filesystem::is_empty(folder)) << identifier;
   }
