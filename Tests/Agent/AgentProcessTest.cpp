@@ -42,10 +42,6 @@ void expectRefusal(const std::vector<std::string>& environment = {}) {
   EXPECT_TRUE(isOneLine(written) && written.find("Agent init ") != std::string::npos) << written;
 }
 
-Text text(std::string bytes) {
-  return *Text::fromUtf8(std::move(bytes));
-}
-
 class Agents : public AgentTest {};
 
 TEST_F(Agents, BringTwoApplicationsTogetherAndAreThenNotNeeded) {
@@ -60,11 +56,9 @@ TEST_F(Agents, BringTwoApplicationsTogetherAndAreThenNotNeeded) {
   connection->resume();
   const auto proxy = connection->synchronousRemoteObjectProxyWithErrorHandler<Communication>(
       [](auto) { ADD_FAILURE() << "no answer"; });
-  proxy->openMeetingWithId(text("cafe\u0301"));
-  std::optional<std::vector<Meeting>> meetings;
-  proxy->fetchUpcomingMeetings([&](Value value) { meetings = meetingsFromValue(value); });
-  ASSERT_TRUE(meetings);
-  EXPECT_EQ(meetings->size(), 3u);
+  proxy->openMeetingWithId("cafe\u0301"_text);
+  proxy->fetchUpcomingMeetings(
+      [](const Value& value) { EXPECT_EQ(meetingsFromValue(value).value().size(), 3u); });
   EXPECT_EQ(application.readLine(), "opens meeting cafe\u0301: Coffee with the design team");
   agent.signal(SIGCONT);
 
@@ -81,12 +75,16 @@ TEST_F(Agents, KeepOneEndpointPerIdentifierWhateverTheIdentifier) {
   const std::size_t large = TestSupport::isSanitized ? 1 << 20 : 10 << 20;
   std::string misordered = "a";
   while (misordered.size() < large) misordered += "\u0301\u0323";
-  const std::string texts[] = {
-      "",          "Notes",         "notes",         "line\nbreak \x1b[31m",
-      "caf\u00e9", {"nul\0one", 7}, {"nul\0two", 7}, std::string(large, 'x'),
-      misordered};
-  for (const std::string& bytes : texts) {
-    const Text identifier = text(bytes);
+  const Text identifiers[] = {""_text,
+                              "Notes"_text,
+                              "notes"_text,
+                              "line\nbreak \x1b[31m"_text,
+                              "caf\u00e9"_text,
+                              "nul\0one"_text,
+                              "nul\0two"_text,
+                              *Text::fromUtf8(std::string(large, 'x')),
+                              *Text::fromUtf8(misordered)};
+  for (const Text& identifier : identifiers) {
     EXPECT_EQ(found(identifier), 0u);
     for (const auto& listener : listeners) {
       EXPECT_EQ(handler->registerEndpoint(listener->endpoint(), identifier), true);
@@ -94,9 +92,9 @@ TEST_F(Agents, KeepOneEndpointPerIdentifierWhateverTheIdentifier) {
     }
   }
   EXPECT_NE(found("cafe\u0301"_text), 0u);
-  for (const std::string& bytes : texts) {
-    for (int twice = 0; twice < 2; ++twice) handler->removeEndpoint(text(bytes));
-    EXPECT_EQ(*handler->retrieveEndpoint(text(bytes)), nullptr);
+  for (const Text& identifier : identifiers) {
+    for (int twice = 0; twice < 2; ++twice) handler->removeEndpoint(identifier);
+    EXPECT_EQ(*handler->retrieveEndpoint(identifier), nullptr);
   }
   agent.signal(SIGTERM);
   const std::string log = agent.readAllErrors();

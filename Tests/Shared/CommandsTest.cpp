@@ -16,7 +16,6 @@ template <class Command>
 void expectStates(const States& expected) {
   Command command;
   EXPECT_EQ(command.state(), none);
-  EXPECT_EQ(command.stateUpdated(), nullptr);
   States states;
   StateUpdatableCommandProtocol& updatable = command;
   const std::function<void(CommandState)> told = [&](CommandState state) {

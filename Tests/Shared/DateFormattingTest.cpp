@@ -110,17 +110,19 @@ TEST_F(DateFormatting, IsInTheTimeZoneOfTheMoment) {
 
 // Without descriptions of settings, a bus, or a place for them.
 TEST_F(DateFormatting, FollowsTheLocaleSilentlyWithoutADesktop) {
-  for (const std::string variables :
-       {"XDG_DATA_DIRS=/nowhere",
-        "GSETTINGS_BACKEND=dconf DBUS_SESSION_BUS_ADDRESS=unix:path=/nowhere",
-        "HOME=/proc/nowhere XDG_CONFIG_HOME= XDG_CACHE_HOME= XDG_RUNTIME_DIR="}) {
-    TestSupport::ChildProcess application({"sh", "-c",
-                                           "env LC_ALL=en_GB GSETTINGS_BACKEND= " + variables +
-                                               " " GANTREL_BUILD_DIR "/Tests/test_display"});
+  const std::vector<std::string> surroundings[] = {
+      {"XDG_DATA_DIRS=/nowhere"},
+      {"GSETTINGS_BACKEND=dconf", "DBUS_SESSION_BUS_ADDRESS=unix:path=/nowhere"},
+      {"HOME=/proc/nowhere", "XDG_CONFIG_HOME=", "XDG_CACHE_HOME=", "XDG_RUNTIME_DIR="}};
+  ::setenv("GSETTINGS_BACKEND", "", 1);
+  setLocale("en_GB");
+  for (const auto& variables : surroundings) {
+    SCOPED_TRACE(variables.front());
+    TestSupport::ChildProcess application({GANTREL_BUILD_DIR "/Tests/test_display"}, variables);
     application.writeLine("time");
-    EXPECT_EQ(application.readLine(), "14:07") << variables;
+    EXPECT_EQ(application.readLine(), "14:07");
     application.closeInput();
-    EXPECT_EQ(application.readAllErrors(), "") << variables;
+    EXPECT_EQ(application.readAllErrors(), "");
   }
 }
 

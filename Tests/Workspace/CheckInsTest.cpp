@@ -102,12 +102,5 @@ TEST_F(CheckInsTest, NothingIsTakenForGoneWithoutADescriptorToLookWith) {
   EXPECT_EQ(presence, CheckIns::Presence::unknown);
 }
 
-TEST_F(CheckInsTest, WithoutARuntimeDirectoryNothingRuns) {
-  std::filesystem::permissions(runtime.path(), std::filesystem::perms::others_exec,
-                               std::filesystem::perm_options::add);
-  EXPECT_FALSE(checkIn("a"_text).isValid());
-  EXPECT_EQ(running("a"_text), 0u);
-}
-
 }  // namespace
 }  // namespace Platform

@@ -109,7 +109,7 @@ TEST_F(RunningApplicationsObservationTest, TellsOfProcessesThatLaunchAndEndInWha
   EXPECT_EQ(gathered, (Strings{"+late", "-between"}));
   ChildProcess second = launch("late");
   EXPECT_EQ(recorder->next(1), Strings{"+late"});
-  finish(late);
+  late.closeInput();
   EXPECT_EQ(recorder->next(1), Strings{"-late"});
   kill(second);
   EXPECT_EQ(recorder->next(1), Strings{"-late"});

@@ -55,18 +55,16 @@ int main(int argc, char** argv) {
     waitForEndOfInput();
     return 0;
   }
+  UniqueFd checkIn;
+  bool isRunning = false;
   if (mode.empty()) {
     const auto current = NSRunningApplication::currentApplication();
-    say(current && current == NSRunningApplication::currentApplication() ? "running" : "none");
-    waitForEndOfInput();
-    return 0;
+    isRunning = current && current == NSRunningApplication::currentApplication();
+  } else {
+    checkIn = CheckIns::checkIn(Text::fromUtf8(argv[2]).value());
+    isRunning = checkIn.isValid();
   }
-  const UniqueFd checkIn = CheckIns::checkIn(Text::fromUtf8(argv[2]).value());
-  if (mode == "fork" && ::fork() == 0) {
-    waitForEndOfInput();
-    ::_exit(0);
-  }
-  say(checkIn.isValid() ? "running" : "none");
+  const bool isChild = mode == "fork" && ::fork() == 0;
+  if (!isChild) say(isRunning ? "running" : "none");
   waitForEndOfInput();
-  return 0;
 }
