@@ -72,18 +72,14 @@ TEST_F(Agents, KeepOneEndpointPerIdentifierWhateverTheIdentifier) {
   ChildProcess agent = startAgent("exec \"$0\"");
   const auto handler = connect();
   const auto listeners = {NSXPCListener::anonymousListener(), NSXPCListener::anonymousListener()};
-  const std::size_t large = TestSupport::isSanitized ? 1 << 20 : 10 << 20;
+  const std::size_t size = TestSupport::isSanitized ? 1 << 20 : 10 << 20;
   std::string misordered = "a";
-  while (misordered.size() < large) misordered += "\u0301\u0323";
-  const Text identifiers[] = {""_text,
-                              "Notes"_text,
-                              "notes"_text,
-                              "line\nbreak \x1b[31m"_text,
-                              "caf\u00e9"_text,
-                              "nul\0one"_text,
-                              "nul\0two"_text,
-                              *Text::fromUtf8(std::string(large, 'x')),
-                              *Text::fromUtf8(misordered)};
+  while (misordered.size() < size) misordered += "\u0301\u0323";
+  std::vector<Text> identifiers = {""_text, "line\nbreak \x1b[31m"_text, "caf\u00e9"_text};
+  for (const std::string& large : {std::string(size, 'x'), misordered}) {
+    identifiers.push_back(*Text::fromUtf8(large));
+  }
+  identifiers.insert(identifiers.end(), {"a"_text, "A"_text, "nul\0one"_text, "nul\0two"_text});
   for (const Text& identifier : identifiers) {
     EXPECT_EQ(found(identifier), 0u);
     for (const auto& listener : listeners) {

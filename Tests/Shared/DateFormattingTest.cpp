@@ -141,7 +141,6 @@ TEST_F(DateFormatting, FollowsTheClockThatTheUserChoseInEveryLocale) {
       EXPECT_FALSE(compactDayNameDateAndTimeForMenuIconApp(afternoon).isEmpty()) << name;
     }
   }
-  EXPECT_GT(count, 500);
   EXPECT_EQ(withoutMarker, std::set<std::string>{"fr_CM"}) << "its 12-hour pattern is only \"h\"";
 }
 
