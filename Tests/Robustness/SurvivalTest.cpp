@@ -1,6 +1,5 @@
 // The agent ends and comes back; what applications offer is there again.
 
-#include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
