@@ -32,20 +32,19 @@ class ExternalProject(unittest.TestCase):
         cls.told = [line for line in console.splitlines() if not line.startswith("$")]
 
     def assert_that_they_find_each_other(self, folder):
-        with tempfile.TemporaryDirectory() as runtime_directory:
-            environment = {**os.environ, "XDG_RUNTIME_DIR": runtime_directory}
-            executable = PREFIX / "lib/gantrel/GantrelAgent.app/Contents/Linux/GantrelAgent"
-            with subprocess.Popen([executable], env=environment, stderr=subprocess.DEVNULL) as agent:
-                self.addCleanup(agent.kill)
-                eventually(lambda: os.path.exists(socket_path(runtime_directory)))
-                with subprocess.Popen([folder / "offer"], env=environment, stdout=subprocess.PIPE,
-                                      text=True) as offer:
-                    self.addCleanup(offer.kill)
-                    registered = offer.stdout.readline()
-                    answer = run(folder / "ask", env=environment)
-                    offer.kill()
-                agent.kill()
-        self.assertEqual((registered + answer).splitlines(), self.told)
+        runtime_directory = self.enterContext(tempfile.TemporaryDirectory())
+        environment = {**os.environ, "XDG_RUNTIME_DIR": runtime_directory}
+
+        def start(program):
+            process = self.enterContext(subprocess.Popen([program], env=environment, text=True,
+                                                         stdout=subprocess.PIPE, stderr=subprocess.DEVNULL))
+            self.addCleanup(process.kill)
+            return process
+
+        start(PREFIX / "lib/gantrel/GantrelAgent.app/Contents/Linux/GantrelAgent")
+        eventually(lambda: os.path.exists(socket_path(runtime_directory)))
+        registered = start(folder / "offer").stdout.readline()
+        self.assertEqual((registered + run(folder / "ask", env=environment)).splitlines(), self.told)
 
     def test_builds_with_find_package(self):
         build = self.folder / "build"
@@ -65,11 +64,9 @@ class ExternalProject(unittest.TestCase):
         compiler = ["g++", "-std=c++20", "-fsyntax-only", "-Wall", "-Wextra", "-Wpedantic", "-Werror",
                     *flags("--cflags"), "-x", "c++", "-include"]
         with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
-            for _ in pool.map(lambda header: run(*compiler, header, os.devnull), headers):
-                pass
+            list(pool.map(lambda header: run(*compiler, header, os.devnull), headers))
         for header in headers:
-            shown = re.findall("#include (<.*[./].*>)", header.read_text())
-            self.assertEqual(shown, [], header)
+            self.assertNotRegex(header.read_text(), "#include <.*[./].*>")
 
     def test_is_given_the_version_that_both_histories_tell_of(self):
         """The version's one home is CMakeLists.txt; the histories that name it must not fall behind."""

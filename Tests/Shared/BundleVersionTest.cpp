@@ -17,48 +17,34 @@ std::string entry(const std::string& key, const std::string& value) {
   return "<key>" + key + "</key>" + value;
 }
 const std::string shortVersion = entry("CFBundleShortVersionString", "<string>2.4.1</string>");
-const std::string buildVersion = entry("CFBundleVersion", "<string>311</string>");
-
-class BundleVersion : public testing::Test {
- protected:
-  BundleVersion() { fs::create_directories(app_ / "Contents/Linux"); }
-
-  void write(const std::string& entries) {
-    std::ofstream(app_ / "Contents/Info.plist") << "<plist><dict>" << entries << "</dict></plist>";
-  }
-
-  TestSupport::PrivateRuntimeDirectory folder_;
-  const fs::path app_ = fs::path(folder_.path()) / "X.app";
-};
-
-TEST_F(BundleVersion, IsTheTextUnderItsKeyOrNone) {
-  const NSBundle bundle(app_.string());
-  EXPECT_EQ(bundleVersion(bundle), std::nullopt) << "no Info.plist";
-  write(entry("CFBundleVersion", "<real>2.4</real>") + shortVersion);
-  EXPECT_EQ(bundleVersion(bundle), std::nullopt);
-  EXPECT_EQ(bundleShortVersion(bundle), "2.4.1"_text);
-  write(entry("CFBundleVersion", "<string> 3\n</string>"));
-  EXPECT_EQ(bundleVersion(bundle), " 3\n"_text);
-  write("<broken>");
-  EXPECT_EQ(bundleVersion(bundle), std::nullopt);
-}
+const std::string buildVersion = entry("CFBundleVersion", "<string> 311 </string>");
 
 // The application runs on while its information changes.
-TEST_F(BundleVersion, OfTheApplicationIsReadAfreshFromItsOwnBundle) {
-  fs::copy(GANTREL_BUILD_DIR "/Tests/test_display", app_ / "Contents/Linux/x");
+TEST(BundleVersion, OfTheApplicationIsReadAfreshFromItsOwnBundle) {
+  const TestSupport::PrivateRuntimeDirectory folder;
+  const fs::path contents = fs::path(folder.path()) / "X.app/Contents";
+  const auto write = [&](const std::string& entries) {
+    std::ofstream(contents / "Info.plist") << "<plist><dict>" << entries << "</dict></plist>";
+  };
+  fs::create_directories(contents / "Linux");
+  fs::copy(GANTREL_BUILD_DIR "/Tests/test_display", contents / "Linux/x");
   write(shortVersion + buildVersion + entry("CFBundleIdentifier", "<string>a.b</string>"));
-  TestSupport::ChildProcess application({app_ / "Contents/Linux/x"});
+  TestSupport::ChildProcess application({contents / "Linux/x"});
   const auto answer = [&](const char* question) {
     application.writeLine(question);
     return application.readLine();
   };
-  EXPECT_EQ(answer("version"), "2.4.1 (311)");
+  EXPECT_EQ(answer("version"), "2.4.1 ( 311 )");
   EXPECT_EQ(answer("identifier"), "a.b");
   write(entry("CFBundleShortVersionString", "<string/>") + entry("CFBundleVersion", "<string/>"));
   EXPECT_EQ(answer("version"), " ()");
   EXPECT_EQ(answer("identifier"), "none");
-  write(buildVersion);
-  EXPECT_EQ(answer("version"), "none");
+  for (const std::string& entries :
+       {shortVersion, buildVersion, shortVersion + entry("CFBundleVersion", "<real>2.4</real>"),
+        shortVersion + buildVersion + "<broken>"}) {
+    write(entries);
+    EXPECT_EQ(answer("version"), "none") << entries;
+  }
 }
 
 }  // namespace

@@ -2,14 +2,13 @@
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
-#include <unicode/dtptngen.h>
+#include <unicode/locid.h>
 
-#include <atomic>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <limits>
-#include <memory>
 #include <set>
 #include <thread>
 
@@ -56,22 +55,17 @@ NSDate at(int year, unsigned month, unsigned day, int hour = 12, int minute = 0)
 const NSDate afternoon = at(2016, 3, 5, 14, 7);
 
 TEST_F(DateFormatting, FollowsTheLocale) {
-  const NSDate morning = at(2016, 3, 5, 9, 5);
   const NSDate midnight = at(2016, 3, 5, 0, 5);
-  const NSDate noon = at(2016, 3, 15, 12, 0);
   const std::tuple<const char*, NSDate, const char*, const char*, const char*> cases[] = {
       {"en_US", afternoon, "Sat 05 Mar, 2:07 PM", "5 Mar, 2:07 PM", "2:07 PM"},
       {"en_US", midnight, "Sat 05 Mar, 12:05 AM", "5 Mar, 12:05 AM", "12:05 AM"},
-      {"en_US", noon, "Tue 15 Mar, 12:00 PM", "15 Mar, 12:00 PM", "12:00 PM"},
-      {"en_GB", afternoon, "Sat 05 Mar, 14:07", "5 Mar, 14:07", "14:07"},
-      {"en_GB", morning, "Sat 05 Mar, 09:05", "5 Mar, 09:05", "09:05"},
       {"en_GB", midnight, "Sat 05 Mar, 00:05", "5 Mar, 00:05", "00:05"},
       {"ar_EG", afternoon, "السبت ٠٥ مارس, ٢:٠٧ م", "٥ مارس, ٢:٠٧ م", "٢:٠٧ م"},
-      {"th_TH", afternoon, "ส. 05 มี.ค., 14:07", "5 มี.ค., 14:07", "14:07"},
       {"fa_IR", afternoon, "شنبه ۱۵ اسفند, ۱۴:۰۷", "۱۵ اسفند, ۱۴:۰۷", "۱۴:۰۷"},
-      {"zh_TW", afternoon, "週六 05 3月, 2:07 下午", "5 3月, 2:07 下午", "2:07 下午"},
       {"fr_CM", afternoon, "sam. 05 mars, 14:07", "5 mars, 14:07", "14:07"},
       {"sr_RS.UTF-8@latin", afternoon, "sub 05 mar, 14:07", "5 mar, 14:07", "14:07"},
+      {"C.UTF-8", afternoon, "Sat 05 Mar, 2:07 PM", "5 Mar, 2:07 PM", "2:07 PM"},
+      {"xx_YY.UTF-8", afternoon, "Sat 05 Mar, 2:07 PM", "5 Mar, 2:07 PM", "2:07 PM"},
   };
   for (const auto& [locale, date, menu, dayMonth, time] : cases) {
     setLocale(locale);
@@ -80,33 +74,15 @@ TEST_F(DateFormatting, FollowsTheLocale) {
     EXPECT_EQ(hhmm(date).utf8(), time) << locale;
     EXPECT_EQ(compactDayNameAndDateString(at(2016, 3, 5)).utf8(), "Saturday  5 March, 2016");
   }
-  for (const char* const unknown : {"C", "C.UTF-8", "xx_YY.UTF-8"}) {
-    setLocale(unknown);
-    EXPECT_EQ(dMMMhhmm(afternoon).utf8(), "5 Mar, 2:07 PM") << unknown;
-  }
 }
 
-// The week's year is that of its Saturday.
-TEST_F(DateFormatting, WritesTheYearOfTheWeek) {
-  using namespace std::chrono;
-  for (int year = 1901; year <= 2300; ++year) {
-    for (int day = -7; day < 3; ++day) {
-      const sys_days date = sys_days(std::chrono::year(year) / January / 1) + days(day);
-      const sys_days saturday = date + (Saturday - weekday(date));
-      const int weekYear = static_cast<int>(year_month_day(saturday).year());
-      const std::string text =
-          compactDayNameAndDateString({static_cast<double>(date.time_since_epoch() / 1s)}).utf8();
-      ASSERT_EQ(text.substr(text.size() - 6), ", " + std::to_string(weekYear)) << text;
-    }
-  }
-}
-
-TEST_F(DateFormatting, ReachesFarAndNoFurther) {
+TEST_F(DateFormatting, WritesTheYearOfTheWeekAsFarAsTheCalendarReaches) {
   const std::pair<NSTimeInterval, const char*> cases[] = {
-      {-0.25, "Wednesday  31 December, 1970"},  // in the last week of 1969, which is 1970's first
-      {4133894400, "Friday  31 December, 2101"},
+      {1451088000, "Saturday  26 December, 2015"},
+      {1451174400, "Sunday  27 December, 2016"},  // the week's year is that of its Saturday
+      {1483228800, "Sunday  1 January, 2017"},
+      {-0.25, "Wednesday  31 December, 1970"},
       {-12219292801, "Thursday  4 October, 1582"},  // the last day of the calendar before
-      {-62167219200, "Saturday  3 January, 0000"},  // 1 BC
       {-62198755200.0 - 86400 * 900, "Monday  17 July, -0004"},
   };
   for (const auto& [seconds, text] : cases) {
@@ -122,7 +98,6 @@ TEST_F(DateFormatting, IsInTheTimeZoneOfTheMoment) {
   const std::tuple<const char*, NSDate, const char*> cases[] = {
       {"Europe/Berlin", at(2016, 3, 27, 0, 59), "27 Mar, 01:59"},
       {"Europe/Berlin", at(2016, 3, 27, 1, 0), "27 Mar, 03:00"},
-      {"Europe/Berlin", at(2016, 10, 30, 1, 0), "30 Oct, 02:00"},
       {":Asia/Kathmandu", at(2016, 3, 5, 18, 30), "6 Mar, 00:15"},
       {"No/Such", at(2016, 3, 5), "5 Mar, 12:00"},
   };
@@ -132,74 +107,56 @@ TEST_F(DateFormatting, IsInTheTimeZoneOfTheMoment) {
   }
 }
 
-TEST_F(DateFormatting, FollowsTheClockThatTheUserChose) {
-  setLocale("en_GB");
-  setClock("12h");
-  EXPECT_EQ(dMMMhhmm(afternoon).utf8(), "5 Mar, 2:07 pm");
-  setClock(nullptr);
-  EXPECT_EQ(hhmm(afternoon).utf8(), "14:07");
-  setLocale("en_US");
-  setClock("24h");
-  EXPECT_EQ(compactDayNameDateAndTimeForMenuIconApp(at(2016, 3, 5, 0, 5)).utf8(),
-            "Sat 05 Mar, 00:05");
-}
-
 // Without descriptions of settings, a bus, or a place for them.
 TEST_F(DateFormatting, FollowsTheLocaleSilentlyWithoutADesktop) {
-  for (const std::string variables :
-       {"XDG_DATA_DIRS=/nowhere",
-        "GSETTINGS_BACKEND=dconf DBUS_SESSION_BUS_ADDRESS=unix:path=/nowhere",
-        "HOME=/proc/nowhere XDG_CONFIG_HOME= XDG_CACHE_HOME= XDG_RUNTIME_DIR="}) {
-    TestSupport::ChildProcess application({"sh", "-c",
-                                           "env LC_ALL=en_GB GSETTINGS_BACKEND= " + variables +
-                                               " " GANTREL_BUILD_DIR "/Tests/test_display"});
+  const std::vector<std::string> surroundings[] = {
+      {"XDG_DATA_DIRS=/nowhere"},
+      {"GSETTINGS_BACKEND=dconf", "DBUS_SESSION_BUS_ADDRESS=unix:path=/nowhere"},
+      {"HOME=/proc/nowhere", "XDG_CONFIG_HOME=", "XDG_CACHE_HOME=", "XDG_RUNTIME_DIR="}};
+  ::setenv("GSETTINGS_BACKEND", "", 1);
+  setLocale("en_GB");
+  for (const auto& variables : surroundings) {
+    SCOPED_TRACE(variables.front());
+    TestSupport::ChildProcess application({GANTREL_BUILD_DIR "/Tests/test_display"}, variables);
     application.writeLine("time");
-    EXPECT_EQ(application.readLine(), "14:07") << variables;
+    EXPECT_EQ(application.readLine(), "14:07");
     application.closeInput();
-    EXPECT_EQ(application.readAllErrors(), "") << variables;
+    EXPECT_EQ(application.readAllErrors(), "");
   }
 }
 
-TEST_F(DateFormatting, WritesEveryLocaleOnEveryClock) {
+TEST_F(DateFormatting, FollowsTheClockThatTheUserChoseInEveryLocale) {
   std::int32_t count = 0;
   const icu::Locale* const locales = icu::Locale::getAvailableLocales(count);
   std::set<std::string> withoutMarker;
-  for (std::int32_t i = 0; i < count; ++i) {
-    const char* const name = locales[i].getName();
-    setLocale(name);
-    setClock(nullptr);
-    UErrorCode status = U_ZERO_ERROR;
-    const std::unique_ptr<icu::DateTimePatternGenerator> generator(
-        icu::DateTimePatternGenerator::createInstance(locales[i], status));
-    const bool marker = generator->getBestPattern("j", status).indexOf(u'a') >= 0;
-    EXPECT_EQ(isAMPMFormat(), marker) << name;
-    for (const char* const clock : {"12h", "24h"}) {
-      setClock(clock);
-      if (isAMPMFormat() != (clock == std::string("12h"))) withoutMarker.insert(name);
-      EXPECT_FALSE(hhmm(afternoon).isEmpty() || dMMMhhmm(afternoon).isEmpty()) << name;
+  for (const std::string clock : {"12h", "24h"}) {
+    setClock(clock.c_str());
+    setLocale("en_GB");
+    EXPECT_EQ(hhmm(afternoon).utf8(), clock == "12h" ? "2:07 pm" : "14:07");
+    for (std::int32_t i = 0; i < count; ++i) {
+      const char* const name = locales[i].getName();
+      setLocale(name);
+      if (isAMPMFormat() != (clock == "12h")) withoutMarker.insert(name);
       EXPECT_FALSE(compactDayNameDateAndTimeForMenuIconApp(afternoon).isEmpty()) << name;
     }
   }
-  EXPECT_GT(count, 500);
   EXPECT_EQ(withoutMarker, std::set<std::string>{"fr_CM"}) << "its 12-hour pattern is only \"h\"";
 }
 
 TEST_F(DateFormatting, IsRightOnManyThreadsWhileTheClockChanges) {
   setLocale("en_US");
-  std::atomic<bool> wrong = false;
-  std::atomic<int> running = 8;
-  std::vector<std::jthread> threads;
+  const std::jthread desktop([](const std::stop_token& stop) {
+    for (bool even = true; !stop.stop_requested(); even = !even) setClock(even ? "24h" : "12h");
+  });
+  std::vector<std::future<void>> threads;
   for (int i = 0; i < 8; ++i) {
-    threads.emplace_back([&] {
+    threads.push_back(std::async(std::launch::async, [] {
       for (int call = 0; call < 100; ++call) {
         const Text time = hhmm(afternoon);
-        if (time != "2:07 PM"_text && time != "14:07"_text) wrong = true;
+        EXPECT_TRUE(time == "2:07 PM"_text || time == "14:07"_text) << time.utf8();
       }
-      --running;
-    });
+    }));
   }
-  for (bool even = true; running > 0; even = !even) setClock(even ? "24h" : "12h");
-  EXPECT_FALSE(wrong);
 }
 
 }  // namespace

@@ -1,10 +1,12 @@
 #include "Platform/Workspace/CheckIns.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <fstream>
+#include <sstream>
 #include <vector>
 
 #include "Platform/Workspace/NSRunningApplication.h"
@@ -32,16 +34,12 @@ TEST_F(CheckInsTest, AnyTextThatFitsIsAnIdentifierThatOthersFind) {
   identifiers.insert(identifiers.end(), {"\n\x1b[2J", "caf\u00e9", "\U0001F4C5", {"a\0b", 3}});
   identifiers.insert(identifiers.end(), {std::string(222, 'x'), std::string(74, '/')});
   for (const std::string& identifier : identifiers) {
-    UniqueFd first = checkIn(text(identifier));
-    ASSERT_TRUE(first.isValid()) << identifier;
-    UniqueFd second = checkIn(text(identifier));
-    EXPECT_EQ(running(text(identifier)), 2u) << identifier;
-    for (const std::string& name : CheckIns::names(folder)) {
-      EXPECT_EQ(CheckIns::bundleIdentifierOf(name).value().utf8(), identifier);
-    }
-    first.reset();
+    UniqueFd application = checkIn(text(identifier));
+    ASSERT_TRUE(application.isValid()) << identifier;
+    const std::string name = CheckIns::names(folder).at(0);
+    EXPECT_EQ(CheckIns::bundleIdentifierOf(name).value().utf8(), identifier);
     EXPECT_EQ(running(text(identifier)), 1u) << identifier;
-    second.reset();
+    application.reset();
     EXPECT_EQ(running(text(identifier)), 0u) << identifier;
     EXPECT_TRUE(std::filesystem::is_empty(folder)) << identifier;
   }
@@ -62,27 +60,16 @@ TEST_F(CheckInsTest, StrangersFilesNeverCountAndStayAsTheyWere) {
   };
   ASSERT_EQ(::mkfifo(at("a@$").c_str(), 0600) + ::mkfifo(at(".$").c_str(), 0600), 0);
   ASSERT_EQ(::mkdir(at("d@$").c_str(), 0700) + ::symlink(real.c_str(), at("c@$").c_str()), 0);
-  const std::string badNames[] = {"a",
-                                  "@",
-                                  "a@0",
-                                  "a@$0",
-                                  "a@$@",
-                                  "%61@$",
-                                  ".a@$",
-                                  "%2f@$",
-                                  "%4@$",
-                                  "%zz@$",
-                                  "%FF@$",
-                                  "\xff@$",
-                                  std::string(255, 'x')};
-  for (const std::string& name : badNames) {
+  std::istringstream badNames("a @ a@0 a@$0 a@$@ %61@$ .a@$ %2f@$ %4@$ %zz@$ %FF@$ \xff@$ " +
+                              std::string(255, 'x'));
+  std::ptrdiff_t files = 5;
+  for (std::string name; badNames >> name; ++files) {
     ASSERT_TRUE(std::ofstream(at(name))) << name;
     EXPECT_FALSE(CheckIns::bundleIdentifierOf(std::filesystem::path(at(name)).filename().native()));
   }
   EXPECT_EQ(running("a"_text), 1u);
   EXPECT_EQ(running("c"_text) + running("d"_text), 0u);
-  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder), {}),
-            static_cast<std::ptrdiff_t>(5 + std::size(badNames)));
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder), {}), files);
 
   // Of our own form and not locked: what ended applications have left.
   std::filesystem::remove(at(".$"));
@@ -103,11 +90,16 @@ TEST_F(CheckInsTest, AnApplicationIsItsBundleAndWithoutOneChecksInNowhere) {
   EXPECT_EQ(running("com.example.T"_text), 1u);
 }
 
-TEST_F(CheckInsTest, WithoutARuntimeDirectoryNothingRuns) {
-  std::filesystem::permissions(runtime.path(), std::filesystem::perms::others_exec,
-                               std::filesystem::perm_options::add);
-  EXPECT_FALSE(checkIn("a"_text).isValid());
-  EXPECT_EQ(running("a"_text), 0u);
+TEST_F(CheckInsTest, NothingIsTakenForGoneWithoutADescriptorToLookWith) {
+  const UniqueFd application = checkIn("a"_text);
+  const std::string name = CheckIns::names(folder).at(0);
+  rlimit limit{};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
+  const rlimit none{0, limit.rlim_max};
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+  const auto presence = CheckIns::presence(folder, name);
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
+  EXPECT_EQ(presence, CheckIns::Presence::unknown);
 }
 
 }  // namespace

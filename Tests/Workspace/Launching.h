@@ -31,9 +31,4 @@ inline void kill(ChildProcess& application) {
   application.wait();
 }
 
-inline void finish(ChildProcess& application) {
-  application.closeInput();
-  application.wait();
-}
-
 }  // namespace TestSupport

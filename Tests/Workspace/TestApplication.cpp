@@ -4,8 +4,8 @@
 //   test_application as IDENTIFIER      checks in under this identifier
 //   test_application fork IDENTIFIER    the same, and leaves behind a child that shares the
 //   check-in test_application watch              "LAUNCHES ENDS MAIN MENU", what a watcher has told
-//   and counted,
-//                                       at its start and after each change
+//   and
+//                                       counted, at its start and after each change
 #include <unistd.h>
 
 #include <cstdio>
@@ -31,22 +31,17 @@ void waitForEndOfInput() {
   while (::read(STDIN_FILENO, &byte, 1) > 0) continue;
 }
 
-struct Tally final : AppLaunchTerminationListenerDelegate {
+struct Watcher final : AppLaunchTerminationListener, AppLaunchTerminationListenerDelegate {
   void appDidLaunch(GApp) override { ++launches; }
   void appDidTerminate(GApp) override { ++ends; }
-  int launches = 0;
-  int ends = 0;
-};
-
-struct Watcher final : AppLaunchTerminationListener {
   void setLaunchedApps(std::unordered_map<GApp, std::int64_t> counts) override {
-    std::printf("%d %d %lld %lld\n", tally->launches, tally->ends,
-                static_cast<long long>(counts.at(GApp::main)),
-                static_cast<long long>(counts.at(GApp::menu)));
+    std::printf("%d %d %d %d\n", launches, ends, static_cast<int>(counts.at(GApp::main)),
+                static_cast<int>(counts.at(GApp::menu)));
     std::fflush(stdout);
     AppLaunchTerminationListener::setLaunchedApps(std::move(counts));
   }
-  std::shared_ptr<Tally> tally = std::make_shared<Tally>();
+  int launches = 0;
+  int ends = 0;
 };
 
 }  // namespace
@@ -55,23 +50,21 @@ int main(int argc, char** argv) {
   const std::string_view mode = argc > 1 ? argv[1] : "";
   if (mode == "watch") {
     const auto watcher = std::make_shared<Watcher>();
-    watcher->setDelegate(watcher->tally);
+    watcher->setDelegate(watcher);
     const AppLaunchTerminationObservation observation(watcher, {GApp::main, GApp::menu});
     waitForEndOfInput();
     return 0;
   }
+  UniqueFd checkIn;
+  bool isRunning = false;
   if (mode.empty()) {
     const auto current = NSRunningApplication::currentApplication();
-    say(current && current == NSRunningApplication::currentApplication() ? "running" : "none");
-    waitForEndOfInput();
-    return 0;
+    isRunning = current && current == NSRunningApplication::currentApplication();
+  } else {
+    checkIn = CheckIns::checkIn(Text::fromUtf8(argv[2]).value());
+    isRunning = checkIn.isValid();
   }
-  const UniqueFd checkIn = CheckIns::checkIn(Text::fromUtf8(argv[2]).value());
-  if (mode == "fork" && ::fork() == 0) {
-    waitForEndOfInput();
-    ::_exit(0);
-  }
-  say(checkIn.isValid() ? "running" : "none");
+  const bool isChild = mode == "fork" && ::fork() == 0;
+  if (!isChild) say(isRunning ? "running" : "none");
   waitForEndOfInput();
-  return 0;
 }
