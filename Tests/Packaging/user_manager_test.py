@@ -95,6 +95,9 @@ class InstalledUnits(unittest.TestCase):
         first = agent()
         status = dict(re.findall("(.*):\t(.*)", Path("/proc", str(first), "status").read_text()))
         self.assertEqual((status["NoNewPrivs"], status["Seccomp"], status["Umask"]), ("1", "2", "0077"))
+        self.assertIn("/session.slice/", Path("/proc", str(first), "cgroup").read_text())
+        run("systemd-analyze", "--user", "security", "--offline=true", "--threshold=61",
+            "/usr/lib/systemd/user/gantrel-agent.service", env=ENVIRONMENT)
         self.assertIn("Weekly planning", run(*AS_USER, "MenuApp", "upcoming", env=ENVIRONMENT))
         os.kill(first, signal.SIGKILL)
         self.main_app_registers()

@@ -89,6 +89,21 @@ TEST_F(Applications, DoNotReplaceWhatOthersRegisteredMeanwhile) {
   EXPECT_EQ(found("contested"_text), inode(other->endpoint()));
 }
 
+TEST_F(Applications, MayDropTheirHandleInsideItsOwnCallAndElsewhereMeanwhile) {
+  ChildProcess agent = startAgent();
+  for (int i = 0; i < 200; ++i) {
+    auto own = connect();
+    EXPECT_EQ(own->registerEndpoint(listener->endpoint(), "a"_text), true);
+    std::promise<void> answered;
+    own->retrieveEndpoint("a"_text, [own, &answered](auto) mutable {
+      own.reset();
+      answered.set_value();
+    });
+    own.reset();
+    answered.get_future().wait();
+  }
+}
+
 TEST_F(Applications, LearnWhenAServiceAppears) {
   const auto queue = dispatch_queue_create("appearance", DISPATCH_QUEUE_SERIAL);
   std::promise<void> own, managers;  // each may be kept only once

@@ -14,6 +14,7 @@
 #include <mutex>
 #include <optional>
 #include <set>
+#include <thread>
 #include <utility>
 
 #include "Platform/Runtime/KeyValueObserving.h"
@@ -202,19 +203,23 @@ TEST_F(RunningApplicationsObservationTest, EndsFromInsideItsOwnCall) {
 
 TEST_F(RunningApplicationsObservationTest, EndsElsewhereOnlyAfterACallThatIsUnderWay) {
   observe();
-  std::promise<void> called, ending;
+  std::promise<void> called, go, ending;
   bool inside = true;
   recorder->meanwhile([&] {
     called.set_value();
-    ending.get_future().wait();
-    ::poll(nullptr, 0, 20);
+    go.get_future().wait();
     inside = false;
   });
   const UniqueFd application = CheckIns::checkIn("a"_text);
   called.get_future().wait();
+  std::thread opener([&] {
+    ending.get_future().wait();
+    go.set_value();
+  });
   ending.set_value();
   observation.reset();
   EXPECT_FALSE(inside);
+  opener.join();
 }
 
 // Switches of context are the trace that a system call which waits leaves.
