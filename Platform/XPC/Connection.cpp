@@ -8,6 +8,7 @@
 #include <iterator>
 #include <utility>
 
+#include "Platform/Runtime/ClosingTogether.h"
 #include "Platform/Runtime/Stop.h"
 #include "Platform/XPC/NamedService.h"
 
@@ -285,6 +286,7 @@ void Connection::sendAnswer(std::uint64_t linkNumber, OutgoingFrame frame) {
 std::optional<Connection::Error> Connection::waitForCall(std::uint64_t serial, OutgoingFrame frame,
                                                          const DecodeReply& onReply) {
   WaitingCall call;
+  ClosingTogether::closeNow();
   {
     const WorkerPool::BlockingRegion region;
     Lock lock(mutex_);
@@ -474,6 +476,7 @@ void Connection::take(Frame frame, std::uint64_t linkNumber) {
 // Delivering
 
 void Connection::deliverInbox() {
+  const ClosingTogether dropped;
   for (bool goesOn = true; goesOn;) {
     {
       const Lock lock(mutex_);

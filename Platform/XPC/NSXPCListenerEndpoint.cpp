@@ -3,6 +3,8 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 
+#include "Platform/Runtime/ClosingTogether.h"
+
 namespace Platform {
 
 namespace {
@@ -28,6 +30,10 @@ std::shared_ptr<NSXPCListenerEndpoint> NSXPCListenerEndpoint::adopt(UniqueFd des
     return nullptr;
   }
   return std::make_shared<NSXPCListenerEndpoint>(std::move(descriptor));
+}
+
+NSXPCListenerEndpoint::~NSXPCListenerEndpoint() {
+  ClosingTogether::close(std::move(descriptor_));
 }
 
 }  // namespace Platform

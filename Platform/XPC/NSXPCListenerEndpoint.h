@@ -26,6 +26,8 @@ class NSXPCListenerEndpoint final : public NSObject {
   explicit NSXPCListenerEndpoint(UniqueFd descriptor,
                                  std::weak_ptr<const UniqueFd> listeningSocket = {})
       : descriptor_(std::move(descriptor)), listeningSocket_(std::move(listeningSocket)) {}
+  // In a connection's call the descriptor may be closed a moment later, with others.
+  ~NSXPCListenerEndpoint() override;
 
   int descriptor() const { return descriptor_.get(); }
 
@@ -33,7 +35,7 @@ class NSXPCListenerEndpoint final : public NSObject {
   bool isServedHere() const { return !listeningSocket_.expired(); }
 
  private:
-  const UniqueFd descriptor_;
+  UniqueFd descriptor_;
   const std::weak_ptr<const UniqueFd> listeningSocket_;
 };
 
