@@ -12,7 +12,7 @@ import time
 from contenders import BY_NAME, OURS, Log, Server, finish, startup
 from report import Limit, Question, Ratio, Sample, report
 
-ROUNDS = 5
+ROUNDS = 9
 SECONDS = 0.15  # of measuring, per contender and round; a quarter of it before, to get warm
 IN_FLIGHT = 64
 USUAL_LENGTH = 40

@@ -1,5 +1,6 @@
 """The contenders as processes: starting their servers, running their clients, reading what they cost."""
 
+import fcntl
 import json
 import os
 import shutil
@@ -60,6 +61,8 @@ class Log:
 
     def __init__(self):
         self.file = tempfile.NamedTemporaryFile("ab", dir=BUILD, prefix="server-", suffix=".log")
+        # Else a server would go on writing where it was, behind a hole as large as all it wrote before.
+        fcntl.fcntl(self.file, fcntl.F_SETFL, os.O_APPEND)
         self.dropped = 0  # how often the server said that it dropped lines
 
     def inspect(self):
