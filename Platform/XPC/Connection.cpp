@@ -10,6 +10,7 @@
 
 #include "Platform/Runtime/ClosingTogether.h"
 #include "Platform/Runtime/Stop.h"
+#include "Platform/XPC/Answer.h"
 #include "Platform/XPC/NamedService.h"
 
 namespace Platform {
@@ -32,42 +33,6 @@ struct Reception {
     thread_local Reception reception;
     return reception;
   }
-};
-
-OutgoingFrame refusalOf(std::uint64_t serial) {
-  Encoder encoder;
-  encoder.head(Wire::Major::array, 2);
-  encoder.head(Wire::Major::unsignedInteger, static_cast<std::uint64_t>(Wire::Kind::refusal));
-  encoder.head(Wire::Major::unsignedInteger, serial);
-  return encoder.finish();
-}
-
-// The way back for one call of the peer.
-class Answer final : public ReplySender {
- public:
-  Answer(std::uint64_t callSerial, std::weak_ptr<Connection> connection, std::uint64_t linkNumber)
-      : connection_(std::move(connection)), linkNumber_(linkNumber) {
-    serial = callSerial;
-  }
-  ~Answer() override { deliver(refusalOf, serial); }
-
-  void send(OutgoingFrame reply) override {
-    if (!reply.isSendable()) reply = refusalOf(serial);
-    deliver([&](std::uint64_t) { return std::move(reply); }, serial);
-  }
-
- private:
-  template <class MakeFrame>
-  void deliver(MakeFrame makeFrame, std::uint64_t callSerial) {
-    if (sent_.test_and_set()) return;
-    if (const auto connection = connection_.lock()) {
-      connection->sendAnswer(linkNumber_, makeFrame(callSerial));
-    }
-  }
-
-  const std::weak_ptr<Connection> connection_;  // empty when no answer is expected
-  const std::uint64_t linkNumber_;
-  std::atomic_flag sent_;
 };
 
 struct ConnectVisitor {

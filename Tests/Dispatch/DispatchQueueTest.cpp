@@ -3,12 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
 #include <future>
 #include <latch>
 #include <vector>
-
-#include "Platform/Dispatch/WorkerPool.h"
 
 namespace Platform {
 namespace {
@@ -54,22 +51,6 @@ TEST(WorkerPool, BringsInWorkersWhileTasksBlock) {
     });
   }
   done.wait();
-}
-
-TEST(WorkerPool, RunsDelayedTasksInTheOrderOfTheirTimesAndNotBefore) {
-  const auto queue = dispatch_queue_create("test", DISPATCH_QUEUE_SERIAL);
-  using std::chrono::milliseconds;
-  const auto start = std::chrono::steady_clock::now();
-  std::vector<int> order;
-  std::promise<void> done;
-  WorkerPool::shared().after(milliseconds(60), queue, [&] {
-    EXPECT_GE(std::chrono::steady_clock::now() - start, milliseconds(60));
-    order.push_back(2);
-    done.set_value();
-  });
-  WorkerPool::shared().after(milliseconds(20), queue, [&] { order.push_back(1); });
-  done.get_future().wait();
-  EXPECT_EQ(order, std::vector({1, 2}));
 }
 
 }  // namespace

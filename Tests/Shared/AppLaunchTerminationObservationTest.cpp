@@ -67,8 +67,9 @@ TEST_F(AppLaunchTerminationObservationTest, TwoProcessesSeeEveryLaunchAndEndAndN
     }
   }
   living.clear();
-  // A sweep.
-  Platform::CheckIns::names(folder);
+  for (const std::string& name : Platform::CheckIns::names(folder)) {
+    EXPECT_EQ(Platform::CheckIns::presence(folder, name), Platform::CheckIns::Presence::gone);
+  }
   EXPECT_TRUE(std::filesystem::is_empty(folder));
 }
 

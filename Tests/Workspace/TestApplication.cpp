@@ -1,11 +1,11 @@
 // An application for tests to start and end. It says by a line that it is ready, and ends with its
-// input.
-//   test_application                    checks in as the bundle it lies in: "running" or "none"
-//   test_application as IDENTIFIER      checks in under this identifier
-//   test_application fork IDENTIFIER    the same, and leaves behind a child that shares the
-//   check-in test_application watch              "LAUNCHES ENDS MAIN MENU", what a watcher has told
-//   and
-//                                       counted, at its start and after each change
+// input. What it does depends on its arguments:
+//
+//   (none)             checks in as the bundle it lies in: "running" or "none"
+//   as IDENTIFIER      checks in under this identifier
+//   fork IDENTIFIER    the same, and leaves behind a child that shares the check-in
+//   watch              "LAUNCHES ENDS MAIN MENU", what a watcher has told and counted: at its
+//                      start, and after each change
 #include <unistd.h>
 
 #include <cstdio>
