@@ -79,7 +79,9 @@ class Connection:
             return 0
 
     def send(self, message, descriptors=()):
-        self.send_raw(frame(message, len(descriptors)), descriptors)
+        data = frame(message, len(descriptors))
+        if sent := self.send_raw(data, descriptors):
+            self.socket.sendall(data[sent:])
 
     def receive(self):
         """The next message and its descriptors; None at the end of the connection."""

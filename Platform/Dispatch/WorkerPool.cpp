@@ -144,9 +144,10 @@ void WorkerPool::State::work(std::list<Worker>::iterator self) {
     armTimer();
     const auto handler = handlers.find(event.data.u64);
     if (handler == handlers.end()) continue;
-    const std::shared_ptr<ReadinessHandler> target = handler->second.lock();
+    std::shared_ptr<ReadinessHandler> target = handler->second.lock();
     lock.unlock();
     if (target) target->ready(event.events);
+    target.reset();  // it may be the last one, and its watch then ends under the lock
     lock.lock();
   }
   workers.erase(self);

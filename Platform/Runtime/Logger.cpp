@@ -29,10 +29,16 @@ namespace Platform {
 namespace {
 
 constexpr std::size_t bufferLimit = 4 << 20;  // bytes of waiting messages
-constexpr std::size_t bufferKept = 2 << 20;   // what a drained buffer may keep for the next lines
+constexpr std::size_t bufferKept = 8 << 20;   // what a drained buffer may keep for the next lines
 constexpr std::size_t writeSize = 64 << 10;   // bytes that go out in one call
 constexpr auto gatherTime = std::chrono::milliseconds(10);
 constexpr auto flushPatience = std::chrono::seconds(1);
+
+void clearAndKeepLittle(std::string& buffer) {
+  buffer.clear();
+  // Assigning an empty string would keep it all.
+  if (buffer.capacity() > bufferKept) buffer.shrink_to_fit();
+}
 
 struct Record {
   std::chrono::system_clock::time_point time;
@@ -48,8 +54,7 @@ struct Batch {
   std::uint64_t dropped = 0;  // lines lost after the last record
 
   void clear() {
-    if (messages.capacity() > bufferKept) *this = {};
-    messages.clear();
+    clearAndKeepLittle(messages);
     records.clear();
     dropped = 0;
   }
@@ -185,11 +190,11 @@ void Logger::State::writeForever() {
         formatter.append(text, record, message);
         if (text.size() >= writeSize) {
           writeAll(text);
-          text.clear();
+          clearAndKeepLittle(text);
         }
       });
       writeAll(text);
-      text.clear();
+      clearAndKeepLittle(text);
     }
     batch.clear();
     lock.lock();

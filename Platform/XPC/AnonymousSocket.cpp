@@ -5,6 +5,7 @@
 #include <sys/random.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -39,7 +40,9 @@ bool isRandomName(std::string_view name) {
 
 UniqueFd lock(const std::string& directory, int operation) {
   UniqueFd opened(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (opened.isValid() && ::flock(opened.get(), operation) != 0) opened.reset();
+  while (opened.isValid() && ::flock(opened.get(), operation) != 0) {
+    if (errno != EINTR) opened.reset();
+  }
   return opened;
 }
 

@@ -19,7 +19,8 @@ struct AnonymousSocket {
   std::shared_ptr<NSXPCListenerEndpoint> endpoint;
 };
 
-// None without a runtime directory, or when the system has no descriptor or room. Any thread.
+// None without a runtime directory, or when the system has no descriptor or room. Waits while
+// leftovers are removed. Any thread.
 std::optional<AnonymousSocket> makeAnonymousSocket();
 
 // Removes the names that killed processes have left, unless somebody is making a socket just now.

@@ -256,6 +256,10 @@ void Decoder::skip() {
   skip(0);
 }
 
+void Decoder::skipMessage() {
+  skip(-Wire::arraysAroundArguments);
+}
+
 void Decoder::skip(int depth) {
   if (depth > Wire::deepestNesting) malformed();
   const auto read = head();
@@ -326,8 +330,7 @@ Value Decoder::value(int depth) {
     case Major::map:
       return entries(argument, depth + 1);
     case Major::tag:
-      --items_;  // counted with its content
-      return tagged(argument, depth + 1);
+      return tagged(argument);
     case Major::simple:
       break;
   }
@@ -352,10 +355,15 @@ Value::Dictionary Decoder::entries(std::uint64_t count, int depth) {
   return dictionary;
 }
 
-Value Decoder::tagged(std::uint64_t tag, int depth) {
-  const Value content = value(depth);
-  if (tag == Wire::dateTag && content.asReal()) return NSDate{*content.asReal()};
-  if (tag == Wire::endpointTag && content.asUnsigned()) return endpointAt(*content.asUnsigned());
+Value Decoder::tagged(std::uint64_t tag) {
+  const auto content = head();
+  if (!content) return {};
+  if (tag == Wire::dateTag && content->firstByte == Wire::realByte) {
+    return NSDate{std::bit_cast<double>(content->argument)};
+  }
+  if (tag == Wire::endpointTag && content->major == Major::unsignedInteger) {
+    return endpointAt(content->argument);
+  }
   malformed();
   return {};
 }

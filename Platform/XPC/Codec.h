@@ -86,7 +86,8 @@ class Decoder {
   Value value();
   bool takeNil();  // whether the item is nil, which is then read
 
-  void skip();  // one item, checked in full, without building it
+  void skip();         // one argument or value, checked in full, without building it
+  void skipMessage();  // the same for a whole payload
   void wrongClass() { wrongClass_ = true; }
   void malformed();
 
@@ -106,7 +107,7 @@ class Decoder {
   Value value(int depth);
   Value::Array items(std::uint64_t count, int depth);
   Value::Dictionary entries(std::uint64_t count, int depth);
-  Value tagged(std::uint64_t tag, int depth);
+  Value tagged(std::uint64_t tag);
 
   std::span<const std::byte> rest_;
   std::span<UniqueFd> descriptors_;

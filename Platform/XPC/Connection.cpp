@@ -280,12 +280,19 @@ std::optional<Connection::Error> Connection::waitForCall(std::uint64_t serial, O
   }
   if (call.error) return call.error;
   Decoder decoder(*call.answer, Descriptors::taken);
-  decoder.array();
+  const std::size_t count = decoder.array();
   const bool isReply = decoder.unsignedInteger() == static_cast<std::uint64_t>(Wire::Kind::reply);
   decoder.unsignedInteger();
-  if (!isReply) return Error::refused;
-  onReply(decoder);
-  return decoder.isSound() && decoder.isAtEnd() ? std::nullopt : std::optional(Error::replyInvalid);
+  if (count != (isReply ? 3 : 2)) decoder.malformed();
+  if (isReply && decoder.isSound()) onReply(decoder);
+  if (decoder.isMalformed()) {
+    const Lock lock(mutex_);
+    if (link_ && link_->number == call.linkNumber) endLink(Ending::fault);
+  }
+  if (decoder.isSound() && decoder.isAtEnd()) {
+    return isReply ? std::nullopt : std::optional(Error::refused);
+  }
+  return Error::replyInvalid;
 }
 
 void Connection::readForWaitingCall(Lock& lock) {
@@ -429,6 +436,7 @@ void Connection::take(Frame frame, std::uint64_t linkNumber) {
       const auto found = calls_.find(serial);
       if (found != calls_.end() && found->second.waiting) {
         found->second.waiting->answer = std::move(frame);
+        found->second.waiting->linkNumber = linkNumber;
         found->second.waiting->wake.notify_one();
         calls_.erase(found);
         return;
@@ -441,7 +449,7 @@ void Connection::take(Frame frame, std::uint64_t linkNumber) {
 // Delivering
 
 void Connection::deliverInbox() {
-  const ClosingTogether dropped;
+  ClosingTogether dropped;
   for (bool goesOn = true; goesOn;) {
     {
       const Lock lock(mutex_);
@@ -495,7 +503,7 @@ bool Connection::deliverCall(Incoming& incoming, Decoder& decoder, bool expectsA
   if (decoder.isMalformed()) return false;
   // It is not for us: then it must be well-formed all the same.
   Decoder whole(incoming.frame);
-  whole.skip();
+  whole.skipMessage();
   return whole.isSound() && whole.isAtEnd();
 }
 
@@ -537,7 +545,7 @@ void Connection::endLink(Ending ending) {
 void Connection::endAll(Error error, bool isFinal) {
   if (link_) ::shutdown(link_->socket.get(), SHUT_RDWR);  // wakes a thread that reads
   link_.reset();
-  outbox_.clear();
+  outbox_ = {};
   writeBlocked_ = false;
   paused_ = false;
   hungUp_ = false;

@@ -1,7 +1,8 @@
 // Connection: what is behind an NSXPCConnection.
 //
 // One lock guards a connection's state; no callback runs under it, and nothing waits under it but
-// for memory. Two roles pass from thread to thread:
+// for memory, and for the closing of what an ended connection had received. Two roles pass from
+// thread to thread:
 //
 // - Reading. Whoever holds the role (reading_) receives from the socket and cuts frames; nobody
 //   else does. A worker takes it for one bounded receive when the socket is ready. A thread in a
@@ -102,6 +103,7 @@ class Connection final : public ReadinessHandler, public std::enable_shared_from
   struct WaitingCall {
     std::condition_variable wake;
     std::optional<Frame> answer;
+    std::uint64_t linkNumber = 0;  // on which the answer came
     std::optional<Error> error;
     bool isDone() const { return answer || error; }
   };

@@ -12,8 +12,9 @@ std::size_t loadLittleEndian(const std::byte* bytes) {
   return number;
 }
 
-// What may wait for the rest of its frame: a whole frame's worth, and one more receive's.
-constexpr std::size_t mostWaitingDescriptors = 2 * Wire::mostDescriptors;
+// What may wait for the rest of its frame: a whole frame's worth, and two more receives', since one
+// that is full may end within the bytes that brought descriptors.
+constexpr std::size_t mostWaitingDescriptors = 3 * Wire::mostDescriptors;
 
 constexpr std::size_t growth = 16;
 

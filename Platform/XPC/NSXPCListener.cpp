@@ -1,5 +1,6 @@
 #include "Platform/XPC/NSXPCListener.h"
 
+#include <malloc.h>
 #include <sys/epoll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -29,6 +30,13 @@ void raiseDescriptorLimit() {
   if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
   limit.rlim_cur = limit.rlim_max;
   ::setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+// Left alone, the C library keeps up to 64 MiB for each of its arenas once it has seen a large
+// block. A service that rests gives back what its largest message took.
+void returnLargeMemory() {
+  ::mallopt(M_MMAP_THRESHOLD, 16 << 20);
+  ::mallopt(M_TRIM_THRESHOLD, 16 << 20);
 }
 
 }  // namespace
@@ -137,6 +145,7 @@ std::shared_ptr<NSXPCListener> NSXPCListener::anonymousListener() {
 
 std::shared_ptr<NSXPCListener> NSXPCListener::initWithMachServiceName(const Text& name) {
   raiseDescriptorLimit();
+  returnLargeMemory();
   auto service = NamedService::claim(name);
   if (!service) return nullptr;
   removeLeftOverSocketNames();

@@ -38,6 +38,7 @@ void Outbox::append(OutgoingFrame frame) {
 }
 
 Outbox::Result Outbox::flush(int socket) {
+  bool mayCarry = true;
   while (!isEmpty()) {
     // Take whole carriers until the next would make it too many descriptors, or is too far away;
     // its bytes must then stay behind as well, since descriptors go no later than the first byte of
@@ -50,7 +51,7 @@ Outbox::Result Outbox::flush(int socket) {
       const Carrier& carrier = carriers_[next];
       const bool isTooMany =
           count != 0 && count + carrier.endpoints.size() > mostDescriptorsPerSend;
-      if (isTooMany || carrier.start > sent_ + mostBytesAhead) {
+      if (!mayCarry || isTooMany || carrier.start > sent_ + mostBytesAhead) {
         end = carrier.start;
         break;
       }
@@ -79,11 +80,17 @@ Outbox::Result Outbox::flush(int socket) {
     }
     const ssize_t sent = ::sendmsg(socket, &message, MSG_DONTWAIT | MSG_NOSIGNAL);
     if (sent < 0) {
-      if (errno == EINTR) continue;
+      const int error = errno;
+      if (error == EINTR) continue;
+      if (error == ETOOMANYREFS && carriers_[carriersSent_].start > sent_) {
+        mayCarry = false;  // what stands before the first of them need not wait
+        continue;
+      }
       dropSent();
-      if (errno == EAGAIN) return Result::blocked;
-      return errno == ETOOMANYREFS ? Result::tryLater : Result::broken;
+      if (error == EAGAIN) return Result::blocked;
+      return error == ETOOMANYREFS ? Result::tryLater : Result::broken;
     }
+    mayCarry = true;
     // A partial send has sent all its descriptors.
     sent_ += static_cast<std::size_t>(sent);
     descriptorsSent_ += count;

@@ -43,8 +43,8 @@ class Outbox {
   std::size_t sent_ = 0;
   std::vector<Carrier> carriers_;    // in order of start
   std::size_t carriersSent_ = 0;     // whose descriptors have gone out
-  std::size_t descriptorsSent_ = 0;  // in the connection's life
-  bool bufferIsSmall_ = false;
+  std::size_t descriptorsSent_ = 0;  // to this socket
+  bool bufferIsSmall_ = false;       // this socket's
 };
 
 }  // namespace Platform

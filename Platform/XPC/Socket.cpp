@@ -62,7 +62,10 @@ Received receive(int socket, std::span<std::byte> buffer, Wait wait) {
       received.descriptors.emplace_back(descriptor);
     }
   }
-  if (count == 0 || (message.msg_flags & MSG_CTRUNC) != 0) return received;
+  if (count == 0 || (message.msg_flags & MSG_CTRUNC) != 0) {
+    received.descriptors.clear();
+    return received;
+  }
   received.outcome = Received::Outcome::data;
   received.bytes = static_cast<std::size_t>(count);
   return received;

@@ -21,8 +21,8 @@ struct Received {
     ended,  // the peer is gone, or its descriptors did not all fit into this process
   };
   Outcome outcome = Outcome::ended;
-  std::size_t bytes = 0;  // in the buffer
-  std::vector<UniqueFd> descriptors;
+  std::size_t bytes = 0;              // in the buffer
+  std::vector<UniqueFd> descriptors;  // with data only
 };
 
 // How long a `receive` that waits does so at most; zero: for ever.

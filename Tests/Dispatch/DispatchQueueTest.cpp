@@ -2,10 +2,17 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+
 #include <atomic>
 #include <future>
 #include <latch>
+#include <utility>
 #include <vector>
+
+#include "Platform/Dispatch/WorkerPool.h"
+#include "Platform/Runtime/UniqueFd.h"
 
 namespace Platform {
 namespace {
@@ -51,6 +58,26 @@ TEST(WorkerPool, BringsInWorkersWhileTasksBlock) {
     });
   }
   done.wait();
+}
+
+struct Waiting final : ReadinessHandler {
+  void ready(std::uint32_t) override {
+    called.set_value();
+    goOn.get_future().wait();
+  }
+  Watch watch;
+  std::promise<void> called, goOn;
+};
+
+TEST(WorkerPool, IsTheLastOwnerOfAHandlerThatStillWatches) {
+  const auto descriptor = UniqueFd(::eventfd(1, EFD_CLOEXEC));
+  auto handler = std::make_shared<Waiting>();
+  handler->watch = WorkerPool::shared().watch(descriptor.get(), EPOLLIN, handler);
+  handler->called.get_future().wait();
+  std::exchange(handler, nullptr)->goOn.set_value();
+  std::promise<void> done;
+  dispatch_async(dispatch_queue_create("test", DISPATCH_QUEUE_SERIAL), [&] { done.set_value(); });
+  done.get_future().wait();
 }
 
 }  // namespace

@@ -94,6 +94,15 @@ class Exhausted(AgentTestCase):
         self.assertEqual(written + dropped, requests)
         self.assertGreater(dropped, 0)
 
+    @unittest.skipIf(IS_SANITIZED, "sanitizers keep what is freed")
+    def test_a_large_name_that_the_log_makes_larger_leaves_nothing_behind(self):
+        self.start_agent()
+        client = Connection(self.path)
+        self.assertIsNone(client.retrieve("no"))
+        before = self.agents_memory()
+        self.assertIsNone(client.retrieve("\x01" * (32 * MIB)))
+        self.assertTrue(eventually(lambda: self.agents_memory() < before + 24 * MIB))
+
 
 if __name__ == "__main__":
     unittest.main(warnings="ignore")  # of sockets that end with the process

@@ -19,7 +19,7 @@ TEST(ClosingTogether, ClosesWhatItWasGivenAndNothingInBetween) {
     numbers.push_back(owned.back().get());
   }
   {
-    const ClosingTogether together;
+    ClosingTogether together;
     for (std::size_t i = 0; i < 99; ++i) {
       if (i % 10 != 3) ClosingTogether::close(std::move(owned[i]));
     }

@@ -1,6 +1,7 @@
 """A test case with an agent of its own for the wire client to talk to."""
 
 import os
+import re
 import socket
 import subprocess
 import tempfile
@@ -10,6 +11,8 @@ import unittest
 from wire_client import *
 
 AGENT = os.environ["GANTREL_AGENT"]  # the executable
+IS_SANITIZED = bool(os.environ.get("GANTREL_SANITIZE"))  # slower by far: large amounts are less then
+MIB = 1 << 20
 
 
 def eventually(condition):
@@ -47,6 +50,10 @@ class AgentTestCase(unittest.TestCase):
         connection.send([CALL, 1, REGISTER, [Endpoint(), identifier]], [self.endpoint])
         answer = connection.receive()
         return answer is not None and answer[0] == [REPLY, 1, [True]]
+
+    def agents_memory(self, kind="RssAnon"):
+        with open(f"/proc/{self.agent.pid}/status") as status:
+            return 1024 * int(re.search(rf"{kind}:\s*(\d+)", status.read())[1])
 
     def agents_descriptors(self):
         return len(os.listdir(f"/proc/{self.agent.pid}/fd"))

@@ -108,6 +108,9 @@ TEST_F(Connections, CarryEveryKindOfValueAndKeepEndpointsConnectable) {
             Array{-1, -24, -25, INT64_MIN},
             Dictionary{{"caf\u00e9"_text, Dictionary{}}, {""_text, ""_text}}};
   EXPECT_EQ(ask(connection, values), values);
+  Value deepest = NSDate{1};
+  for (int depth = 0; depth < Wire::deepestNesting; ++depth) deepest = Array{deepest};
+  EXPECT_EQ(ask(connection, deepest), deepest);
 
   const Value answer = ask(connection, Array{service->endpoint(), service->endpoint()});
   ASSERT_TRUE(answer.asArray() && answer.asArray()->size() == 2);
