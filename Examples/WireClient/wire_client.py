@@ -80,7 +80,8 @@ class Connection:
 
     def send(self, message, descriptors=()):
         data = frame(message, len(descriptors))
-        if sent := self.send_raw(data, descriptors):
+        sent = self.send_raw(data, descriptors)
+        if 0 < sent < len(data):
             self.socket.sendall(data[sent:])
 
     def receive(self):

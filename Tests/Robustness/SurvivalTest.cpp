@@ -1,6 +1,7 @@
 // The agent ends and comes back; what applications offer is there again.
 
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -71,6 +72,23 @@ TEST_F(Applications, AreRegisteredWithEachNextAgentForWhatTheyStillOfferAndHoldN
   kill(agent);
   handler.reset();
   EXPECT_TRUE(holds(atFirst + 1)) << "the foreign endpoint";
+}
+
+TEST_F(Applications, ReachTheAgentAgainAfterWantOfDescriptors) {
+  if (TestSupport::isSanitized) GTEST_SKIP() << "a sanitizer wants descriptors too";
+  ChildProcess agent = startAgent();
+  registers(listener->endpoint(), "a"_text);
+  const auto lowestFree = static_cast<rlim_t>(UniqueFd(::dup(0)).get());
+  rlimit limit{};
+  ::getrlimit(RLIMIT_NOFILE, &limit);
+  const rlimit tight{lowestFree + 2, limit.rlim_max};
+  agent.stop();
+  for (int i = 0; i < 20; ++i) handler->retrieveEndpoint("a"_text, [](auto) {});
+  ::setrlimit(RLIMIT_NOFILE, &tight);
+  agent.signal(SIGCONT);
+  handler->retrieveEndpoint({});
+  ::setrlimit(RLIMIT_NOFILE, &limit);
+  EXPECT_TRUE(eventually([&] { return handler->retrieveEndpoint("a"_text); }));
 }
 
 TEST_F(Applications, DoNotReplaceWhatOthersRegisteredMeanwhile) {

@@ -63,7 +63,8 @@ class Exhausted(AgentTestCase):
                 peer.send([CALL, 1, RETRIEVE, ["a"]])
             owed[peer.socket] = [peer, 100]
         late = Connection(self.path)
-        late.send([CALL, 1, RETRIEVE, ["a"]])
+        late.send_raw(frame([CALL, 2, RETRIEVE, ["no"]]) + frame([CALL, 1, RETRIEVE, ["a"]]))
+        self.assertEqual(late.receive(), ([REPLY, 2, [None]], []))
         self.assertFalse(select.select([late.socket], [], [], 1)[0], "there was room")
         self.assertIsNone(Connection(self.path).retrieve("no"))
         owed[late.socket] = [late, 1]
