@@ -70,9 +70,11 @@ class Service final : public NSObject, public Peer, public NSXPCListenerDelegate
                 const std::shared_ptr<NSXPCConnection>& connection) override {
     connection->setExportedInterface(NSXPCInterface::interfaceWithProtocol<Peer>());
     connection->setExportedObject(shared_from_this());
+    {
+      const std::lock_guard lock(mutex);
+      last = connection;
+    }
     connection->resume();
-    const std::lock_guard lock(mutex);
-    last = connection;
     return true;
   }
 
@@ -365,7 +367,7 @@ TEST_F(Connections, MayEndAnywhereWhileCallsAreUnderWay) {
     if (other.valid()) other.wait();
   }
   EXPECT_TRUE(
-      TestSupport::eventually([&] { return TestSupport::openDescriptors(::getpid()) == atFirst; }));
+      TestSupport::eventually([&] { return TestSupport::openDescriptors(::getpid()) <= atFirst; }));
 }
 
 }  // namespace
