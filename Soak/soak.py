@@ -7,7 +7,6 @@ grew."""
 import contextlib
 import os
 import random
-import re
 import selectors
 import statistics
 import subprocess
@@ -15,7 +14,7 @@ import sys
 import tempfile
 import time
 
-from agent_test_case import AGENT, PATIENCE, SERVICE, Connection, eventually
+from agent_test_case import AGENT, PATIENCE, SERVICE, Connection, eventually, memory, open_descriptors
 
 APPLICATIONS = 24
 IDENTIFIERS = 4  # of each application; nobody else registers or removes them
@@ -193,15 +192,6 @@ class Soak:
             return False
 
 
-def memory(process):
-    with open(f"/proc/{process.pid}/status") as status:
-        return 1024 * int(re.search(r"RssAnon:\s*(\d+)", status.read())[1])
-
-
-def descriptors(process):
-    return len(os.listdir(f"/proc/{process.pid}/fd"))
-
-
 def threads(process):
     return len(os.listdir(f"/proc/{process.pid}/task"))
 
@@ -231,7 +221,7 @@ def is_sound(soak, folder, seconds):
 
     def beside_listeners(application):
         own = sum(entry.registered is not None for entry in application.entries.values())
-        return descriptors(application.process) - 2 * own
+        return open_descriptors(application.process) - 2 * own
 
     beside = max(map(beside_listeners, soak.applications))
     print(f"{soak.requests} requests, {len(soak.wrong)} answered wrongly; {soak.deaths} applications killed")
@@ -239,7 +229,7 @@ def is_sound(soak, folder, seconds):
     print(f"{len(soak.recoveries)} agents killed; every registration back within {IN_TIME:.0f} s of the next "
           f"start: {in_time} (median {statistics.median(soak.recoveries) * 1000:.0f} ms, worst "
           f"{max(soak.recoveries) * 1000:.0f} ms)")
-    print(f"growth at most {growth >> 10} KiB; {descriptors(soak.agent)} descriptors in the agent for "
+    print(f"growth at most {growth >> 10} KiB; {open_descriptors(soak.agent)} descriptors in the agent for "
           f"{listeners} registrations and {APPLICATIONS} applications; at most {beside} in an application beside "
           f"its listeners'; at most {max(map(threads, processes))} threads; files left behind: {len(left)}")
     for sentence in soak.wrong[:10]:

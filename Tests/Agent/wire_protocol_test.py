@@ -41,13 +41,13 @@ class AgentOnTheWire(AgentTestCase):
             (REMOVE, ["a"], []),  # carried out, but it has no answer to give
         ]
         self.call(RETRIEVE, ["a"])  # the agent has accepted by then
-        before = self.agents_descriptors()
+        before = open_descriptors(self.agent)
         for selector, arguments, descriptors in cases:
             with self.subTest(selector=selector, arguments=arguments):
                 answer = self.call(selector, arguments, descriptors=descriptors)
                 self.assertEqual(answer, ([REFUSAL, 1], []))
         self.assertEqual(self.call(RETRIEVE, ["a"])[0], [REPLY, 1, [None]])
-        self.assertEqual(self.agents_descriptors(), before)
+        self.assertEqual(open_descriptors(self.agent), before)
 
 
 unittest.main(warnings="ignore")  # of sockets that end with the process

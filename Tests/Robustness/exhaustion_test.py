@@ -53,8 +53,7 @@ class Exhausted(AgentTestCase):
 
     def test_room_for_descriptors_under_way_makes_replies_wait(self):
         # The superuser's capabilities are beyond this limit.
-        is_exempt = os.geteuid() == 0
-        capless = ["setpriv", "--bounding-set=-sys_admin,-sys_resource"] if is_exempt else []
+        capless = ["setpriv", "--bounding-set=-sys_admin,-sys_resource"] if os.geteuid() == 0 else []
         self.start_agent(*capless, preexec_fn=limit_descriptors(100))
         self.assertTrue(self.register(Connection(self.path), "a"))
         owed = {}  # answers to each peer, by its socket
@@ -100,9 +99,9 @@ class Exhausted(AgentTestCase):
         self.start_agent()
         client = Connection(self.path)
         self.assertIsNone(client.retrieve("no"))
-        before = self.agents_memory()
+        before = memory(self.agent)
         self.assertIsNone(client.retrieve("\x01" * (32 * MIB)))
-        self.assertTrue(eventually(lambda: self.agents_memory() < before + 24 * MIB))
+        self.assertTrue(eventually(lambda: memory(self.agent) < before + 24 * MIB))
 
 
 if __name__ == "__main__":

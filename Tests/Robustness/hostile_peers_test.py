@@ -38,19 +38,18 @@ class HostilePeers(AgentTestCase):
         self.undisturbed = self.stop_bystander()
         self.start_bystander()
         self.wait_for_answers(1)
-        self.descriptors = self.agents_descriptors()
-        self.memory = self.agents_memory()
+        self.descriptors = open_descriptors(self.agent)
+        self.memory = memory(self.agent)
 
     def tearDown(self):
-        same = eventually(lambda: self.agents_descriptors() == self.descriptors)
-        self.assertTrue(same, f"{self.agents_descriptors()} descriptors, not {self.descriptors}")
+        self.assertTrue(eventually(lambda: open_descriptors(self.agent) == self.descriptors), self.descriptors)
         self.wait_for_answers(1)
         disturbed = self.stop_bystander()
         print(f"{self._testMethodName}: 99 of 100 answers to others within {disturbed * 1e6:.0f} us, "
               f"{self.undisturbed * 1e6:.0f} without the attack")
         self.assertLessEqual(len(os.listdir(f"/proc/{self.agent.pid}/task")), 16)
         if not IS_SANITIZED:  # sanitizers keep what is freed
-            self.assertTrue(eventually(lambda: self.agents_memory() < self.memory + 24 * MIB))
+            self.assertTrue(eventually(lambda: memory(self.agent) < self.memory + 24 * MIB))
 
     def start_bystander(self):
         self.answers, self.is_over = multiprocessing.Value("l"), multiprocessing.Event()
@@ -109,9 +108,11 @@ class HostilePeers(AgentTestCase):
             "no item": frame(b""),
             "a huge array": frame(b"\x9b\x7f" + 7 * b"\xff" + b"\x00"),
             "no such kind": frame([4, "a", []]),
+            "not UTF-8": frame(b"\x83\x00\x61\xff\x80"),
             "two items": frame(encode([MESSAGE, "a", []]) + b"\x00"),
             "not the shortest form": frame(b"\x83\x18\x00\x61\x61\x80"),
             "deep": frame(b"\x83\x00\x61a" + 100_000 * b"\x81"),
+            "deep maps": frame(b"\x83\x00\x61a" + 100_000 * b"\xa1"),
         }
         with_a_descriptor = {
             "a descriptor missing": frame([CALL, 1, REGISTER, [Endpoint(0), "a"]], 2),
@@ -129,7 +130,7 @@ class HostilePeers(AgentTestCase):
             peer.send_raw(frame(b"\x83", 253, 256 << 20))
         self.wait_for_answers(100)
         if not IS_SANITIZED:
-            self.assertLess(self.agents_memory("VmData"), 1 << 30)
+            self.assertLess(memory(self.agent, "VmData"), 1 << 30)
 
     def test_misuse_serials_and_answer_what_was_never_asked(self):
         peer = Connection(self.path)
@@ -184,7 +185,7 @@ class HostilePeers(AgentTestCase):
                 sent, since = sent + count, self.answers.value
                 self.assertLess(sent, 16 * MIB)
         if not IS_SANITIZED:
-            self.assertLess(self.agents_memory(), self.memory + 24 * MIB)
+            self.assertLess(memory(self.agent), self.memory + 24 * MIB)
         peer.socket.settimeout(PATIENCE)
         for _ in range(sent // len(request)):
             self.assertEqual(peer.receive(), ([REPLY, 1, [None]], []))

@@ -24,6 +24,15 @@ def eventually(condition):
     return True
 
 
+def memory(process, kind="RssAnon"):  # bytes
+    with open(f"/proc/{process.pid}/status") as status:
+        return 1024 * int(re.search(rf"{kind}:\s*(\d+)", status.read())[1])
+
+
+def open_descriptors(process):
+    return len(os.listdir(f"/proc/{process.pid}/fd"))
+
+
 class AgentTestCase(unittest.TestCase):
     def setUp(self):
         self.folder = self.enterContext(tempfile.TemporaryDirectory())
@@ -50,10 +59,3 @@ class AgentTestCase(unittest.TestCase):
         connection.send([CALL, 1, REGISTER, [Endpoint(), identifier]], [self.endpoint])
         answer = connection.receive()
         return answer is not None and answer[0] == [REPLY, 1, [True]]
-
-    def agents_memory(self, kind="RssAnon"):
-        with open(f"/proc/{self.agent.pid}/status") as status:
-            return 1024 * int(re.search(rf"{kind}:\s*(\d+)", status.read())[1])
-
-    def agents_descriptors(self):
-        return len(os.listdir(f"/proc/{self.agent.pid}/fd"))
