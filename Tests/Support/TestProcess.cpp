@@ -1,13 +1,11 @@
 #include "Tests/Support/TestProcess.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <spawn.h>
 #include <stdlib.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <filesystem>
 #include <iterator>
 #include <utility>
@@ -16,19 +14,6 @@ extern char** environ;
 
 namespace TestSupport {
 namespace {
-
-constexpr int patienceMilliseconds = 60'000;
-
-struct Pipe {
-  Pipe() {
-    int ends[2];
-    if (::pipe2(ends, O_CLOEXEC) != 0) ::abort();
-    read.reset(ends[0]);
-    write.reset(ends[1]);
-  }
-  Platform::UniqueFd read;
-  Platform::UniqueFd write;
-};
 
 std::vector<char*> pointers(const std::vector<std::string>& strings) {
   std::vector<char*> result;
@@ -53,83 +38,59 @@ PrivateRuntimeDirectory::~PrivateRuntimeDirectory() {
 
 ChildProcess::ChildProcess(const std::vector<std::string>& arguments,
                            const std::vector<std::string>& environment) {
-  Pipe in;
-  Pipe out;
-  Pipe err;
   posix_spawn_file_actions_t actions;
   ::posix_spawn_file_actions_init(&actions);
-  ::posix_spawn_file_actions_adddup2(&actions, in.read.get(), 0);
-  ::posix_spawn_file_actions_adddup2(&actions, out.write.get(), 1);
-  ::posix_spawn_file_actions_adddup2(&actions, err.write.get(), 2);
+  const auto pipeTo = [&actions](int number, Stream& ours) {
+    int ends[2];
+    if (::pipe2(ends, O_CLOEXEC) != 0) ::abort();
+    const bool isInput = number == STDIN_FILENO;
+    ours.reset(::fdopen(ends[isInput], isInput ? "w" : "r"));
+    ::posix_spawn_file_actions_adddup2(&actions, ends[!isInput], number);
+    return Platform::UniqueFd(ends[!isInput]);
+  };
+  const Platform::UniqueFd childs[] = {pipeTo(0, input_), pipeTo(1, output_), pipeTo(2, error_)};
   std::vector<std::string> variables = environment;
   for (char** variable = environ; *variable; ++variable) variables.emplace_back(*variable);
-  const int error = ::posix_spawnp(&pid_, arguments[0].c_str(), &actions, nullptr,
-                                   pointers(arguments).data(), pointers(variables).data());
+  pid_.reset(new pid_t(-1));
+  if (::posix_spawnp(pid_.get(), arguments[0].c_str(), &actions, nullptr,
+                     pointers(arguments).data(), pointers(variables).data()) != 0) {
+    *pid_ = -1;
+  }
   ::posix_spawn_file_actions_destroy(&actions);
-  if (error != 0) pid_ = -1;
-  input_ = std::move(in.write);
-  output_.descriptor = std::move(out.read);
-  error_.descriptor = std::move(err.read);
 }
 
-ChildProcess::~ChildProcess() {
-  if (pid_ < 0) return;
-  signal(SIGKILL);
-  wait();
-}
-
-void ChildProcess::swap(ChildProcess& other) noexcept {
-  std::swap(pid_, other.pid_);
-  std::swap(input_, other.input_);
-  std::swap(output_, other.output_);
-  std::swap(error_, other.error_);
+void ChildProcess::Ending::operator()(pid_t* pid) const {
+  if (*pid > 0 && ::kill(*pid, SIGKILL) == 0) ::waitpid(*pid, nullptr, 0);
+  delete pid;
 }
 
 void ChildProcess::writeLine(const std::string& line) {
-  const std::string bytes = line + "\n";
-  if (::write(input_.get(), bytes.data(), bytes.size()) < 0) input_.reset();
+  std::fputs((line + "\n").c_str(), input_.get());
+  std::fflush(input_.get());
 }
 
-bool ChildProcess::Stream::readMore() {
-  pollfd readable{descriptor.get(), POLLIN, 0};
-  char buffer[65536];
-  if (::poll(&readable, 1, patienceMilliseconds) <= 0) return false;
-  const ssize_t count = ::read(descriptor.get(), buffer, sizeof buffer);
-  if (count > 0) unread.append(buffer, static_cast<std::size_t>(count));
-  return count > 0;
-}
-
-std::optional<std::string> ChildProcess::Stream::readLine() {
-  std::size_t end;
-  while ((end = unread.find('\n')) == std::string::npos) {
-    if (!readMore()) return std::nullopt;
+std::optional<std::string> ChildProcess::readLine() {
+  std::string line;
+  for (int byte; (byte = std::fgetc(output_.get())) != '\n'; line += static_cast<char>(byte)) {
+    if (byte == EOF) return std::nullopt;
   }
-  std::string line = unread.substr(0, end);
-  unread.erase(0, end + 1);
   return line;
 }
 
-std::string ChildProcess::Stream::readAll() {
-  while (readMore()) {
-  }
-  return std::exchange(unread, {});
-}
-
-void ChildProcess::signal(int number) {
-  ::kill(pid_, number);
+std::string ChildProcess::readAll(const Stream& stream) {
+  std::string all;
+  for (int byte; (byte = std::fgetc(stream.get())) != EOF;) all += static_cast<char>(byte);
+  return all;
 }
 
 void ChildProcess::stop() {
   signal(SIGSTOP);
-  int status = 0;
-  ::waitpid(pid_, &status, WUNTRACED);
+  ::waitpid(pid(), nullptr, WUNTRACED);
 }
 
 int ChildProcess::wait() {
   int status = 0;
-  while (::waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
-  }
-  pid_ = -1;
+  ::waitpid(std::exchange(*pid_, -1), &status, 0);
   return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
 }
 

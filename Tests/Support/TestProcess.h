@@ -6,6 +6,8 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstdio>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -39,41 +41,34 @@ class ChildProcess {
   // `environment` ("NAME=value") goes before this process's own variables.
   explicit ChildProcess(const std::vector<std::string>& arguments,
                         const std::vector<std::string>& environment = {});
-  ChildProcess(ChildProcess&& other) noexcept { swap(other); }
-  ChildProcess& operator=(ChildProcess&& other) noexcept {
-    swap(other);
-    return *this;
-  }
-  ~ChildProcess();
 
-  int pid() const { return pid_; }
+  int pid() const { return *pid_; }
   void writeLine(const std::string& line);
   void closeInput() { input_.reset(); }
-  // The next line, without its end; none at the end of the stream, or after a minute without one.
-  std::optional<std::string> readLine() { return output_.readLine(); }
-  std::optional<std::string> readErrorLine() { return error_.readLine(); }
-  std::string readAllOutput() { return output_.readAll(); }
-  std::string readAllErrors() { return error_.readAll(); }
-  void signal(int number);
+  // The next line, without its end; none at the end of the stream.
+  std::optional<std::string> readLine();
+  std::string readAllOutput() { return readAll(output_); }
+  std::string readAllErrors() { return readAll(error_); }
+  void signal(int number) {
+    if (pid() > 0) ::kill(pid(), number);
+  }
   // Returns when the process has stopped, which is some time after it was told to.
   void stop();
   // The exit status, or minus the signal that ended it.
   int wait();
 
  private:
-  struct Stream {
-    bool readMore();
-    std::optional<std::string> readLine();
-    std::string readAll();
-    Platform::UniqueFd descriptor;
-    std::string unread;
+  struct Ending {
+    void operator()(pid_t* pid) const;
   };
-  void swap(ChildProcess& other) noexcept;
+  struct Closing {
+    void operator()(std::FILE* file) const { std::fclose(file); }
+  };
+  using Stream = std::unique_ptr<std::FILE, Closing>;
+  static std::string readAll(const Stream& stream);
 
-  int pid_ = -1;
-  Platform::UniqueFd input_;
-  Stream output_;
-  Stream error_;
+  std::unique_ptr<pid_t, Ending> pid_;
+  Stream input_, output_, error_;
 };
 
 std::size_t openDescriptors(int pid);

@@ -5,15 +5,11 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <array>
 #include <atomic>
 #include <future>
 #include <latch>
-#include <memory>
 #include <mutex>
-#include <vector>
 
-#include "Platform/Dispatch/DispatchQueue.h"
 #include "Platform/XPC/NSXPCListener.h"
 #include "Platform/XPC/NamedService.h"
 #include "Platform/XPC/Socket.h"
@@ -21,6 +17,8 @@
 
 namespace Platform {
 namespace {
+
+using namespace TestSupport;
 
 class Peer {
  public:
@@ -56,13 +54,24 @@ Value ask(const std::shared_ptr<NSXPCConnection>& connection, Value question) {
   return answer;
 }
 
-class Service final : public NSObject, public Peer, public NSXPCListenerDelegate {
+class Callee : public NSObject, public Peer {
+ public:
+  void echo(Value value, Reply<Value> reply) override {
+    if (onEcho) onEcho();
+    reply(std::move(value));
+    reply(Value("a second answer is ignored"_text));
+  }
+  void dropReply(Reply<bool>) override {}
+
+  std::function<void()> onEcho;
+};
+
+class Service final : public Callee, public NSXPCListenerDelegate {
  public:
   static std::shared_ptr<Service> start() {
     auto service = std::make_shared<Service>();
-    service->listener_ = NSXPCListener::anonymousListener();
-    service->listener_->setDelegate(service);
-    service->listener_->resume();
+    service->listening->setDelegate(service);
+    service->listening->resume();
     return service;
   }
 
@@ -71,39 +80,35 @@ class Service final : public NSObject, public Peer, public NSXPCListenerDelegate
     connection->setExportedInterface(NSXPCInterface::interfaceWithProtocol<Peer>());
     connection->setExportedObject(shared_from_this());
     {
-      const std::lock_guard lock(mutex);
-      last = connection;
+      const std::lock_guard lock(mutex_);
+      last_ = connection;
     }
     connection->resume();
     return true;
   }
 
-  void echo(Value value, Reply<Value> reply) override {
-    if (onEcho) onEcho();
-    reply(std::move(value));
-    reply(Value("a second answer is ignored"_text));
+  EndpointRef endpoint() const { return listening->endpoint(); }
+  // The connection that was accepted last; null once it has gone.
+  std::shared_ptr<NSXPCConnection> last() {
+    const std::lock_guard lock(mutex_);
+    return last_.lock();
   }
-  void dropReply(Reply<bool>) override {}
 
-  EndpointRef endpoint() const { return listener_->endpoint(); }
-  void stopListening() { listener_->invalidate(); }
-
-  std::function<void()> onEcho;
-  std::mutex mutex;
-  std::weak_ptr<NSXPCConnection> last;
+  const std::shared_ptr<NSXPCListener> listening = NSXPCListener::anonymousListener();
 
  private:
-  std::shared_ptr<NSXPCListener> listener_;
+  std::mutex mutex_;
+  std::weak_ptr<NSXPCConnection> last_;
 };
 
 class Connections : public testing::Test {
  protected:
-  TestSupport::PrivateRuntimeDirectory directory;
+  const TestSupport::PrivateRuntimeDirectory directory;
+  const std::shared_ptr<Service> service = Service::start();
+  const std::shared_ptr<NSXPCConnection> connection = connectionTo(service->endpoint());
 };
 
 TEST_F(Connections, CarryEveryKindOfValueAndKeepEndpointsConnectable) {
-  const auto service = Service::start();
-  const auto connection = connectionTo(service->endpoint());
   const Value values =
       Array{Array{Value(), true, false, Array{}, 0.0, -1.5, NSDate{-1e9}, Data{std::byte{255}}},
             Array{0, 23, 24, 255, 256, 65535, 65536, 4294967295u, 4294967296u, UINT64_MAX},
@@ -125,8 +130,6 @@ TEST_F(Connections, CarryEveryKindOfValueAndKeepEndpointsConnectable) {
 
 // In memory an item takes many times its byte on the wire.
 TEST_F(Connections, RefuseToSendAndToReadMoreItemsThanFitInMemory) {
-  const auto service = Service::start();
-  const auto connection = connectionTo(service->endpoint());
   const Value most = Array(Wire::mostItems - 1, NSDate{1});
   EXPECT_EQ(ask(connection, most), most);
   EXPECT_EQ(ask(connection, Array(Wire::mostItems, 1)), Value());
@@ -143,8 +146,6 @@ TEST_F(Connections, RefuseToSendAndToReadMoreItemsThanFitInMemory) {
 
 // What waits for the socket goes out many messages a call, which the kernel cuts anew.
 TEST_F(Connections, CarryEndpointsBetweenLongMessagesThatWaited) {
-  const auto service = Service::start();
-  const auto connection = connectionTo(service->endpoint());
   constexpr unsigned count = 400;
   std::latch answered(count);
   std::promise<void> sent;
@@ -163,16 +164,15 @@ TEST_F(Connections, CarryEndpointsBetweenLongMessagesThatWaited) {
 }
 
 TEST_F(Connections, LetHandlersAndReplyBlocksWaitForAnswers) {
-  const auto service = Service::start();
   const auto other = Service::start();
   service->onEcho = [&] { EXPECT_EQ(ask(connectionTo(other->endpoint()), 1), Value(1)); };
   // Both ends are in this process, so each nested call needs a worker while another one waits.
   constexpr int count = 40;
   std::latch answered(count);
   for (int i = 0; i < count; ++i) {
-    const auto connection = connectionTo(service->endpoint());
-    connection->remoteObjectProxy<Peer>()->echo(i, [&, connection](Value value) {
-      EXPECT_EQ(ask(connection, value), value);
+    const auto each = connectionTo(service->endpoint());
+    each->remoteObjectProxy<Peer>()->echo(i, [&, each](Value value) {
+      EXPECT_EQ(ask(each, value), value);
       answered.count_down();
     });
   }
@@ -180,8 +180,6 @@ TEST_F(Connections, LetHandlersAndReplyBlocksWaitForAnswers) {
 }
 
 TEST_F(Connections, AnswerWaitingCallsOfManyThreads) {
-  const auto service = Service::start();
-  const auto connection = connectionTo(service->endpoint());
   std::vector<std::future<void>> threads;
   for (int t = 0; t < 8; ++t) {
     threads.push_back(std::async(std::launch::async, [&, t] {
@@ -194,16 +192,16 @@ TEST_F(Connections, AnswerWaitingCallsOfManyThreads) {
 TEST_F(Connections, AnswerAWaitingCallThatFindsAWorkerReading) {
   const UniqueFd listening = bindTo(*namedServicePath("slow"_text));
   ASSERT_TRUE(listenOn(listening.get()));
-  const auto connection = NSXPCConnection::initWithMachServiceName("slow"_text);
-  connection->resume();
-  const auto proxy = connection->remoteObjectProxy<Peer>();
+  const auto slow = NSXPCConnection::initWithMachServiceName("slow"_text);
+  slow->resume();
+  const auto proxy = slow->remoteObjectProxy<Peer>();
   constexpr std::uint8_t calls = 10;
   std::promise<void> asked;
   proxy->echo({}, [&](Value) { asked.set_value(); });
   const UniqueFd peer(::accept4(listening.get(), nullptr, nullptr, SOCK_CLOEXEC));
   std::thread answering([&] {
     for (std::uint8_t serial = 1; serial <= calls; ++serial) {
-      std::array<std::byte, 256> request;
+      std::byte request[256];
       receive(peer.get(), request, Wait::yes);
       // Every second one, the waiting call, after longer than a worker stays with a connection.
       if (serial % 2 == 0) ::poll(nullptr, 0, 30);
@@ -214,7 +212,7 @@ TEST_F(Connections, AnswerAWaitingCallThatFindsAWorkerReading) {
   for (int call = 2; call <= calls; call += 2) {
     asked.get_future().wait();
     bool answered = false;
-    connection->synchronousRemoteObjectProxyWithErrorHandler<Peer>({})->echo(
+    slow->synchronousRemoteObjectProxyWithErrorHandler<Peer>({})->echo(
         {}, [&](Value) { answered = true; });
     EXPECT_TRUE(answered);
     asked = {};
@@ -224,8 +222,6 @@ TEST_F(Connections, AnswerAWaitingCallThatFindsAWorkerReading) {
 }
 
 TEST_F(Connections, TellBothFormsOfCallWhenTheAnswerCannotCome) {
-  const auto service = Service::start();
-  const auto connection = connectionTo(service->endpoint());
   std::promise<NSXPCConnectionError> dropped;
   connection->remoteObjectProxyWithErrorHandler<Peer>([&](auto error) { dropped.set_value(error); })
       ->dropReply([](bool) { FAIL() << "nobody answered"; });
@@ -234,7 +230,7 @@ TEST_F(Connections, TellBothFormsOfCallWhenTheAnswerCannotCome) {
   std::promise<void> invalidated;
   std::promise<NSXPCConnectionError> lost;
   connection->setInvalidationHandler([&] { invalidated.set_value(); });
-  service->onEcho = [&] { service->last.lock()->invalidate(); };
+  service->onEcho = [&] { service->last()->invalidate(); };
   connection->remoteObjectProxyWithErrorHandler<Peer>([&](auto error) { lost.set_value(error); })
       ->echo(1, [](Value) { FAIL() << "the peer had gone"; });
   EXPECT_EQ(lost.get_future().get(), NSXPCConnectionError::invalid);
@@ -246,8 +242,6 @@ TEST_F(Connections, TellBothFormsOfCallWhenTheAnswerCannotCome) {
 }
 
 TEST_F(Connections, WakeAWaitingCallWhenTheyAreInvalidated) {
-  const auto service = Service::start();
-  const auto connection = connectionTo(service->endpoint());
   std::promise<void> inside;
   std::promise<void> goOn;
   // Copied: the handler may outlive this test's frame.
@@ -266,7 +260,6 @@ TEST_F(Connections, WakeAWaitingCallWhenTheyAreInvalidated) {
 TEST_F(Connections, LeaveNoNameOfAListenerBehindForLong) {
   const std::string name = "/gantrel/.0123456789abcdef0123456789abcdef";
   const auto isThere = [&] { return ::access((directory.path() + name).c_str(), F_OK) == 0; };
-  const auto service = Service::start();
   const UniqueFd left = bindTo(directory.path() + name);
   {
     const UniqueFd folder(::open((directory.path() + "/gantrel").c_str(), O_RDONLY | O_CLOEXEC));
@@ -279,95 +272,63 @@ TEST_F(Connections, LeaveNoNameOfAListenerBehindForLong) {
 }
 
 TEST_F(Connections, AreRefusedByAListenerThatHasGone) {
-  const auto service = Service::start();
   const EndpointRef endpoint = service->endpoint();
   EXPECT_EQ(ask(connectionTo(endpoint), 1), Value(1));
-  service->stopListening();
+  service->listening->invalidate();
   EXPECT_EQ(ask(connectionTo(endpoint), 1), Value());
   EXPECT_EQ(service->endpoint(), nullptr);
 }
 
-class Callee final : public NSObject, public Peer {
- public:
-  explicit Callee(std::promise<void>* destroyed = nullptr) : destroyed_(destroyed) {}
-  ~Callee() override {
-    if (destroyed_) destroyed_->set_value();
-  }
-  void echo(Value value, Reply<Value> reply) override {
-    if (onEcho) onEcho();
-    last_ = std::move(value);
-    reply(last_);
-  }
-  void dropReply(Reply<bool>) override {}
-
-  std::function<void()> onEcho;
-
- private:
-  Value last_;
-  std::promise<void>* const destroyed_;
-};
-
 TEST_F(Connections, KeepTheExportedObjectUntilItsMethodHasReturned) {
-  const auto service = Service::start();
-  std::promise<void> destroyed;
-  auto isDestroyed = destroyed.get_future();
-  auto connection = NSXPCConnection::initWithListenerEndpoint(service->endpoint());
-  auto callee = std::make_shared<Callee>(&destroyed);
+  auto both = NSXPCConnection::initWithListenerEndpoint(service->endpoint());
+  auto callee = std::make_shared<Callee>();
+  const std::weak_ptr watched = callee;
   callee->onEcho = [&] {
-    connection.reset();
-    EXPECT_EQ(isDestroyed.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
+    both.reset();
+    EXPECT_FALSE(watched.expired());
   };
-  connection->setExportedInterface(NSXPCInterface::interfaceWithProtocol<Peer>());
-  connection->setExportedObject(std::exchange(callee, nullptr));
-  connection->resume();
-  service->onEcho = [&] {
-    service->last.lock()->remoteObjectProxy<Peer>()->echo("of some length, on the heap"_text,
-                                                          [](Value) {});
-  };
-  connection->remoteObjectProxy<Peer>()->echo(1, [](Value) {});
-  isDestroyed.wait();
+  both->setExportedInterface(NSXPCInterface::interfaceWithProtocol<Peer>());
+  both->setExportedObject(std::exchange(callee, nullptr));
+  both->resume();
+  service->onEcho = [&] { service->last()->remoteObjectProxy<Peer>()->echo(2, [](Value) {}); };
+  both->remoteObjectProxy<Peer>()->echo(1, [](Value) {});
+  EXPECT_TRUE(eventually([&] { return watched.expired(); }));
 }
 
 // Both sides call each other while one of them ends it, in every way and from every thread.
 TEST_F(Connections, MayEndAnywhereWhileCallsAreUnderWay) {
-  const auto service = Service::start();
+  ask(connection, 1);  // it is accepted by then
   // Copied: the last calls may outlive this test's frame.
-  const auto lastAccepted = [weak = std::weak_ptr(service)]() -> std::shared_ptr<NSXPCConnection> {
-    const auto strong = weak.lock();
-    if (!strong) return nullptr;
-    const std::lock_guard lock(strong->mutex);
-    return strong->last.lock();
-  };
-  const auto endLastAccepted = [lastAccepted] {
-    if (const auto accepted = lastAccepted()) accepted->invalidate();
-  };
   const auto way = std::make_shared<std::atomic<int>>();
-  service->onEcho = [=] {
-    const auto accepted = lastAccepted();
-    if (accepted) accepted->remoteObjectProxy<Peer>()->echo("back"_text, [](Value) {});
-    if (*way == 0) endLastAccepted();
+  const auto endLast = [own = service.get()] {
+    if (const auto accepted = own->last()) accepted->invalidate();
   };
-  const std::size_t atFirst = TestSupport::openDescriptors(::getpid());
-  const int rounds = TestSupport::isSanitized ? 200 : 2000;
+  service->onEcho = [own = service.get(), endLast, way] {
+    if (const auto accepted = own->last()) {
+      accepted->remoteObjectProxy<Peer>()->echo("back"_text, [](Value) {});
+    }
+    if (*way == 0) endLast();
+  };
+  const std::size_t atFirst = openDescriptors(::getpid());
+  const int rounds = isSanitized ? 200 : 2000;
   for (int round = 0; round < rounds; ++round) {
     *way = round % 5;
-    auto connection = NSXPCConnection::initWithListenerEndpoint(service->endpoint());
-    connection->setExportedInterface(NSXPCInterface::interfaceWithProtocol<Peer>());
-    connection->setExportedObject(std::make_shared<Callee>());
-    connection->setInvalidationHandler([times = std::make_shared<int>()] { ++*times; });
-    connection->resume();
-    auto proxy = connection->remoteObjectProxyWithErrorHandler<Peer>([](auto) {});
+    auto each = NSXPCConnection::initWithListenerEndpoint(service->endpoint());
+    each->setExportedInterface(NSXPCInterface::interfaceWithProtocol<Peer>());
+    each->setExportedObject(std::make_shared<Callee>());
+    each->setInvalidationHandler([times = std::make_shared<int>()] { ++*times; });
+    each->resume();
+    auto proxy = each->remoteObjectProxyWithErrorHandler<Peer>([](auto) {});
     for (int i = 0; i < 5; ++i) proxy->echo(i, [](Value) {});
     std::future<void> other;
-    if (*way == 1) other = std::async(std::launch::async, [&] { connection->invalidate(); });
-    if (*way == 2) proxy->echo({}, [own = connection](Value) mutable { own.reset(); });
-    if (*way == 3) proxy->echo({}, [=](Value) { endLastAccepted(); });
-    if (*way != 4) ask(connection, 1);
+    if (*way == 1) other = std::async(std::launch::async, [&] { each->invalidate(); });
+    if (*way == 2) proxy->echo({}, [own = each](Value) mutable { own.reset(); });
+    if (*way == 3) proxy->echo({}, [endLast, keep = service](Value) { endLast(); });
+    if (*way != 4) ask(each, 1);
     proxy.reset();
     if (other.valid()) other.wait();
   }
-  EXPECT_TRUE(
-      TestSupport::eventually([&] { return TestSupport::openDescriptors(::getpid()) <= atFirst; }));
+  EXPECT_TRUE(eventually([&] { return openDescriptors(::getpid()) <= atFirst; }));
 }
 
 }  // namespace
