@@ -12,6 +12,7 @@
 #include <optional>
 #include <span>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "Platform/Runtime/Text.h"
@@ -117,7 +118,10 @@ class Decoder {
   bool wrongClass_ = false;
 };
 
-// The types that an interface may use. To add one, add its pair here.
+// The types that an interface may use. To add one, add its pair here. What has none is not turned
+// into what has one.
+template <class T>
+void encode(Encoder& encoder, const T& value) = delete;
 void encode(Encoder& encoder, bool boolean);
 void encode(Encoder& encoder, const Text& text);
 void encode(Encoder& encoder, const EndpointRef& endpoint);
@@ -131,11 +135,19 @@ void decode(Decoder& decoder, EndpointRef& endpoint);  // nil is of the wrong cl
 void decode(Decoder& decoder, std::optional<EndpointRef>& endpoint);
 void decode(Decoder& decoder, Value& value);
 
-// Whether a type may stand in an interface.
 template <class T>
 concept WireType = requires(Encoder& encoder, Decoder& decoder, T& value) {
   encode(encoder, std::as_const(value));
   decode(decoder, value);
+};
+
+// Says so, at compile time, when a type may not stand in an interface.
+template <class T>
+struct RequireWireType {
+  static_assert(WireType<T>,
+                "an argument or answer is a bool, a Text, an EndpointRef, an optional EndpointRef "
+                "or a Value, see \"Types\" in Documentation/quickstart.md");
+  static constexpr bool holds = true;
 };
 
 }  // namespace Platform

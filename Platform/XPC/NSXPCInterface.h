@@ -19,8 +19,8 @@
 //   };
 //
 // Methods return nothing; one that answers takes a reply block as its last argument. Argument and
-// reply types are those of Codec.h. A method missing from the table, listed twice, or with a
-// selector that does not fit its arguments does not compile.
+// reply types are those of Codec.h. A method of other types, missing from the table, listed twice,
+// or with a selector that does not fit its arguments does not compile.
 #pragma once
 
 #include <algorithm>
@@ -64,32 +64,32 @@ struct MethodTraits {
 };
 
 template <class T>
-struct ReplyTraits {
+struct ArgumentTraits {
   static constexpr bool isReply = false;
+  static_assert(RequireWireType<T>::holds);
 };
 
 template <class... Values>
-struct ReplyTraits<Reply<Values...>> {
+struct ArgumentTraits<Reply<Values...>> {
   static constexpr bool isReply = true;
-  static_assert((WireType<Values> && ...), "a reply's types must have a codec: see Codec.h");
+  static_assert((RequireWireType<std::remove_cvref_t<Values>>::holds && ...));
 };
 
 template <class... Arguments>
-constexpr bool lastIsReply() {
-  if constexpr (sizeof...(Arguments) == 0) {
-    return false;
-  } else {
-    return ReplyTraits<
-        std::tuple_element_t<sizeof...(Arguments) - 1, std::tuple<Arguments...>>>::isReply;
-  }
-}
+constexpr bool lastIsReply = false;
+template <class First, class... Others>
+constexpr bool lastIsReply<First, Others...> =
+    std::tuple_element_t<sizeof...(Others),
+                         std::tuple<ArgumentTraits<First>, ArgumentTraits<Others>...>>::isReply;
 
 template <class InterfaceType, class... ArgumentTypes>
 struct MethodTraits<void (InterfaceType::*)(ArgumentTypes...)> {
   using Interface = InterfaceType;
   using ArgumentTuple = std::tuple<std::remove_cvref_t<ArgumentTypes>...>;
   static constexpr std::size_t argumentCount = sizeof...(ArgumentTypes);
-  static constexpr bool hasReply = lastIsReply<std::remove_cvref_t<ArgumentTypes>...>();
+  static constexpr bool hasReply = lastIsReply<std::remove_cvref_t<ArgumentTypes>...>;
+  static_assert((0 + ... + ArgumentTraits<std::remove_cvref_t<ArgumentTypes>>::isReply) == hasReply,
+                "a reply block is a method's last argument");
   static constexpr std::size_t valueCount = argumentCount - (hasReply ? 1 : 0);
 };
 

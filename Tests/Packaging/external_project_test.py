@@ -58,6 +58,25 @@ class ExternalProject(unittest.TestCase):
                 cwd=self.folder)
         self.assert_that_they_find_each_other(self.folder)
 
+    def test_is_told_which_types_an_interface_may_use(self):
+        arguments, answers = ("int", "const char*"), ("double", "std::pair<bool, bool>")
+        source = f"""
+            #include "Platform/XPC/NSXPCConnection.h"
+            struct Wrong {{
+              virtual void wrong({", ".join(arguments)}, const Platform::Text&,
+                                 Platform::Reply<Platform::Value, {", ".join(answers)}>) = 0;
+              static consteval auto protocol() {{
+                return Platform::Protocol("Wrong", Platform::method<&Wrong::wrong>("a:b:c:d:"));
+              }}
+            }};
+            constexpr auto name = Wrong::protocol().name;"""
+        done = subprocess.run(["g++", "-std=c++20", "-fsyntax-only", *flags("--cflags"), "-x", "c++", "-"],
+                              input=source, text=True, stderr=subprocess.PIPE)
+        for wrong in arguments + answers:
+            self.assertRegex(done.stderr, rf"RequireWireType<{re.escape(wrong)} ?>.*\n.*error: static assertion failed: "
+                                          r".*bool, .*Documentation/quickstart\.md")
+        self.assertNotIn("Value>", "".join(re.findall("struct .*RequireWireType<.*?>", done.stderr)))
+
     def test_can_include_each_header_alone_and_sees_no_system_header(self):
         headers = sorted((PREFIX / "include/gantrel").rglob("*.h"))
         self.assertGreater(len(headers), 20)
