@@ -61,23 +61,28 @@ TEST(WorkerPool, BringsInWorkersWhileTasksBlock) {
 }
 
 struct Waiting final : ReadinessHandler {
+  explicit Waiting(std::promise<void>& atEnd) : ended(atEnd) {}
+  ~Waiting() {
+    watch = {};
+    ended.set_value();
+  }
   void ready(std::uint32_t) override {
     called.set_value();
     goOn.get_future().wait();
   }
+  const UniqueFd descriptor{::eventfd(1, EFD_CLOEXEC)};
   Watch watch;
   std::promise<void> called, goOn;
+  std::promise<void>& ended;
 };
 
 TEST(WorkerPool, IsTheLastOwnerOfAHandlerThatStillWatches) {
-  const auto descriptor = UniqueFd(::eventfd(1, EFD_CLOEXEC));
-  auto handler = std::make_shared<Waiting>();
-  handler->watch = WorkerPool::shared().watch(descriptor.get(), EPOLLIN, handler);
+  std::promise<void> ended;
+  auto handler = std::make_shared<Waiting>(ended);
+  handler->watch = WorkerPool::shared().watch(handler->descriptor.get(), EPOLLIN, handler);
   handler->called.get_future().wait();
   std::exchange(handler, nullptr)->goOn.set_value();
-  std::promise<void> done;
-  dispatch_async(dispatch_queue_create("test", DISPATCH_QUEUE_SERIAL), [&] { done.set_value(); });
-  done.get_future().wait();
+  ended.get_future().wait();
 }
 
 }  // namespace
