@@ -65,8 +65,8 @@ def frame(message, declared=0, length=None):
 class Connection:
     def __init__(self, path):
         self.socket = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+        self.socket.connect(path)  # before there is a timeout: with one it would fail where it has to wait
         self.socket.settimeout(PATIENCE)
-        self.socket.connect(path)
         self.descriptors = array.array("i")  # received, and not yet taken by a frame
 
     def send_raw(self, data, descriptors=()):
