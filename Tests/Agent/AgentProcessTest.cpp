@@ -182,7 +182,10 @@ TEST_F(Agents, AreExplainedToPeopleByTheExamples) {
             "not a list of meetings");
   complains({menuApp, "open", "\xff"}, "UTF-8");
   complains({menuApp, "new"}, "/nowhere\\x1b", {"XDG_RUNTIME_DIR=/nowhere\x1b[31m"});
-  complains({menuApp, "new"}, "open to other users", {"XDG_RUNTIME_DIR=/usr"});
+  const std::filesystem::path open = directory.path() + "/open";
+  std::filesystem::create_directory(open);
+  std::filesystem::permissions(open, std::filesystem::perms(0755));
+  complains({menuApp, "new"}, "open to other users", {"XDG_RUNTIME_DIR=" + open.string()});
   ChildProcess agent = startAgent();
   complains({menuApp, "upcoming"}, "the main application is not running");
   ChildProcess application({mainApp, meetingsFile});
