@@ -146,7 +146,9 @@ class RunningApplicationsObservation::State final
     if (!observer) return;
     Dictionary change;
     change[NSKeyValueChangeKindKey] = static_cast<std::uint64_t>(kind);
-    change[key] = Array(1, instance);
+    Array changed;
+    changed.emplace_back(instance);
+    change[key] = std::move(changed);
     NSRunningApplication::told_ = &running_;
     observer->observeValueForKeyPath(keyPath, nullptr, &change, context_);
     NSRunningApplication::told_ = nullptr;
