@@ -22,7 +22,8 @@ class AppLaunchTerminationObservation {
   AppLaunchTerminationObservation(std::shared_ptr<AppLaunchTerminationListener> listener,
                                   std::initializer_list<GApp> apps);
 
-  // False when the system has nothing to observe (Platform::runtimeDirectoryProblem may say why).
+  // False when nothing can be observed: Platform::NSRunningApplication::folderProblem says why, or
+  // the user has no inotify instance left, or the process no descriptor.
   explicit operator bool() const { return static_cast<bool>(observation_); }
 
   // The counts that the listener started from: whoever waits for an application looks here first,

@@ -20,19 +20,21 @@ std::string base() {
   return "/run/user/" + std::to_string(::geteuid());
 }
 
-// Empty when `path` is a directory that only this user can enter.
-std::string problemWith(const std::string& path) {
+// Empty when `path` is a directory that only this user can enter. `kind` is what people call it.
+std::string problemWith(const std::string& kind, const std::string& path) {
+  const std::string that = kind + " " + path;
+  const std::string mend = ": chmod 700 " + path + " mends it";
   const UniqueFd directory(::open(path.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   struct stat status {};
   if (!directory.isValid() || ::fstat(directory.get(), &status) != 0) {
-    return "the runtime directory " + path + " cannot be used: " + std::strerror(errno);
+    return that + " cannot be used: " + std::strerror(errno);
   }
-  if (status.st_uid != ::geteuid())
-    return "the runtime directory " + path + " belongs to another user";
-  if ((status.st_mode & 077) != 0)
-    return "the runtime directory " + path + " is open to other users";
-  if (::faccessat(AT_FDCWD, path.c_str(), W_OK | X_OK, AT_EACCESS) != 0) {
-    return "the runtime directory " + path + " is not writable";
+  if (status.st_uid != ::geteuid()) {
+    return that + " belongs to another user: set XDG_RUNTIME_DIR to a private folder of your own";
+  }
+  if ((status.st_mode & 077) != 0) return that + " is open to other users" + mend;
+  if (::faccessat(AT_FDCWD, path.c_str(), R_OK | W_OK | X_OK, AT_EACCESS) != 0) {
+    return that + " cannot be read and written" + mend;
   }
   return {};
 }
@@ -42,26 +44,31 @@ std::string problemMaking(const std::string& path) {
   if (::mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) {
     return "the folder " + path + " cannot be made: " + std::strerror(errno);
   }
-  return problemWith(path);
+  return problemWith("the folder", path);
+}
+
+// Makes `path` the path of <runtime>/gantrel, or of the folder `below` in it. Empty when it is one.
+std::string problemFinding(std::string& path, std::string_view below) {
+  path = base();
+  std::string problem = problemWith("the runtime directory", path);
+  path += "/gantrel";
+  if (problem.empty()) problem = problemMaking(path);
+  if (below.empty()) return problem;
+  path.append("/").append(below);
+  return problem.empty() ? problemMaking(path) : problem;
 }
 
 }  // namespace
 
 std::optional<std::string> runtimeDirectory(std::string_view below) {
-  std::string path = base();
-  if (!problemWith(path).empty()) return std::nullopt;
-  path += "/gantrel";
-  if (!problemMaking(path).empty()) return std::nullopt;
-  if (below.empty()) return path;
-  path.append("/").append(below);
-  if (!problemMaking(path).empty()) return std::nullopt;
+  std::string path;
+  if (!problemFinding(path, below).empty()) return std::nullopt;
   return path;
 }
 
-std::string runtimeDirectoryProblem() {
-  const std::string path = base();
-  const std::string problem = problemWith(path);
-  return problem.empty() ? problemMaking(path + "/gantrel") : problem;
+std::string runtimeDirectoryProblem(std::string_view below) {
+  std::string path;
+  return problemFinding(path, below);
 }
 
 }  // namespace Platform

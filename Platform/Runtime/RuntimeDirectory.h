@@ -16,8 +16,8 @@ namespace Platform {
 // safely. Reads the environment at each call. Any thread.
 std::optional<std::string> runtimeDirectory(std::string_view below = {});
 
-// Why runtimeDirectory gives none, as a sentence for people, without a final full stop and not
-// escaped; empty when it gives a path.
-std::string runtimeDirectoryProblem();
+// Why runtimeDirectory gives none, with what mends it, as a sentence for people, without a final
+// full stop and not escaped; empty when it gives a path.
+std::string runtimeDirectoryProblem(std::string_view below = {});
 
 }  // namespace Platform

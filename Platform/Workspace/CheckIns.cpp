@@ -10,11 +10,19 @@
 #include <cerrno>
 #include <climits>
 #include <filesystem>
+#include <iterator>
+#include <random>
 
 #include "Platform/Runtime/RuntimeDirectory.h"
 
 namespace Platform::CheckIns {
 namespace {
+
+constexpr const char* folderName = "applications";
+
+// At a check-in: how many names of the folder are read, and how many of the files looked at.
+constexpr std::size_t mostNames = 1024;
+constexpr std::size_t mostLooks = 32;
 
 constexpr std::size_t uniqueLength = 32;
 constexpr std::string_view lowerDigits = "0123456789abcdef";
@@ -78,15 +86,37 @@ struct flock wholeFile(short type) {
   return lock;
 }
 
+// Removes some of what ended processes have left. Chance says which files it looks at, so that many
+// that run cannot hide the others for good.
+void removeLeftovers(const std::string& folder) {
+  std::vector<std::string> names;
+  std::error_code error;
+  for (std::filesystem::directory_iterator entry(folder, error), end;
+       !error && entry != end && names.size() < mostNames; entry.increment(error)) {
+    names.push_back(entry->path().filename().native());
+  }
+  std::vector<std::string> chosen;
+  std::sample(names.begin(), names.end(), std::back_inserter(chosen), mostLooks,
+              std::minstd_rand(std::random_device()()));
+  for (const std::string& name : chosen) {
+    if (isTemporary(name) || bundleIdentifierOf(name)) presence(folder, name);
+  }
+}
+
 }  // namespace
 
 std::optional<std::string> folder() {
-  return runtimeDirectory("applications");
+  return runtimeDirectory(folderName);
+}
+
+std::string folderProblem() {
+  return runtimeDirectoryProblem(folderName);
 }
 
 UniqueFd checkIn(const Text& bundleIdentifier) {
   const auto in = folder();
   if (!in) return {};
+  removeLeftovers(*in);
   // Whoever looks through the folder takes the file for a leftover when it is not locked yet, and
   // removes it: then once more.
   for (int attempt = 0; attempt < 32; ++attempt) {

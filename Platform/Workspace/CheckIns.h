@@ -5,7 +5,9 @@
 // process ends, however it ends: running means that the lock is held. The file is made and locked
 // under a temporary name and then renamed, so that a final name that is found unlocked is an
 // instance that has ended, at any time; whoever finds it removes it. UNIQUE is never used twice, so
-// removing needs no lock.
+// removing needs no lock. Whoever looks through the folder does so, and so does whoever checks in,
+// within bounds: a launch leaves one file at most and removes several, so that they do not gather
+// where nobody looks.
 //
 // IDENTIFIER is the bundle identifier with each byte other than ASCII letters, digits, '-', '_' and
 // '.' written as %XX, and so a leading '.': any text becomes one file name, and those that begin
@@ -33,8 +35,12 @@
 // All functions: any thread.
 namespace Platform::CheckIns {
 
-// The path of the folder, made when missing. None without a runtime directory.
+// The path of the folder, made when missing. None without a runtime directory, and when others than
+// the user can enter the folder or the user cannot.
 std::optional<std::string> folder();
+
+// Why there is none: as runtimeDirectoryProblem.
+std::string folderProblem();
 
 // Checks in. The instance lasts for as long as the descriptor is open, at most until the process
 // ends. Empty when the user has no runtime directory, the identifier is too long for a file name,

@@ -23,6 +23,10 @@ std::shared_ptr<NSRunningApplication> NSRunningApplication::currentApplication()
   return current = std::make_shared<NSRunningApplication>(identifier);
 }
 
+std::string NSRunningApplication::folderProblem() {
+  return CheckIns::folderProblem();
+}
+
 std::vector<std::shared_ptr<NSRunningApplication>>
 NSRunningApplication::runningApplicationsWithBundleIdentifier(const Text& bundleIdentifier) {
   std::vector<std::shared_ptr<NSRunningApplication>> found;

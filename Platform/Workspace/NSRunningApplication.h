@@ -23,12 +23,16 @@ class NSRunningApplication : public NSObject {
       : bundleIdentifier_(std::move(bundleIdentifier)) {}
 
   // This process's own instance. The first call checks it in, until the process ends. Null when it
-  // cannot check in: it has no bundle identifier, or one too long for a file name, or there is no
-  // runtime directory (runtimeDirectoryProblem says why); a later call tries again.
+  // cannot check in: it has no bundle identifier, or one too long for a file name, folderProblem
+  // says what is wrong, or the system has no descriptor or room; a later call tries again.
   static std::shared_ptr<NSRunningApplication> currentApplication();
 
+  // What is wrong with the folder in which applications show themselves, with what mends it, as a
+  // sentence for people, without a final full stop and not escaped; empty when nothing is.
+  static std::string folderProblem();
+
   // The instances now running with this bundle identifier, this process's own included; none where
-  // they cannot be looked for (no runtime directory, no descriptor left). In a call of an observer
+  // they cannot be looked for (folderProblem, no descriptor left). In a call of an observer
   // (RunningApplicationsObservation.h): those that it has been told of, so that it sees each launch
   // and each end by itself, however many there are at once.
   static std::vector<std::shared_ptr<NSRunningApplication>> runningApplicationsWithBundleIdentifier(

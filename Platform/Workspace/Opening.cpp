@@ -14,7 +14,9 @@ extern "C" {
 
 #include <cerrno>
 #include <chrono>
+#include <cstdlib>
 #include <memory>
+#include <sstream>
 #include <utility>
 #include <vector>
 
@@ -23,6 +25,9 @@ extern "C" {
 
 namespace Platform {
 namespace {
+
+constexpr const char* addressOpener = "xdg-open";
+constexpr const char* mailOpener = "xdg-email";
 
 constexpr auto patience = std::chrono::seconds(2);
 
@@ -81,7 +86,17 @@ bool endsInTime(const UniqueFd& process) {
   }
 }
 
+// The status of a child is thrown away, with its number, where SIGCHLD is ignored.
+void stopIgnoringChildren() {
+  struct sigaction action {};
+  if (::sigaction(SIGCHLD, nullptr, &action) == 0 && action.sa_handler == SIG_IGN) {
+    ::signal(SIGCHLD, SIG_DFL);
+  }
+}
+
 bool open(const std::vector<std::string>& arguments) {
+  stopIgnoringChildren();
+
   const pid_t pid = start(arguments);
   if (pid < 0) return false;
   // The number stays the child's until its status is taken, which nobody else does.
@@ -101,21 +116,39 @@ bool isArgument(const std::string& text) {
   return !text.empty() && text.front() != '-' && text.find('\0') == text.npos;
 }
 
+bool isOnPath(const std::string& program) {
+  const char* const path = std::getenv("PATH");
+  std::istringstream folders(path ? path : "/bin:/usr/bin");
+  for (std::string folder; std::getline(folders, folder, ':');) {
+    if (::access((folder + "/" + program).c_str(), X_OK) == 0) return true;
+  }
+  return false;
+}
+
 }  // namespace
 
 bool openAddress(const std::string& address) {
-  return isArgument(address) && open({"xdg-open", address});
+  return isArgument(address) && open({addressOpener, address});
 }
 
 bool openMail(const Mail& mail) {
   if (!isArgument(mail.recipient) || !isArgument(mail.subject)) return false;
-  std::vector<std::string> arguments = {"xdg-email", "--utf8", "--subject", mail.subject};
+  std::vector<std::string> arguments = {mailOpener, "--utf8", "--subject", mail.subject};
   if (mail.attachment) {
     if (!isArgument(*mail.attachment)) return false;
     arguments.insert(arguments.end(), {"--attach", *mail.attachment});
   }
   arguments.push_back(mail.recipient);
   return open(arguments);
+}
+
+std::string missingOpener() {
+  for (const char* const opener : {addressOpener, mailOpener}) {
+    if (!isOnPath(opener)) {
+      return std::string(opener) + " is not installed: it comes with the package xdg-utils";
+    }
+  }
+  return {};
 }
 
 }  // namespace Platform

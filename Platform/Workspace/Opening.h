@@ -21,8 +21,13 @@ struct Mail {
 };
 
 // Both wait at most two seconds; false when there is no opener, it cannot be started, or it failed.
-// Any thread. They need a process that does not ignore SIGCHLD.
+// Any thread. A process that ignores SIGCHLD, as whoever started it may have made it, does so no
+// longer afterwards: how an opener ends could not be seen.
 bool openAddress(const std::string& address);
 bool openMail(const Mail& mail);
+
+// Which opener is missing on this machine, and where to get it, as a sentence for people without a
+// final full stop; empty when none is, so that it is an opener that failed. Any thread.
+std::string missingOpener();
 
 }  // namespace Platform

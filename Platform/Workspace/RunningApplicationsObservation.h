@@ -36,7 +36,8 @@ class RunningApplicationsObservation {
   RunningApplicationsObservation(const RunningApplicationsObservation&) = delete;
   RunningApplicationsObservation& operator=(const RunningApplicationsObservation&) = delete;
 
-  // False when nothing can be observed: no runtime directory, or no room in the system.
+  // False when nothing can be observed: NSRunningApplication::folderProblem says why, or the user
+  // has no inotify instance left, or the process no descriptor.
   explicit operator bool() const { return state_ != nullptr; }
 
   // The instances that changes will be told relative to. Before resume.

@@ -78,6 +78,19 @@ TEST_F(CheckInsTest, StrangersFilesNeverCountAndStayAsTheyWere) {
   EXPECT_FALSE(std::filesystem::exists(at("b@$")) || std::filesystem::exists(at(".$")));
 }
 
+TEST_F(CheckInsTest, WhoeverChecksInRemovesSomeOfWhatEndedOnesLeft) {
+  const auto files = [&] { return std::distance(std::filesystem::directory_iterator(folder), {}); };
+  std::vector<UniqueFd> running;
+  running.push_back(checkIn("a"_text));
+  for (int i = 100; i < 200; ++i) {
+    std::ofstream(folder / ((i % 2 == 0 ? "a@" : ".") + std::string(29, '0') + std::to_string(i)));
+  }
+  running.push_back(checkIn("a"_text));
+  EXPECT_GT(files(), 50) << "there may be very many";
+  for (int i = 0; i < 5; ++i) running.push_back(checkIn("a"_text));
+  EXPECT_EQ(files(), 7) << "those that run";
+}
+
 TEST_F(CheckInsTest, AnApplicationIsItsBundleAndWithoutOneChecksInNowhere) {
   EXPECT_EQ(ChildProcess({testApplication}).readLine(), "none");
   const auto contents = std::filesystem::path(runtime.path()) / "Test.app/Contents";

@@ -12,7 +12,10 @@ namespace {
 TEST(Opening, HandsOverExactlyWhatIsToBeOpened) {
   TestSupport::StandInOpeners openers;
   openers.add("xdg-open", "");
+  EXPECT_NE(missingOpener().find("xdg-email"), std::string::npos);
   openers.add("xdg-email", "");
+  EXPECT_EQ(missingOpener(), "");
+  ::signal(SIGCHLD, SIG_IGN);  // as a process may inherit it
   EXPECT_TRUE(openAddress("https://a.example/?q='b c'&$(d);`e`"));
   EXPECT_EQ(openers.arguments(), "xdg-open|https://a.example/?q='b c'&$(d);`e`|");
   EXPECT_TRUE(openMail({"a@b.example", "c", "/d e"}));
