@@ -1,8 +1,6 @@
 #include "Shared/Commands.h"
 
 #include <chrono>
-#include <optional>
-#include <string>
 
 #include "Platform/Workspace/LogExcerpt.h"
 #include "Platform/Workspace/Opening.h"
@@ -13,13 +11,15 @@ namespace Gantrel_Sync_Helper {
 
 using namespace Platform;
 
-void OpenHelpCenterCommand::execute() {
-  openAddress(std::string(Addresses::helpCenter));
+bool OpenHelpCenterCommand::execute() {
+  return openAddress(std::string(Addresses::helpCenter));
 }
 
-void StatefulCommand::execute() {
+bool StatefulCommand::execute() {
   reach(CommandState::executing);
-  reach(carryOut() ? CommandState::finished : CommandState::failed);
+  const bool done = carryOut();
+  reach(done ? CommandState::finished : CommandState::failed);
+  return done;
 }
 
 void StatefulCommand::reach(CommandState state) {
@@ -38,10 +38,14 @@ bool SupportCommand::carryOut() {
 }
 
 bool SendLogsToSupportCommand::carryOut() {
-  const std::optional<std::string> file =
-      writeLogExcerpt({mainAppBundleIdentifier, menuAppBundleIdentifier, agentAppBundleIdentifier},
-                      std::chrono::hours(24));
+  const std::optional<std::string> file = writeLogForSupport();
   return file && openMail({std::string(Addresses::supportMail), "Gantrel logs", *file});
+}
+
+std::optional<std::string> writeLogForSupport() {
+  return writeLogExcerpt(
+      {mainAppBundleIdentifier, menuAppBundleIdentifier, agentAppBundleIdentifier},
+      std::chrono::hours(24));
 }
 
 }  // namespace Gantrel_Sync_Helper

@@ -8,6 +8,8 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
+#include <string>
 
 #include "Shared/CommandState.h"
 
@@ -17,9 +19,9 @@ class ExecutableCommandProtocol {
  public:
   virtual ~ExecutableCommandProtocol() = default;
 
-  // Carries the command out and returns when it is done. Waits for the desktop's opener, at most
-  // some seconds.
-  virtual void execute() = 0;
+  // Carries the command out and returns when it has ended: whether what the user asked for was
+  // done. Waits for the desktop's opener, at most some seconds.
+  virtual bool execute() = 0;
 };
 
 class StateUpdatableCommandProtocol {
@@ -48,7 +50,7 @@ class UndoableCommandProtocol {
 class OpenHelpCenterCommand final : public ExecutableCommandProtocol {
  public:
   // Opens the help centre's page.
-  void execute() override;
+  bool execute() override;
 };
 
 // What the commands with a state have in common. A new one is at `none` and has no callback;
@@ -56,7 +58,7 @@ class OpenHelpCenterCommand final : public ExecutableCommandProtocol {
 // each step, once the state is set.
 class StatefulCommand : public ExecutableCommandProtocol, public StateUpdatableCommandProtocol {
  public:
-  void execute() final;
+  bool execute() final;
 
   StateUpdated stateUpdated() const final { return stateUpdated_; }
   void setStateUpdated(StateUpdated stateUpdated) final { stateUpdated_ = std::move(stateUpdated); }
@@ -83,10 +85,14 @@ class SupportCommand final : public StatefulCommand {
   bool carryOut() override;
 };
 
-// Opens a mail to support with what the product's applications logged in the last day. Fails when
-// there is nothing of the kind.
+// Opens a mail to support with the log for support. Fails when there is none.
 class SendLogsToSupportCommand final : public StatefulCommand {
   bool carryOut() override;
 };
+
+// Writes what the product's applications logged to the journal in the last day to a file of the
+// user's, and gives its path. None when there is nothing of the kind, or the file cannot be written
+// (LogExcerpt.h).
+std::optional<std::string> writeLogForSupport();
 
 }  // namespace Gantrel_Sync_Helper

@@ -24,7 +24,7 @@ void expectStates(const States& expected) {
   };
   updatable.setStateUpdated(std::make_shared<decltype(told)>(told));
   ExecutableCommandProtocol& executable = command;
-  executable.execute();
+  EXPECT_EQ(executable.execute(), expected.back() == finished);
   EXPECT_EQ(states, expected);
 }
 
@@ -33,10 +33,11 @@ TEST(Commands, OpenWhatTheyNameAndGoThroughTheirStates) {
   ::setenv("XDG_STATE_HOME", openers.file("state").c_str(), 1);
   expectStates<FeedbackAndSupportCommand>({executing, failed});
   expectStates<SendLogsToSupportCommand>({executing, failed});
+  EXPECT_FALSE(OpenHelpCenterCommand().execute());
   EXPECT_EQ(openers.arguments(), "") << "there is no opener";
   openers.add("xdg-open", "");
   openers.add("xdg-email", "");
-  OpenHelpCenterCommand().execute();
+  EXPECT_TRUE(OpenHelpCenterCommand().execute());
   EXPECT_EQ(openers.arguments(), "xdg-open|https://gantrel.example/help|");
   expectStates<FeedbackAndSupportCommand>({executing, finished});
   EXPECT_EQ(openers.arguments(), "xdg-open|https://gantrel.example/feedback|");
