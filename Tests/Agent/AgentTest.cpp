@@ -1,9 +1,5 @@
 #include "GantrelAgent/Agent.h"
 
-#include <gtest/gtest.h>
-
-#include <future>
-
 #include "Shared/GApp.h"
 #include "Tests/Support/TestProcess.h"
 

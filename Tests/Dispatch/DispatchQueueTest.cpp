@@ -8,8 +8,6 @@
 #include <atomic>
 #include <future>
 #include <latch>
-#include <utility>
-#include <vector>
 
 #include "Platform/Dispatch/WorkerPool.h"
 #include "Platform/Runtime/UniqueFd.h"
@@ -19,20 +17,18 @@ namespace {
 
 TEST(DispatchQueue, RunsOneTaskAtATimeInTheOrderAppendedFromManyThreads) {
   const auto queue = dispatch_queue_create("test", DISPATCH_QUEUE_SERIAL);
-  constexpr int threads = 8;
   constexpr int tasks = 2000;
-  std::vector<int> last(threads, -1);
+  int ran[8] = {};  // tasks of each thread
   std::atomic<int> inside = 0;
-  std::latch done(threads * tasks);
+  std::latch done(std::size(ran) * tasks);
   std::vector<std::future<void>> appenders;
-  for (int t = 0; t < threads; ++t) {
-    appenders.push_back(std::async(std::launch::async, [&, t] {
+  for (int& own : ran) {
+    appenders.push_back(std::async(std::launch::async, [&] {
       for (int i = 0; i < tasks; ++i) {
-        dispatch_async(queue, [&, t, i] {
+        dispatch_async(queue, [&, i] {
           EXPECT_EQ(++inside, 1);
-          EXPECT_EQ(last[static_cast<std::size_t>(t)], i - 1);
+          EXPECT_EQ(own++, i);
           EXPECT_TRUE(queue->isCurrent());
-          last[static_cast<std::size_t>(t)] = i;
           --inside;
           done.count_down();
         });

@@ -7,13 +7,12 @@ import json
 import os
 import re
 import signal
-import socket
 import subprocess
 import sys
 import unittest
 from pathlib import Path
 
-from staged import PATIENCE, STAGE, eventually, run, socket_path
+from staged import STAGE, eventually, run, socket_path
 
 SKIPPED = 77  # as told to ctest
 USER = 47110  # nobody's
@@ -24,18 +23,10 @@ ENVIRONMENT = {"PATH": os.environ["PATH"], "HOME": str(RUNTIME), "XDG_RUNTIME_DI
                "SYSTEMD_UNIT_PATH": "/run/units", "LC_ALL": "C.UTF-8"}
 
 
-def start_and_wait(*command):
-    """Starts a daemon, and returns when it says by sd_notify(3) that it is ready."""
-    path = RUNTIME / "ready"
-    with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as notifications:
-        notifications.bind(str(path))
-        os.chmod(path, 0o666)
-        notifications.settimeout(PATIENCE)
-        subprocess.Popen([*AS_USER, *command], env={**ENVIRONMENT, "NOTIFY_SOCKET": str(path)},
-                         stderr=subprocess.DEVNULL)
-        while b"READY=1" not in notifications.recv(4096):
-            pass
-    path.unlink()
+def start(*command, ready):
+    """Starts a daemon, and returns when this socket of its own is there."""
+    subprocess.Popen([*AS_USER, *command], env=ENVIRONMENT, stderr=subprocess.DEVNULL)
+    eventually(ready.exists)
 
 
 def prepare():
@@ -55,8 +46,8 @@ def prepare():
             "basic.target", "sockets.target", "timers.target", "paths.target", "shutdown.target"))]:
         Path("/run/units", unit.name).symlink_to(unit)
     Path("/run/units/default.target").symlink_to(units / "basic.target")
-    start_and_wait("/usr/lib/systemd/systemd-journald", "gantrel")
-    start_and_wait("/usr/lib/systemd/systemd", "--user")
+    start("/usr/lib/systemd/systemd-journald", "gantrel", ready=JOURNAL / "socket")
+    start("/usr/lib/systemd/systemd", "--user", ready=RUNTIME / "systemd/private")
 
 
 def systemctl(*arguments):

@@ -69,34 +69,25 @@ class OtherUsers(AgentTestCase):
         self.assertEqual(self.client.retrieve("a"), self.inode)
 
     def test_a_hostile_runtime_directory_ends_in_a_refusal(self):
-        def refused(folder):
-            done = subprocess.run([AGENT], env={**os.environ, "XDG_RUNTIME_DIR": folder}, timeout=PATIENCE,
-                                  stderr=subprocess.DEVNULL)
-            self.assertEqual(done.returncode, 69)
-
         def fresh(name, mode=0o700):
             path = os.path.join(self.folder, name)
             os.mkdir(path)
             os.chmod(path, mode)
             return path
 
-        refused(fresh("wide", 0o770))
-        foreign = fresh("foreign")
+        foreign, elsewhere, link = fresh("foreign"), fresh("elsewhere"), os.path.join(self.folder, "link")
         os.chown(foreign, NOBODY, NOBODY)
-        refused(foreign)
-        elsewhere = fresh("elsewhere")
-        os.symlink(elsewhere, os.path.join(self.folder, "link"))
-        refused(os.path.join(self.folder, "link"))
-        inside = fresh("inside")
-        os.symlink(elsewhere, os.path.join(inside, "gantrel"))
-        refused(inside)
-        lock = fresh("lock")
-        os.makedirs(os.path.join(lock, "gantrel"), 0o700)
-        os.symlink(os.path.join(elsewhere, "made"), os.path.join(lock, "gantrel", SERVICE + ".lock"))
-        refused(lock)
-        taken = fresh("taken")
-        os.makedirs(os.path.join(taken, "gantrel", SERVICE + ".socket"), 0o700)
-        refused(taken)
+        os.symlink(elsewhere, link)
+        inside, lock, taken = fresh("inside"), fresh("lock"), fresh("taken")
+        os.symlink(elsewhere, f"{inside}/gantrel")
+        os.mkdir(f"{lock}/gantrel", 0o700)
+        os.symlink(f"{elsewhere}/made", f"{lock}/gantrel/{SERVICE}.lock")
+        os.makedirs(f"{taken}/gantrel/{SERVICE}.socket", 0o700)
+        for folder in fresh("wide", 0o770), foreign, link, inside, lock, taken:
+            with self.subTest(folder):
+                refused = subprocess.run([AGENT], env={**os.environ, "XDG_RUNTIME_DIR": folder},
+                                         timeout=PATIENCE, stderr=subprocess.DEVNULL)
+                self.assertEqual(refused.returncode, 69)
         self.assertEqual(os.listdir(elsewhere), [])
 
 

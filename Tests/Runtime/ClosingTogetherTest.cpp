@@ -4,33 +4,26 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <utility>
-#include <vector>
-
 namespace Platform {
 namespace {
 
 TEST(ClosingTogether, ClosesWhatItWasGivenAndNothingInBetween) {
   const auto isOpen = [](int number) { return ::fcntl(number, F_GETFD) != -1; };
-  std::vector<UniqueFd> owned;
-  std::vector<int> numbers;
-  for (int i = 0; i < 100; ++i) {
-    owned.emplace_back(::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0));
-    numbers.push_back(owned.back().get());
-  }
+  UniqueFd owned[100];
+  for (UniqueFd& each : owned) each.reset(::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 500));
   {
     ClosingTogether together;
-    for (std::size_t i = 0; i < 99; ++i) {
+    for (int i = 0; i < 99; ++i) {
       if (i % 10 != 3) ClosingTogether::close(std::move(owned[i]));
     }
-    EXPECT_TRUE(isOpen(numbers[98]));
+    EXPECT_TRUE(isOpen(598));
     ClosingTogether::closeNow();
-    for (std::size_t i = 0; i < 99; ++i) EXPECT_EQ(isOpen(numbers[i]), i % 10 == 3) << i;
+    for (int i = 0; i < 99; ++i) EXPECT_EQ(isOpen(500 + i), i % 10 == 3) << i;
     ClosingTogether::close(std::move(owned[99]));
   }
-  EXPECT_FALSE(isOpen(numbers[99]));
+  EXPECT_FALSE(isOpen(599));
   ClosingTogether::close(std::move(owned[3]));
-  EXPECT_FALSE(isOpen(numbers[3]));
+  EXPECT_FALSE(isOpen(503));
 }
 
 }  // namespace

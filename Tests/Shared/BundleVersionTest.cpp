@@ -1,10 +1,5 @@
 #include "Shared/BundleVersion.h"
 
-#include <gtest/gtest.h>
-
-#include <filesystem>
-#include <fstream>
-
 #include "Tests/Support/TestProcess.h"
 
 namespace Gantrel_Sync_Helper {

@@ -1,12 +1,7 @@
 // The agent as a process of its own, for tests that attack it.
 #pragma once
 
-#include <gtest/gtest.h>
 #include <sys/stat.h>
-
-#include <memory>
-#include <string>
-#include <vector>
 
 #include "Platform/XPC/NSXPCListener.h"
 #include "Shared/EndPointHandler.h"

@@ -1,12 +1,6 @@
 // A desktop's opener for tests: a script, first on PATH, that writes down how it was started.
 #pragma once
 
-#include <stdlib.h>
-
-#include <filesystem>
-#include <fstream>
-#include <string>
-
 #include "Tests/Support/TestProcess.h"
 
 namespace TestSupport {
@@ -17,13 +11,12 @@ class StandInOpeners {
   StandInOpeners() { ::setenv("PATH", folder_.path().c_str(), 1); }
   ~StandInOpeners() { ::setenv("PATH", path_.c_str(), 1); }
 
-  // The script writes its arguments, one a line, and then runs `then`.
+  // The script writes down how it was started, and then runs `then`.
   void add(const std::string& name, const std::string& then) {
-    const std::string path = file(name);
-    std::ofstream(path) << "#!/bin/sh\nprintf '%s\\n' \"$0\" \"$@\" > " << file("arguments")
-                        << "\nPATH=/bin:/usr/bin\n"
-                        << then << "\n";
-    std::filesystem::permissions(path, std::filesystem::perms::owner_all);
+    std::ofstream(file(name)) << "#!/bin/sh\nprintf '%s|' \"${0##*/}\" \"$@\" > "
+                              << file("arguments") << "\nPATH=/bin:/usr/bin\n"
+                              << then << "\n";
+    std::filesystem::permissions(file(name), std::filesystem::perms::owner_all);
   }
 
   // What an opener was started with: its name, then its arguments, a bar after each. Empty when
@@ -31,9 +24,7 @@ class StandInOpeners {
   std::string arguments() {
     std::ifstream written(file("arguments"));
     std::string all;
-    for (std::string line; std::getline(written, line);) {
-      all += (all.empty() ? std::filesystem::path(line).filename().string() : line) + "|";
-    }
+    std::getline(written, all);
     std::filesystem::remove(file("arguments"));
     return all;
   }

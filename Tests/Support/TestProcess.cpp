@@ -2,13 +2,9 @@
 
 #include <fcntl.h>
 #include <spawn.h>
-#include <stdlib.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
-#include <filesystem>
 #include <iterator>
-#include <utility>
 
 extern char** environ;
 

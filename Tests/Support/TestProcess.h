@@ -1,12 +1,17 @@
 // What tests of real processes need: a private runtime directory, child processes to talk to, and
-// counts of what a process holds.
+// counts of what a process holds. It includes what nearly all such tests use.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <signal.h>
+#include <stdlib.h>
+#include <unistd.h>
 
 #include <chrono>
-#include <cstddef>
 #include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <future>
 #include <memory>
 #include <optional>
 #include <string>

@@ -1,13 +1,9 @@
 #include "Platform/Workspace/CheckIns.h"
 
-#include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <fstream>
 #include <sstream>
-#include <vector>
 
 #include "Platform/Workspace/NSRunningApplication.h"
 #include "Tests/Workspace/Launching.h"
@@ -29,22 +25,22 @@ Text text(std::string bytes) {
 }
 
 TEST_F(CheckInsTest, AnyTextThatFitsIsAnIdentifierThatOthersFind) {
-  std::vector<std::string> identifiers = {
-      "com.example.App", "", ".", "..", "/", "../x", "a@b", "%41"};
-  identifiers.insert(identifiers.end(), {"\n\x1b[2J", "caf\u00e9", "\U0001F4C5", {"a\0b", 3}});
-  identifiers.insert(identifiers.end(), {std::string(222, 'x'), std::string(74, '/')});
-  for (const std::string& identifier : identifiers) {
+  const std::string longest(222, 'x'), longestEscaped(74, '/'), withNul("a\0b", 3);
+  for (const std::string& identifier : std::initializer_list<std::string>{
+           "com.example.App", "", ".", "..", "/", "../x", "a@b", "%41", "\n\x1b[2J", "caf\u00e9",
+           "\U0001F4C5", withNul, longest, longestEscaped}) {
+    SCOPED_TRACE(identifier);
     UniqueFd application = checkIn(text(identifier));
-    ASSERT_TRUE(application.isValid()) << identifier;
+    ASSERT_TRUE(application.isValid());
     const std::string name = CheckIns::names(folder).at(0);
     EXPECT_EQ(CheckIns::bundleIdentifierOf(name).value().utf8(), identifier);
-    EXPECT_EQ(running(text(identifier)), 1u) << identifier;
+    EXPECT_EQ(running(text(identifier)), 1u);
     application.reset();
-    EXPECT_EQ(running(text(identifier)), 0u) << identifier;
-    EXPECT_TRUE(std::filesystem::is_empty(folder)) << identifier;
+    EXPECT_EQ(running(text(identifier)), 0u);
+    EXPECT_TRUE(std::filesystem::is_empty(folder));
   }
-  EXPECT_FALSE(checkIn(text(std::string(223, 'x'))).isValid());
-  EXPECT_FALSE(checkIn(text(std::string(75, '/'))).isValid());
+  EXPECT_FALSE(checkIn(text(longest + "x")).isValid());
+  EXPECT_FALSE(checkIn(text(longestEscaped + "/")).isValid());
   const UniqueFd precomposed = checkIn(text("caf\u00e9"));
   EXPECT_EQ(running(text("cafe\u0301")), 1u);
   EXPECT_EQ(running(text("CAF\u00c9")), 0u);

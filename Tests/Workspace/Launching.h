@@ -1,11 +1,6 @@
 // Starting and ending applications (TestApplication.cpp) in a runtime directory of the test's own.
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <filesystem>
-#include <string>
-
 #include "Tests/Support/TestProcess.h"
 
 namespace TestSupport {

@@ -1,10 +1,5 @@
 #include "Platform/Workspace/LogExcerpt.h"
 
-#include <gtest/gtest.h>
-
-#include <filesystem>
-#include <fstream>
-
 #include "Tests/Support/TestProcess.h"
 
 namespace Platform {

@@ -1,8 +1,6 @@
 #include "Platform/Workspace/Opening.h"
 
-#include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include "Tests/Support/StandInOpeners.h"
 

@@ -1,12 +1,9 @@
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/file.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <atomic>
-#include <future>
 #include <latch>
 #include <mutex>
 
