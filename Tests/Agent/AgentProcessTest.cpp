@@ -8,8 +8,7 @@
 #include "Shared/Communication.h"
 #include "Tests/Support/AgentTest.h"
 
-namespace Gantrel_Sync_Helper {
-namespace {
+namespace Gantrel_Sync_Helper::AgentProcessTests {
 
 using namespace Platform;
 using TestSupport::ChildProcess;
@@ -190,5 +189,4 @@ TEST_F(Agents, AreExplainedToPeopleByTheExamples) {
   EXPECT_NE(std::get<1>(run({menuApp, "upcoming"})).find("New meeting"), std::string::npos);
 }
 
-}  // namespace
-}  // namespace Gantrel_Sync_Helper
+}  // namespace Gantrel_Sync_Helper::AgentProcessTests

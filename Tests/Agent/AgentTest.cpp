@@ -3,8 +3,7 @@
 #include "Shared/GApp.h"
 #include "Tests/Support/TestProcess.h"
 
-namespace Gantrel_Sync_Helper {
-namespace {
+namespace Gantrel_Sync_Helper::AgentTests {
 
 using namespace Platform;
 
@@ -40,5 +39,4 @@ TEST(AgentDeathTest, HasNoPlainInitialiser) {
               "\"Gantrel_Sync_Helper.Agent\"\n$");
 }
 
-}  // namespace
-}  // namespace Gantrel_Sync_Helper
+}  // namespace Gantrel_Sync_Helper::AgentTests

@@ -12,8 +12,7 @@
 #include "Platform/Dispatch/WorkerPool.h"
 #include "Platform/Runtime/UniqueFd.h"
 
-namespace Platform {
-namespace {
+namespace Platform::DispatchQueueTests {
 
 TEST(DispatchQueue, RunsOneTaskAtATimeInTheOrderAppendedFromManyThreads) {
   const auto queue = dispatch_queue_create("test", DISPATCH_QUEUE_SERIAL);
@@ -81,5 +80,4 @@ TEST(WorkerPool, IsTheLastOwnerOfAHandlerThatStillWatches) {
   ended.get_future().wait();
 }
 
-}  // namespace
-}  // namespace Platform
+}  // namespace Platform::DispatchQueueTests

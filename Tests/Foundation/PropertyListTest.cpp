@@ -8,8 +8,7 @@
 #include <limits>
 #include <sstream>
 
-namespace Platform {
-namespace {
+namespace Platform::PropertyListTests {
 
 std::string list(const std::string& content) {
   return "<plist version=\"1.0\">" + content + "</plist>";
@@ -87,5 +86,4 @@ TEST(PropertyList, IsBoundedInDepthAndSizeAndOfRegularFilesOnly) {
   std::filesystem::remove(file);
 }
 
-}  // namespace
-}  // namespace Platform
+}  // namespace Platform::PropertyListTests

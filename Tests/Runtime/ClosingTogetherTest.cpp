@@ -4,8 +4,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-namespace Platform {
-namespace {
+namespace Platform::ClosingTogetherTests {
 
 TEST(ClosingTogether, ClosesWhatItWasGivenAndNothingInBetween) {
   const auto isOpen = [](int number) { return ::fcntl(number, F_GETFD) != -1; };
@@ -26,5 +25,4 @@ TEST(ClosingTogether, ClosesWhatItWasGivenAndNothingInBetween) {
   EXPECT_FALSE(isOpen(503));
 }
 
-}  // namespace
-}  // namespace Platform
+}  // namespace Platform::ClosingTogetherTests

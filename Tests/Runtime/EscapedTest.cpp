@@ -2,8 +2,7 @@
 
 #include <gtest/gtest.h>
 
-namespace Platform {
-namespace {
+namespace Platform::EscapedTests {
 
 TEST(Escaped, LetsNothingThroughThatCommandsATerminalOrForgesALine) {
   const std::pair<std::string, std::string> cases[] = {
@@ -18,5 +17,4 @@ TEST(Escaped, LetsNothingThroughThatCommandsATerminalOrForgesALine) {
   for (const auto& [text, safe] : cases) EXPECT_EQ(escaped(text), safe);
 }
 
-}  // namespace
-}  // namespace Platform
+}  // namespace Platform::EscapedTests

@@ -2,8 +2,7 @@
 
 #include "Tests/Support/TestProcess.h"
 
-namespace Gantrel_Sync_Helper {
-namespace {
+namespace Gantrel_Sync_Helper::BundleVersionTests {
 
 using namespace Platform;
 namespace fs = std::filesystem;
@@ -42,5 +41,4 @@ TEST(BundleVersion, OfTheApplicationIsReadAfreshFromItsOwnBundle) {
   }
 }
 
-}  // namespace
-}  // namespace Gantrel_Sync_Helper
+}  // namespace Gantrel_Sync_Helper::BundleVersionTests

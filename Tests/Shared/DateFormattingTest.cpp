@@ -9,8 +9,7 @@
 
 #include "Tests/Support/TestProcess.h"
 
-namespace Gantrel_Sync_Helper {
-namespace {
+namespace Gantrel_Sync_Helper::DateFormattingTests {
 
 using namespace Platform;
 namespace fs = std::filesystem;
@@ -154,5 +153,4 @@ TEST_F(DateFormatting, IsRightOnManyThreadsWhileTheClockChanges) {
   }
 }
 
-}  // namespace
-}  // namespace Gantrel_Sync_Helper
+}  // namespace Gantrel_Sync_Helper::DateFormattingTests

@@ -2,8 +2,7 @@
 
 #include <gtest/gtest.h>
 
-namespace Gantrel_Sync_Helper {
-namespace {
+namespace Gantrel_Sync_Helper::GAppTests {
 
 TEST(GAppDeathTest, TheAgentsIdentifierStopsTheProcessWithAReport) {
   EXPECT_EXIT(
@@ -12,5 +11,4 @@ TEST(GAppDeathTest, TheAgentsIdentifierStopsTheProcessWithAReport) {
       "solution, see https://[^ ]+: file Shared/GApp, line 73\n$");
 }
 
-}  // namespace
-}  // namespace Gantrel_Sync_Helper
+}  // namespace Gantrel_Sync_Helper::GAppTests

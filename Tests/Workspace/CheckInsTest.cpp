@@ -8,8 +8,7 @@
 #include "Platform/Workspace/NSRunningApplication.h"
 #include "Tests/Workspace/Launching.h"
 
-namespace Platform {
-namespace {
+namespace Platform::CheckInsTests {
 
 using namespace TestSupport;
 using CheckIns::checkIn;
@@ -111,5 +110,4 @@ TEST_F(CheckInsTest, NothingIsTakenForGoneWithoutADescriptorToLookWith) {
   EXPECT_EQ(presence, CheckIns::Presence::unknown);
 }
 
-}  // namespace
-}  // namespace Platform
+}  // namespace Platform::CheckInsTests

@@ -2,8 +2,7 @@
 
 #include "Tests/Support/TestProcess.h"
 
-namespace Platform {
-namespace {
+namespace Platform::LogExcerptTests {
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
@@ -73,5 +72,4 @@ TEST_F(LogExcerpt, HoldsTheRecentLinesOfTheUsersOwnApplicationsForTheUserAlone) 
   EXPECT_EQ(excerpt(), std::nullopt) << "a folder in which others may write";
 }
 
-}  // namespace
-}  // namespace Platform
+}  // namespace Platform::LogExcerptTests

@@ -4,8 +4,7 @@
 
 #include "Tests/Support/StandInOpeners.h"
 
-namespace Platform {
-namespace {
+namespace Platform::OpeningTests {
 
 TEST(Opening, HandsOverExactlyWhatIsToBeOpened) {
   TestSupport::StandInOpeners openers;
@@ -49,5 +48,4 @@ TEST(Opening, LeavesAnOpenerThatStaysToRunAndTakesItsEndLater) {
   EXPECT_TRUE(TestSupport::eventually([opener] { return ::kill(opener, 0) != 0; })) << "a zombie";
 }
 
-}  // namespace
-}  // namespace Platform
+}  // namespace Platform::OpeningTests

@@ -14,8 +14,7 @@
 #include "Platform/Workspace/NSRunningApplication.h"
 #include "Tests/Workspace/Launching.h"
 
-namespace Platform {
-namespace {
+namespace Platform::RunningApplicationsObservationTests {
 
 using namespace TestSupport;
 using Strings = std::multiset<std::string>;
@@ -171,18 +170,14 @@ TEST_F(RunningApplicationsObservationTest, EndsFromInsideItsOwnCall) {
   const std::size_t descriptors = openDescriptors(::getpid());
   const auto first = std::make_shared<Recorder>();
   std::optional<RunningApplicationsObservation> ending(std::in_place, first, first.get());
-  std::promise<void> ended, more;
+  ending->resume();
+  UniqueFd b;
   first->meanwhile([&] {
     ending.reset();
-    ended.set_value();
-    more.get_future().wait();
+    first->meanwhile([] { ADD_FAILURE() << "it had ended"; });
+    b = CheckIns::checkIn("b"_text);
   });
-  ending->resume();
   const UniqueFd a = CheckIns::checkIn("a"_text);
-  ended.get_future().wait();
-  const UniqueFd b = CheckIns::checkIn("b"_text);
-  first->meanwhile([] { ADD_FAILURE() << "it had ended"; });
-  more.set_value();
   EXPECT_EQ(recorder->next(2), (Strings{"+a", "+b"}));
   EXPECT_TRUE(eventually([&] { return openDescriptors(::getpid()) == descriptors + 2; }));
 }
@@ -220,5 +215,4 @@ TEST_F(RunningApplicationsObservationTest, IsAtRestWithoutASystemCall) {
   }));
 }
 
-}  // namespace
-}  // namespace Platform
+}  // namespace Platform::RunningApplicationsObservationTests

@@ -12,8 +12,7 @@
 #include "Platform/XPC/Socket.h"
 #include "Tests/Support/TestProcess.h"
 
-namespace Platform {
-namespace {
+namespace Platform::ConnectionTests {
 
 using namespace TestSupport;
 
@@ -328,5 +327,4 @@ TEST_F(Connections, MayEndAnywhereWhileCallsAreUnderWay) {
   EXPECT_TRUE(eventually([&] { return openDescriptors(::getpid()) <= atFirst; }));
 }
 
-}  // namespace
-}  // namespace Platform
+}  // namespace Platform::ConnectionTests
