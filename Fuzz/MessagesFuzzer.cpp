@@ -84,9 +84,9 @@ struct NoSender final : ReplySender {
 };
 
 template <class Interface, class Object>
-void dispatchTo(Object& object, std::string_view selector, Decoder arguments) {
+void dispatchTo(Object& object, std::string_view selector, Decoder arguments, bool isCall) {
   static const auto interface = NSXPCInterface::interfaceWithProtocol<Interface>();
-  interface.dispatch(interface.implementer(&object), selector, arguments,
+  interface.dispatch(interface.implementer(&object), selector, arguments, isCall,
                      std::make_shared<NoSender>());
 }
 
@@ -98,35 +98,36 @@ void readReply(Decoder decoder) {
 }
 
 // Descriptors are taken out of a frame once, so each reading has its own.
-Frame copyOf(const Frame& frame) {
-  Frame copy{frame.payload, {}};
-  for (const UniqueFd& descriptor : frame.descriptors) {
-    copy.descriptors.emplace_back(::fcntl(descriptor.get(), F_DUPFD_CLOEXEC, 0));
+Frame copyOf(Frame& frame) {
+  Frame copy;
+  copy.payload = frame.payload;
+  copy.lacksDescriptors = frame.lacksDescriptors;
+  for (const UniqueFd& descriptor : frame.descriptors.all()) {
+    copy.descriptors.add(UniqueFd(::fcntl(descriptor.get(), F_DUPFD_CLOEXEC, 0)));
   }
   return copy;
 }
 
-void asExporter(const Frame& frame) {
+void asExporter(Frame& frame) {
   static Exported exported;
   static Application application;
   for (const bool isAgent : {true, false}) {
     Frame copy = copyOf(frame);
     Decoder decoder(copy);
     decoder.array();
-    if (decoder.unsignedInteger() == static_cast<std::uint64_t>(Wire::Kind::call)) {
-      decoder.unsignedInteger();
-    }
+    const bool isCall = decoder.unsignedInteger() == static_cast<std::uint64_t>(Wire::Kind::call);
+    if (isCall) decoder.unsignedInteger();
     const std::string_view selector = decoder.text();
     if (!decoder.isSound()) continue;
     if (isAgent) {
-      dispatchTo<EndPointHandling>(exported, selector, decoder);
+      dispatchTo<EndPointHandling>(exported, selector, decoder, isCall);
     } else {
-      dispatchTo<Communication>(application, selector, decoder);
+      dispatchTo<Communication>(application, selector, decoder, isCall);
     }
   }
 }
 
-void asCaller(const Frame& frame) {
+void asCaller(Frame& frame) {
   for (int type = 0; type < 3; ++type) {
     Frame copy = copyOf(frame);
     Decoder decoder(copy);
@@ -141,7 +142,7 @@ void asCaller(const Frame& frame) {
 
 // Building a value and passing over it agree on what is well-formed, and what was built is written
 // back the way it came.
-void asValue(const Frame& frame) {
+void asValue(Frame& frame) {
   Frame copy = copyOf(frame);
   Decoder building(copy);
   const Value value = building.value();
@@ -150,7 +151,7 @@ void asValue(const Frame& frame) {
   skipping.skip();
   if (!building.isSound()) return;
   require(skipping.isSound() && skipping.isAtEnd() == building.isAtEnd());
-  if (!building.isAtEnd() || !copy.descriptors.empty()) return;
+  if (!building.isAtEnd() || copy.descriptors.size() != 0) return;
   Encoder encoder;
   encode(encoder, value);
   const OutgoingFrame written = encoder.finish();
@@ -164,13 +165,18 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   FrameReader reader;
   for (std::size_t at = 0; at + 2 <= size;) {
     const std::size_t length = std::min<std::size_t>(data[at], size - at - 2);
-    std::vector<UniqueFd> descriptors;
+    ForeignDescriptors descriptors;
     for (int i = 0; i < (data[at + 1] & 0x0F); ++i) {
-      descriptors.push_back(descriptorOf(data[at + 1] >> 4));
+      descriptors.add(descriptorOf(data[at + 1] >> 4));
     }
+    // Part of a chunk's descriptors may have been lost on the way.
+    const auto arrived = (data[at + 1] & 0xF0) == 0xF0 ? Arrived::some : Arrived::all;
+    reader.bytesBeforeManyDescriptors(input.subspan(at + 2, length));
     std::vector<Frame> frames;
-    const bool isSound = reader.feed(input.subspan(at + 2, length), std::move(descriptors), frames);
-    for (const Frame& frame : frames) {
+    const bool isSound =
+        reader.feed(input.subspan(at + 2, length), std::move(descriptors), arrived, frames);
+    for (Frame& frame : frames) {
+      if (frame.lacksDescriptors) continue;  // not decoded
       asExporter(frame);
       asCaller(frame);
       asValue(frame);

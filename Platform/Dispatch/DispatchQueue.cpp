@@ -8,13 +8,21 @@ namespace Platform {
 namespace {
 
 thread_local const DispatchQueue* currentQueue = nullptr;
+thread_local TasksKeep* currentKeep = nullptr;
 
 }  // namespace
+
+TasksKeep::TasksKeep(std::shared_ptr<void> kept)
+    : kept_(std::move(kept)), outer_(std::exchange(currentKeep, this)) {}
+
+TasksKeep::~TasksKeep() {
+  currentKeep = outer_;
+}
 
 void DispatchQueue::async(Task task) {
   {
     const std::lock_guard lock(mutex_);
-    waiting_.push_back(std::move(task));
+    waiting_.push_back({std::move(task), currentKeep ? currentKeep->kept_ : nullptr});
     if (std::exchange(inLine_, true)) return;
   }
   WorkerPool::shared().enqueue(shared_from_this());
@@ -25,16 +33,16 @@ bool DispatchQueue::isCurrent() const {
 }
 
 bool DispatchQueue::runWaitingTasks() {
-  std::vector<Task> tasks;
+  std::vector<Waiting> tasks;
   {
     const std::lock_guard lock(mutex_);
     tasks.swap(waiting_);
   }
   currentQueue = this;
-  for (Task& task : tasks) {
-    task();
+  for (Waiting& next : tasks) {
+    next.task();
     // What a task captured goes with it, before the next one runs.
-    task = nullptr;
+    next = {};
   }
   currentQueue = nullptr;
   tasks.clear();

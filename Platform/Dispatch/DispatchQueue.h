@@ -19,6 +19,22 @@ using Task = std::function<void()>;
 enum class DispatchQueueAttribute { serial };
 inline constexpr auto DISPATCH_QUEUE_SERIAL = DispatchQueueAttribute::serial;
 
+// While one lives, every task that the calling thread appends to a queue keeps `kept` until it has
+// run; what those tasks append in turn does not. So the layer learns when all is done that one
+// message led to.
+class TasksKeep {
+ public:
+  explicit TasksKeep(std::shared_ptr<void> kept);
+  ~TasksKeep();
+  TasksKeep(const TasksKeep&) = delete;
+  TasksKeep& operator=(const TasksKeep&) = delete;
+
+ private:
+  friend class DispatchQueue;
+  const std::shared_ptr<void> kept_;
+  TasksKeep* const outer_;
+};
+
 // Always held by shared_ptr; a queue with tasks stays alive until they have run. Any thread.
 class DispatchQueue : public std::enable_shared_from_this<DispatchQueue> {
  public:
@@ -38,10 +54,15 @@ class DispatchQueue : public std::enable_shared_from_this<DispatchQueue> {
   // Runs the tasks that wait now, and says whether others have come meanwhile. Pool threads only.
   bool runWaitingTasks();
 
+  struct Waiting {
+    Task task;
+    std::shared_ptr<void> kept;
+  };
+
   const std::string label_;
   std::mutex mutex_;
   // Protected by mutex_:
-  std::vector<Task> waiting_;
+  std::vector<Waiting> waiting_;
   bool inLine_ = false;  // at the pool, or running: whoever clears it has seen waiting_ empty
 };
 

@@ -377,7 +377,7 @@ EndpointRef Decoder::endpointAt(std::uint64_t index) {
   EndpointRef endpoint;
   if (descriptor.isValid()) {  // one that is named a second time is gone already
     endpoint = policy_ == Descriptors::checked
-                   ? NSXPCListenerEndpoint::adopt(std::move(descriptor))
+                   ? NSXPCListenerEndpoint::adopt(descriptor)
                    : std::make_shared<NSXPCListenerEndpoint>(std::move(descriptor));
   }
   if (!endpoint) wrongClass();

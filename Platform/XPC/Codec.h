@@ -18,6 +18,8 @@
 #include "Platform/Runtime/Text.h"
 #include "Platform/Runtime/UniqueFd.h"
 #include "Platform/Runtime/Value.h"
+#include "Platform/XPC/Budget.h"
+#include "Platform/XPC/ForeignDescriptors.h"
 #include "Platform/XPC/NSXPCListenerEndpoint.h"
 #include "Platform/XPC/Wire.h"
 
@@ -35,10 +37,13 @@ struct OutgoingFrame {
   bool isSendable() const;
 };
 
-// A frame as it arrived. What the decoder does not take out of `descriptors` is closed with it.
+// A frame as it arrived.
 struct Frame {
   std::vector<std::byte> payload;
-  std::vector<UniqueFd> descriptors;
+  ForeignDescriptors descriptors;
+  bool lacksDescriptors =
+      false;        // this process had no room for some of them: it is not carried out
+  BudgetPart part;  // a large one's
 };
 
 // Writes one frame. A value.
@@ -70,7 +75,7 @@ enum class Descriptors { checked, taken };
 class Decoder {
  public:
   explicit Decoder(Frame& frame, Descriptors policy = Descriptors::checked)
-      : rest_(frame.payload), descriptors_(frame.descriptors), policy_(policy) {}
+      : rest_(frame.payload), descriptors_(frame.descriptors.all()), policy_(policy) {}
 
   bool isMalformed() const { return malformed_; }
   bool isWrongClass() const { return wrongClass_; }

@@ -1,14 +1,15 @@
 // Connection: what is behind an NSXPCConnection.
 //
-// One lock guards a connection's state; no callback runs under it, and nothing waits under it but
-// for memory, and for the closing of what an ended connection had received. Two roles pass from
-// thread to thread:
+// It brings its parts together: the link that is connected now (Link.h) and how to come to another
+// (Dialer.h), the calls that wait for answers (PendingCalls.h), and the object that the peer may
+// call (ExportedObject.h). One lock guards them; no callback runs under it, and nothing waits under
+// it but for memory. Two roles pass from thread to thread:
 //
-// - Reading. Whoever holds the role (reading_) receives from the socket and cuts frames; nobody
-//   else does. A worker takes it for one bounded receive when the socket is ready. A thread in a
-//   waiting call takes it until its own answer is there, and hands what else arrives to the queue;
-//   the pool then no longer watches the socket for input, so the answer wakes that thread and no
-//   other.
+// - Reading. Whoever holds the role (turn_.isReading) receives from the link and cuts frames;
+//   nobody else does. A worker takes it for one bounded receive when the socket is ready. A thread
+//   in a waiting call takes it until its own answer is there, and hands what else arrives to the
+//   queue; the pool then no longer watches the socket for input, so the answer wakes that thread
+//   and no other.
 // - Delivering. Frames wait in inbox_ for the connection's serial queue, which carries them out in
 //   order.
 //
@@ -23,164 +24,143 @@
 #pragma once
 
 #include <atomic>
-#include <condition_variable>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <unordered_map>
-#include <variant>
 #include <vector>
 
 #include "Platform/Dispatch/WorkerPool.h"
-#include "Platform/Runtime/Text.h"
-#include "Platform/XPC/FrameReader.h"
-#include "Platform/XPC/NSXPCConnection.h"
-#include "Platform/XPC/Outbox.h"
-#include "Platform/XPC/Socket.h"
+#include "Platform/XPC/Dialer.h"
+#include "Platform/XPC/ExportedObject.h"
+#include "Platform/XPC/IncomingRequest.h"
+#include "Platform/XPC/Link.h"
+#include "Platform/XPC/NSXPCConnectionError.h"
+#include "Platform/XPC/PendingCalls.h"
 
 namespace Platform {
 
 // All methods: any thread, unless they say otherwise.
-class Connection final : public ReadinessHandler, public std::enable_shared_from_this<Connection> {
+class Connection final : public ReadinessHandler,
+                         public RequestSource,
+                         public std::enable_shared_from_this<Connection> {
  public:
-  struct NamedTarget {
-    Text service;
-  };
-  struct EndpointTarget {
-    EndpointRef endpoint;
-  };
-  struct Accepted {};
-  using Target = std::variant<NamedTarget, EndpointTarget, Accepted>;
   using Error = NSXPCConnectionError;
-  using DecodeReply = std::function<void(Decoder&)>;
+  using Limit = std::optional<std::chrono::milliseconds>;  // none: without end
+
+  struct Handlers {
+    std::function<void()> linkLoss;
+    std::function<void()> interruption;
+    std::function<void()> invalidation;
+  };
 
   // `socket` is the accepted one, or invalid: the others connect when they need to.
-  Connection(Target target, UniqueFd socket);
+  Connection(Dialer::Target target, UniqueFd socket);
 
   void exportInterface(NSXPCInterface interface);
   void exportObject(std::shared_ptr<NSObject> object);
-  void setInterruptionHandler(std::function<void()> handler);
-  void setInvalidationHandler(std::function<void()> handler);
+  void setHandler(std::function<void()> Handlers::*which, std::function<void()> handler);
 
   // `handle` is what keeps an accepted connection alive from now on.
-  void resume(std::shared_ptr<NSXPCConnection> handle);
+  void resume(std::shared_ptr<void> handle);
   void invalidate();
-  void close();  // invalidate for a connection that nobody holds any more: nothing is called
+  // invalidate for a connection that nobody holds any more: nothing is called, and what waits to be
+  // sent still goes as the peer reads.
+  void close();
 
-  std::uint64_t nextSerial() { return ++lastSerial_; }
+  std::uint64_t nextSerial() { return calls_.nextSerial(); }
   void sendMessage(OutgoingFrame frame);
-  void sendCall(std::uint64_t serial, OutgoingFrame frame, DecodeReply onReply,
-                SharedErrorHandler onError);
+  void sendCall(std::uint64_t serial, OutgoingFrame frame, PendingCall call);
   std::optional<Error> waitForCall(std::uint64_t serial, OutgoingFrame frame,
-                                   const DecodeReply& onReply);
-  // Sends an answer, if the link on which the question came is still there.
-  void sendAnswer(std::uint64_t linkNumber, OutgoingFrame frame);
+                                   const DecodeReply& onReply, Limit limit);
+  bool waitUntilSent(std::chrono::milliseconds limit);
 
+  void answer(std::uint64_t link, OutgoingFrame frame) override;
+  void requestIsDone(std::uint64_t link) override;
   void ready(std::uint32_t events) override;
 
  private:
   using Lock = std::unique_lock<std::mutex>;
-  enum class Phase { created, open, over };
+  enum class Phase { created, open, draining, over };
   enum class Ending { peerGone, fault };
-
-  // One connected socket. A named connection may have several, one after the other.
-  struct Link {
-    Link(std::uint64_t linkNumber, UniqueFd connected)
-        : number(linkNumber), socket(std::move(connected)) {}
-    const std::uint64_t number;
-    const UniqueFd socket;
-    FrameReader frames;  // used by whoever holds the reading role
-    Watch watch;         // after socket, so that it ends before
-    std::uint32_t armedFor =
-        0;                      // the events that the watch waits for; none once it has told of one
-    bool isReadByPool = false;  // rather than by waiting calls
-    bool isImpatient = false;   // a receive that waits ends by itself after a moment
-  };
-
-  // A call in a waiting form: lives on the stack of the thread that waits.
-  struct WaitingCall {
-    std::condition_variable wake;
-    std::optional<Frame> answer;
-    std::uint64_t linkNumber = 0;  // on which the answer came
-    std::optional<Error> error;
-    bool isDone() const { return answer || error; }
-  };
-
-  struct PendingCall {
-    DecodeReply onReply;
-    SharedErrorHandler onError;
-    WaitingCall* waiting = nullptr;
-  };
+  enum class Kind { message, call };
 
   struct Incoming {
     Frame frame;
-    std::uint64_t linkNumber;
+    Origin origin;
+  };
+
+  struct Inbox {
+    std::vector<Incoming> waiting;
+    std::vector<Incoming> delivering;    // used on queue_, without the lock
+    std::atomic<bool> isClosed = false;  // nothing more is delivered
+  };
+
+  // What the next turn on queue_ finds, and what goes on just now.
+  struct Turn {
+    bool isScheduled = false;
+    bool isRunning = false;
+    bool isReading = false;
+    bool isLingering = false;
+    bool isMissed = false;    // a worker came while somebody else was reading
+    bool isHeldBack = false;  // the process had no room; a clock comes back
+    bool retriesSending = false;
+    bool mayRead = false;    // there may be something to read
+    bool mayLinger = false;  // the last turn has delivered something
+  };
+
+  struct Ends {
+    Handlers handlers;
+    std::shared_ptr<void> keepAlive;  // of an accepted connection, or of one that only drains
   };
 
   // These are called with mutex_ held; those that take the lock release it for a while.
-  bool isNamed() const { return std::holds_alternative<NamedTarget>(target_); }
-  std::optional<Error> submit(OutgoingFrame frame);
-  ConnectOutcome connect();
-  bool adoptLink(UniqueFd socket);
+  std::optional<Error> submit(OutgoingFrame frame, Kind kind);
+  ConnectOutcome dial();
+  void retryDialing();
   void updateInterest();
+  std::uint32_t eventsOfInterest() const;
   void flush();
+  void goOnIfRoom();
   void sendSoon();
   void scheduleTurn();
-  std::uint32_t eventsOfInterest();
+  void scheduleTurnAfter(std::chrono::milliseconds delay, bool Turn::*reason);
   bool read(Lock& lock, Wait wait);
   bool linger(Lock& lock);
-  void rest();
-  void readForWaitingCall(Lock& lock);
-  void take(Frame frame, std::uint64_t linkNumber);
+  void readForWaitingCall(Lock& lock, std::chrono::milliseconds atMost);
+  void take(std::vector<Frame>& frames);
+  void inputHasEnded(bool peerMayRead);
   void endLink(Ending ending);
   void endAll(Error error, bool isFinal);
+  void endCalls(Error error, std::function<void()> then);
+  void endIfAllIsAnswered();
+  std::shared_ptr<void> endDraining();
+  bool isLink(std::uint64_t number) const { return link_ && link_->origin().link == number; }
 
   // These run on queue_, without the lock.
   void turn();
-  void retryConnect();
   void deliverInbox();
   bool deliverOrEnd(Incoming& incoming);
   bool deliver(Incoming& incoming);
-  bool deliverCall(Incoming& incoming, Decoder& decoder, bool expectsAnswer);
-  bool deliverAnswer(Incoming& incoming, bool isReply);
+  bool deliverRequest(Incoming& incoming, Decoder& decoder, bool expectsAnswer);
+  bool deliverAnswer(Incoming& incoming, Decoder& decoder, bool isReply);
+  void closeUnclaimed(Incoming& incoming);
   void announceEnd(bool isFinal);
 
-  const Target target_;
   const dispatch_queue_t queue_;
-  std::vector<Incoming> delivering_;  // on queue_: what was in inbox_
-  std::atomic<std::uint64_t> lastSerial_ = 0;
-  std::atomic<bool> isSilent_ = false;  // nothing more is delivered
+  ExportedObject exported_;
 
   std::mutex mutex_;
   // Protected by mutex_:
   Phase phase_ = Phase::created;
+  Dialer dialer_;
   std::shared_ptr<Link> link_;
-  std::uint64_t lastLinkNumber_ = 0;
-  Outbox outbox_;
-  std::vector<Incoming> inbox_;
-  std::unordered_map<std::uint64_t, PendingCall> calls_;
-  std::vector<WaitingCall*>
-      waiting_;  // those of calls_ that are in a waiting form, in order of arrival
-  bool reading_ = false;
-  bool missedTurn_ = false;  // a worker came while somebody else was reading
-  bool turnScheduled_ = false;
-  bool inTurn_ = false;
-  bool mayRead_ = false;    // there may be something to read: for the next turn
-  bool mayLinger_ = false;  // the last turn has delivered something: for the next turn
-  bool isLingering_ = false;
-  bool hungUp_ = false;  // the socket said that its end is near: read on until it comes
-  bool writeBlocked_ = false;
-  bool retryScheduled_ = false;
-  bool paused_ = false;  // requests are not read until the peer has read its replies
-  bool connecting_ = false;
-  NSXPCInterface exportedInterface_;
-  std::shared_ptr<NSObject> exportedObject_;
-  void* implementer_ = nullptr;  // exportedObject_ as what exportedInterface_ calls
-  std::function<void()> interruptionHandler_;
-  std::function<void()> invalidationHandler_;
-  std::shared_ptr<NSXPCConnection> keepAlive_;  // of an accepted connection, until its peer goes
+  PendingCalls calls_;
+  Inbox inbox_;
+  Turn turn_;
+  Ends ends_;
 };
 
 }  // namespace Platform

@@ -1,7 +1,7 @@
 #include "Platform/XPC/FrameReader.h"
 
 #include <algorithm>
-#include <iterator>
+#include <utility>
 
 namespace Platform {
 namespace {
@@ -20,12 +20,13 @@ constexpr std::size_t growth = 16;
 
 }  // namespace
 
-bool FrameReader::feed(std::span<const std::byte> bytes, std::vector<UniqueFd> descriptors,
-                       std::vector<Frame>& frames) {
-  // Those that went with frames leave in one go: to close the gap after each would take long.
-  descriptors_.erase(descriptors_.begin(), firstWaiting());
-  takenDescriptors_ = 0;
-  std::move(descriptors.begin(), descriptors.end(), std::back_inserter(descriptors_));
+FrameReader::Header FrameReader::parsed(const std::byte* header) {
+  return {loadLittleEndian(header), loadLittleEndian(header + 4)};
+}
+
+bool FrameReader::feed(std::span<const std::byte> bytes, ForeignDescriptors descriptors,
+                       Arrived arrived, std::vector<Frame>& frames) {
+  if (descriptors.size() != 0) descriptors_.add(std::move(descriptors));
   if (descriptors_.size() > mostWaitingDescriptors) return false;
   for (;;) {
     if (isInHeader()) {
@@ -34,7 +35,8 @@ bool FrameReader::feed(std::span<const std::byte> bytes, std::vector<UniqueFd> d
                   header_.begin() + static_cast<std::ptrdiff_t>(headerBytes_));
       bytes = bytes.subspan(count);
       headerBytes_ += count;
-      if (isInHeader()) return true;
+      // Of a frame that is not known yet it cannot be told whether it lost any.
+      if (isInHeader()) return arrived == Arrived::all || headerBytes_ == 0;
       if (!readHeader()) return false;
     }
     const std::size_t count = std::min(bytes.size(), payloadBytes_ - payload_.size());
@@ -46,32 +48,66 @@ bool FrameReader::feed(std::span<const std::byte> bytes, std::vector<UniqueFd> d
     payload_.insert(payload_.end(), bytes.begin(),
                     bytes.begin() + static_cast<std::ptrdiff_t>(count));
     bytes = bytes.subspan(count);
-    if (payload_.size() < payloadBytes_) return true;
-    if (!completeFrame(frames)) return false;
+    if (payload_.size() < payloadBytes_) {
+      if (arrived == Arrived::some && descriptors_.size() < declaredDescriptors_) {
+        lacksDescriptors_ = true;
+        descriptors_ = {};
+      }
+      return true;
+    }
+    if (!completeFrame(arrived, frames)) return false;
   }
 }
 
 bool FrameReader::readHeader() {
-  payloadBytes_ = loadLittleEndian(header_.data());
-  declaredDescriptors_ = loadLittleEndian(header_.data() + 4);
+  const Header header = parsed(header_.data());
+  payloadBytes_ = header.payloadBytes;
+  declaredDescriptors_ = header.descriptors;
   return payloadBytes_ <= Wire::mostPayloadBytes && declaredDescriptors_ <= Wire::mostDescriptors;
 }
 
-bool FrameReader::completeFrame(std::vector<Frame>& frames) {
+bool FrameReader::completeFrame(Arrived arrived, std::vector<Frame>& frames) {
   // Descriptors travel with their frame's first bytes, so by now they must be here.
-  if (waitingDescriptors() < declaredDescriptors_) return false;
+  const std::size_t here =
+      std::min(lacksDescriptors_ ? 0 : declaredDescriptors_, descriptors_.size());
+  if (here < declaredDescriptors_ && !lacksDescriptors_) {
+    if (arrived == Arrived::all) return false;
+    lacksDescriptors_ = true;
+  }
   Frame& frame = frames.emplace_back();
   frame.payload.swap(payload_);
-  const auto first = std::make_move_iterator(firstWaiting());
-  frame.descriptors.assign(first, first + static_cast<std::ptrdiff_t>(declaredDescriptors_));
-  takenDescriptors_ += declaredDescriptors_;
+  if (here != 0) frame.descriptors = descriptors_.takeFirst(here);
+  frame.lacksDescriptors = std::exchange(lacksDescriptors_, false);
+  if (isInLargeFrame()) frame.part = std::move(part_);
   headerBytes_ = 0;
   return true;
 }
 
 bool FrameReader::hasUndeclaredDescriptors() const {
-  if (headerBytes_ == 0) return waitingDescriptors() != 0;
-  return !isInHeader() && waitingDescriptors() > declaredDescriptors_;
+  if (headerBytes_ == 0) return descriptors_.size() != 0;
+  const std::size_t declared = lacksDescriptors_ ? 0 : declaredDescriptors_;
+  return !isInHeader() && descriptors_.size() > declared;
+}
+
+bool FrameReader::mayGrow(std::size_t bytes) {
+  return !isInLargeFrame() || part_.reach(std::min(payload_.size() + bytes, payloadBytes_));
+}
+
+std::size_t FrameReader::bytesBeforeManyDescriptors(std::span<const std::byte> next) const {
+  std::array<std::byte, Wire::headerSize> header = header_;
+  std::size_t known = headerBytes_;
+  std::size_t place = isInHeader() ? 0 : payloadBytes_ - payload_.size();
+  if (!isInHeader()) known = 0;
+  while (place < next.size()) {
+    const std::size_t count = std::min(header.size() - known, next.size() - place);
+    std::copy_n(next.begin() + static_cast<std::ptrdiff_t>(place), count,
+                header.begin() + static_cast<std::ptrdiff_t>(known));
+    const Header frame = parsed(header.data());
+    if (known + count < header.size() || frame.descriptors > Wire::fewDescriptors) return place;
+    place += count + frame.payloadBytes;
+    known = 0;
+  }
+  return next.size();
 }
 
 }  // namespace Platform

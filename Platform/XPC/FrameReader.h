@@ -1,4 +1,8 @@
 // FrameReader: cuts a byte stream, and the descriptors that come with it, into frames.
+//
+// What it keeps of a frame that is not complete is at most what arrived of it. The descriptors of a
+// frame come with its first bytes (Documentation/wire-protocol.md), so they may wait a long time
+// for its last: whoever reads asks, while the process holds many, how far it may go.
 #pragma once
 
 #include <array>
@@ -7,38 +11,55 @@
 #include <span>
 #include <vector>
 
-#include "Platform/Runtime/UniqueFd.h"
+#include "Platform/XPC/Budget.h"
 #include "Platform/XPC/Codec.h"
+#include "Platform/XPC/ForeignDescriptors.h"
 
 namespace Platform {
 
-// One for a connection's life. Not synchronised: used by whoever reads the connection.
+// Whether all descriptors that were sent with what was received came with it.
+enum class Arrived { all, some };
+
+// One for a link's life. Not synchronised: used by whoever reads the link.
 class FrameReader {
  public:
   // Takes what one receive brought and appends the frames that it completes. False when the stream
-  // is not of the wire's format; it has no future then.
-  bool feed(std::span<const std::byte> bytes, std::vector<UniqueFd> descriptors,
+  // is not of the wire's format, or when it cannot be told whose descriptors were lost; it has no
+  // future then.
+  bool feed(std::span<const std::byte> bytes, ForeignDescriptors descriptors, Arrived arrived,
             std::vector<Frame>& frames);
 
   // Whether descriptors are here that no frame begun so far has declared.
   bool hasUndeclaredDescriptors() const;
 
+  // Whether so many more bytes may be received now, as far as the frame that has begun decides. A
+  // large one takes them from the process's budget.
+  bool mayGrow(std::size_t bytes);
+  bool isInLargeFrame() const { return !isInHeader() && payloadBytes_ > Wire::largePayload; }
+
+  // How many of the bytes that are to be received next come before a frame with more than a few
+  // descriptors, and before one of which that cannot be told yet.
+  std::size_t bytesBeforeManyDescriptors(std::span<const std::byte> next) const;
+
  private:
+  struct Header {
+    std::size_t payloadBytes;
+    std::size_t descriptors;
+  };
+  static Header parsed(const std::byte* header);
+
   bool isInHeader() const { return headerBytes_ < header_.size(); }
   bool readHeader();
-  bool completeFrame(std::vector<Frame>& frames);
-  std::size_t waitingDescriptors() const { return descriptors_.size() - takenDescriptors_; }
-  std::vector<UniqueFd>::iterator firstWaiting() {
-    return descriptors_.begin() + static_cast<std::ptrdiff_t>(takenDescriptors_);
-  }
+  bool completeFrame(Arrived arrived, std::vector<Frame>& frames);
 
   std::array<std::byte, Wire::headerSize> header_{};
   std::size_t headerBytes_ = 0;
   std::size_t payloadBytes_ = 0;         // declared; valid when the header is complete
   std::size_t declaredDescriptors_ = 0;  // likewise
+  bool lacksDescriptors_ = false;        // some of the frame's were lost
   std::vector<std::byte> payload_;       // grows with what arrives, not with what was declared
-  std::vector<UniqueFd> descriptors_;    // in order of arrival
-  std::size_t takenDescriptors_ = 0;     // so many at the front went with frames
+  BudgetPart part_;                      // the payload's, if it is large
+  ForeignDescriptors descriptors_;       // in order of arrival
 };
 
 }  // namespace Platform

@@ -1,20 +1,21 @@
 #include "Platform/XPC/NSXPCConnection.h"
 
 #include "Platform/Runtime/Stop.h"
+#include "Platform/XPC/AnsweringProcess.h"
 #include "Platform/XPC/Connection.h"
 
 namespace Platform {
 
 std::shared_ptr<NSXPCConnection> NSXPCConnection::initWithMachServiceName(const Text& name) {
   return std::make_shared<NSXPCConnection>(
-      std::make_shared<Connection>(Connection::NamedTarget{name}, UniqueFd()));
+      std::make_shared<Connection>(Dialer::Named{name}, UniqueFd()));
 }
 
 std::shared_ptr<NSXPCConnection> NSXPCConnection::initWithListenerEndpoint(
     std::shared_ptr<NSXPCListenerEndpoint> endpoint) {
   if (!endpoint) stopProcess(ExitStatus::software);
   return std::make_shared<NSXPCConnection>(
-      std::make_shared<Connection>(Connection::EndpointTarget{std::move(endpoint)}, UniqueFd()));
+      std::make_shared<Connection>(Dialer::Endpoint{std::move(endpoint)}, UniqueFd()));
 }
 
 NSXPCConnection::NSXPCConnection(std::shared_ptr<Connection> connection)
@@ -33,19 +34,31 @@ void NSXPCConnection::setExportedObject(std::shared_ptr<NSObject> object) {
 }
 
 void NSXPCConnection::setInterruptionHandler(std::function<void()> handler) {
-  connection_->setInterruptionHandler(std::move(handler));
+  connection_->setHandler(&Connection::Handlers::interruption, std::move(handler));
+}
+
+void NSXPCConnection::setLinkLossHandler(std::function<void()> handler) {
+  connection_->setHandler(&Connection::Handlers::linkLoss, std::move(handler));
 }
 
 void NSXPCConnection::setInvalidationHandler(std::function<void()> handler) {
-  connection_->setInvalidationHandler(std::move(handler));
+  connection_->setHandler(&Connection::Handlers::invalidation, std::move(handler));
 }
 
 void NSXPCConnection::resume() {
-  connection_->resume(std::static_pointer_cast<NSXPCConnection>(shared_from_this()));
+  connection_->resume(shared_from_this());
 }
 
 void NSXPCConnection::invalidate() {
   connection_->invalidate();
+}
+
+bool NSXPCConnection::waitUntilSent(std::chrono::milliseconds limit) {
+  return connection_->waitUntilSent(limit);
+}
+
+std::uint64_t NSXPCConnection::answeringProcess() {
+  return AnsweringProcess::current();
 }
 
 Encoder NSXPCConnection::beginMessage(std::string_view selector) {
@@ -72,13 +85,13 @@ void NSXPCConnection::sendMessage(OutgoingFrame frame) {
 
 void NSXPCConnection::sendCall(std::uint64_t serial, OutgoingFrame frame, DecodeReply onReply,
                                SharedErrorHandler onError) {
-  connection_->sendCall(serial, std::move(frame), std::move(onReply), std::move(onError));
+  connection_->sendCall(serial, std::move(frame), {std::move(onReply), std::move(onError)});
 }
 
-std::optional<NSXPCConnectionError> NSXPCConnection::waitForCall(std::uint64_t serial,
-                                                                 OutgoingFrame frame,
-                                                                 const DecodeReply& onReply) {
-  return connection_->waitForCall(serial, std::move(frame), onReply);
+std::optional<NSXPCConnectionError> NSXPCConnection::waitForCall(
+    std::uint64_t serial, OutgoingFrame frame, const DecodeReply& onReply,
+    std::optional<std::chrono::milliseconds> limit) {
+  return connection_->waitForCall(serial, std::move(frame), onReply, limit);
 }
 
 }  // namespace Platform

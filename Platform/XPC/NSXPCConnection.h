@@ -13,6 +13,8 @@
 // that wait for an answer fail at once in both cases.
 #pragma once
 
+#include <chrono>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -20,6 +22,7 @@
 
 #include "Platform/Runtime/NSObject.h"
 #include "Platform/Runtime/Text.h"
+#include "Platform/XPC/NSXPCConnectionError.h"
 #include "Platform/XPC/NSXPCInterface.h"
 #include "Platform/XPC/NSXPCListenerEndpoint.h"
 
@@ -28,18 +31,6 @@ namespace Platform {
 class Connection;
 template <class Interface>
 class RemoteProxy;
-
-enum class NSXPCConnectionError {
-  interrupted,   // the service is not there, or went away before it answered
-  invalid,       // the connection is over, or was never resumed
-  refused,       // the peer knows no such message, did not like its arguments, or dropped the reply
-                 // block
-  replyInvalid,  // the answer is not of the interface's types
-};
-
-using NSXPCErrorHandler = std::function<void(NSXPCConnectionError)>;
-// A proxy's handler is one for all its calls, so they share it. Null when there is none.
-using SharedErrorHandler = std::shared_ptr<const NSXPCErrorHandler>;
 
 // All methods: any thread. Everything but `resume`, `invalidate` and the proxies is set up before
 // `resume`. An accepted connection is kept alive by the layer until its peer goes; any other by its
@@ -61,6 +52,9 @@ class NSXPCConnection final : public NSObject {
   void setExportedObject(std::shared_ptr<NSObject> object);
 
   void setInterruptionHandler(std::function<void()> handler);
+  // Like the interruption handler, and called before it: one is for the layer above, the other for
+  // the application.
+  void setLinkLossHandler(std::function<void()> handler);
   void setInvalidationHandler(std::function<void()> handler);
 
   // Until then nothing is delivered and calls fail. Once.
@@ -68,34 +62,47 @@ class NSXPCConnection final : public NSObject {
   // Ends the connection; its invalidation handler is called. Messages sent before may be lost.
   void invalidate();
 
+  // Waits, on the calling thread, until everything that was sent before is on its way: the peer
+  // gets it even if this process ends. False when the limit is reached before, or the connection
+  // ends.
+  bool waitUntilSent(std::chrono::milliseconds limit);
+
+  // Inside a reply block of a named connection: the number of the service's process that sent this
+  // answer. Two answers on one connection have the same number exactly when the same process sent
+  // both. 0 outside.
+  static std::uint64_t answeringProcess();
+
   // The peer's exported object. Of each call's reply block and error handler, one is called, once.
   // Messages without a reply block are sent and forgotten. The proxy keeps the connection alive.
   template <class Interface>
   std::shared_ptr<Interface> remoteObjectProxyWithErrorHandler(NSXPCErrorHandler handler) {
-    return proxy<Interface>(Waiting::no, std::move(handler));
+    return proxy<Interface>(Waiting{}, std::move(handler));
   }
   template <class Interface>
   std::shared_ptr<Interface> remoteObjectProxy() {
-    return proxy<Interface>(Waiting::no, {});
+    return proxy<Interface>(Waiting{}, {});
   }
   // The same, with calls that return after the reply block or error handler has been called, on the
-  // calling thread.
+  // calling thread. With a limit, a call that has no answer by then ends with `timedOut`.
   template <class Interface>
   std::shared_ptr<Interface> synchronousRemoteObjectProxyWithErrorHandler(
-      NSXPCErrorHandler handler) {
-    return proxy<Interface>(Waiting::yes, std::move(handler));
+      NSXPCErrorHandler handler, std::optional<std::chrono::milliseconds> limit = std::nullopt) {
+    return proxy<Interface>(Waiting{true, limit}, std::move(handler));
   }
 
  private:
   template <class Interface>
   friend class RemoteProxy;
-  enum class Waiting { no, yes };
+  struct Waiting {
+    bool waits = false;
+    std::optional<std::chrono::milliseconds> limit = std::nullopt;  // none: without end
+  };
   using DecodeReply = std::function<void(Decoder&)>;
 
   template <class Interface>
   std::shared_ptr<Interface> proxy(Waiting waiting, NSXPCErrorHandler handler) {
     auto self = std::static_pointer_cast<NSXPCConnection>(shared_from_this());
-    return std::make_shared<typename Interface::Proxy>(std::move(self), waiting == Waiting::yes,
+    return std::make_shared<typename Interface::Proxy>(std::move(self), waiting,
                                                        std::move(handler));
   }
 
@@ -106,7 +113,8 @@ class NSXPCConnection final : public NSObject {
                 SharedErrorHandler onError);
   // None when there is an answer, which `onReply` has been given.
   std::optional<NSXPCConnectionError> waitForCall(std::uint64_t serial, OutgoingFrame frame,
-                                                  const DecodeReply& onReply);
+                                                  const DecodeReply& onReply,
+                                                  std::optional<std::chrono::milliseconds> limit);
 
   const std::shared_ptr<Connection> connection_;
 };
@@ -115,9 +123,10 @@ class NSXPCConnection final : public NSObject {
 template <class Interface>
 class RemoteProxy : public Interface {
  public:
-  RemoteProxy(std::shared_ptr<NSXPCConnection> connection, bool waits, NSXPCErrorHandler onError)
+  RemoteProxy(std::shared_ptr<NSXPCConnection> connection, NSXPCConnection::Waiting waiting,
+              NSXPCErrorHandler onError)
       : connection_(std::move(connection)),
-        waits_(waits),
+        waiting_(waiting),
         onError_(onError ? std::make_shared<const NSXPCErrorHandler>(std::move(onError))
                          : nullptr) {}
 
@@ -161,15 +170,16 @@ class RemoteProxy : public Interface {
       if (!decoder.isSound() || !decoder.isAtEnd() || !reply) return;
       std::apply([&](auto&... value) { reply(std::move(value)...); }, values);
     };
-    if (!waits_) {
+    if (!waiting_.waits) {
       connection_->sendCall(serial, std::move(frame), std::move(onReply), onError_);
-    } else if (const auto error = connection_->waitForCall(serial, std::move(frame), onReply)) {
+    } else if (const auto error =
+                   connection_->waitForCall(serial, std::move(frame), onReply, waiting_.limit)) {
       if (onError_) (*onError_)(*error);
     }
   }
 
   const std::shared_ptr<NSXPCConnection> connection_;
-  const bool waits_;
+  const NSXPCConnection::Waiting waiting_;
   const SharedErrorHandler onError_;
 };
 

@@ -11,10 +11,11 @@ Encoder beginReply(std::uint64_t serial) {
 }
 
 bool NSXPCInterface::dispatch(void* implementer, std::string_view selector, Decoder& arguments,
-                              std::shared_ptr<ReplySender> sender) const {
+                              bool expectsAnswer, std::shared_ptr<ReplySender> sender) const {
   if (!description_) return false;
   for (const Entry& entry : description_->entries) {
     if (entry.selector != selector) continue;
+    if (entry.hasReply != expectsAnswer) return false;
     entry.invoke(implementer, arguments, std::move(sender));
     return true;
   }

@@ -190,14 +190,16 @@ class NSXPCInterface {
   void* implementer(NSObject* object) const { return description_->cast(object); }
 
   // Carries the call out on an implementer, or does nothing when the decoder ends up not sound.
-  // False when the interface has no such message.
+  // False when the interface has no such message, or has it with a reply block where no answer is
+  // expected, or the other way round.
   bool dispatch(void* implementer, std::string_view selector, Decoder& arguments,
-                std::shared_ptr<ReplySender> sender) const;
+                bool expectsAnswer, std::shared_ptr<ReplySender> sender) const;
 
  private:
   using Invoke = void (*)(void* object, Decoder& decoder, std::shared_ptr<ReplySender> sender);
   struct Entry {
     std::string_view selector;
+    bool hasReply;
     Invoke invoke;
   };
   struct Description {
@@ -210,7 +212,8 @@ class NSXPCInterface {
   struct Described {
     template <auto... Members>
     static constexpr auto table(const Protocol<Members...>& protocol) {
-      std::array<Entry, sizeof...(Members)> rows{Entry{{}, &Detail::invoke<Members>}...};
+      std::array<Entry, sizeof...(Members)> rows{Entry{
+          {}, Detail::MethodTraits<decltype(Members)>::hasReply, &Detail::invoke<Members>}...};
       for (std::size_t i = 0; i < rows.size(); ++i) rows[i].selector = protocol.selectors[i];
       return rows;
     }

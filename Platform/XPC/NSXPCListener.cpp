@@ -119,7 +119,7 @@ class NSXPCListener::Acceptor final : public ReadinessHandler,
       }
       if (!delegate || !listener || !isPeerOfThisUser(socket.get())) continue;
       delegate->listener(listener, std::make_shared<NSXPCConnection>(std::make_shared<Connection>(
-                                       Connection::Accepted{}, std::move(socket))));
+                                       Dialer::Accepted{}, std::move(socket))));
     }
     schedule();
   }

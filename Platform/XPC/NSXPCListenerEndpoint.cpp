@@ -21,7 +21,7 @@ dev_t socketDevice() {
 
 }  // namespace
 
-std::shared_ptr<NSXPCListenerEndpoint> NSXPCListenerEndpoint::adopt(UniqueFd descriptor) {
+std::shared_ptr<NSXPCListenerEndpoint> NSXPCListenerEndpoint::adopt(UniqueFd& descriptor) {
   // A socket's inode in a file system cannot be opened but with O_PATH, so where the inode is tells
   // both: one call instead of two, on the path of every request that carries an endpoint.
   struct stat status {};

@@ -16,10 +16,9 @@ namespace Platform {
 // Immutable. Any thread.
 class NSXPCListenerEndpoint final : public NSObject {
  public:
-  // Takes a descriptor that came from outside. Null, and the descriptor is closed, when it is
-  // anything but an O_PATH descriptor of a socket: closing any other kind may block, so this never
-  // runs on a queue that others share.
-  static std::shared_ptr<NSXPCListenerEndpoint> adopt(UniqueFd descriptor);
+  // Takes a descriptor that came from outside. Null, and the descriptor stays where it is, when it
+  // is anything but an O_PATH descriptor of a socket: closing any other kind may block.
+  static std::shared_ptr<NSXPCListenerEndpoint> adopt(UniqueFd& descriptor);
 
   // For the layer's own use: opened with O_PATH by the caller. `listeningSocket` is its listener's,
   // when that is one of this process.

@@ -24,12 +24,14 @@ constexpr std::size_t mostBytesAhead = smallBuffer - 1024;
 
 constexpr std::size_t keptWhenBusy = 16 << 10;  // bytes of memory, from one send to the next
 constexpr std::size_t keptAtRest = 512;
-constexpr std::size_t compactAfter = 1 << 20;  // sent bytes that may stay in front of waiting ones
+constexpr std::size_t compactAfter = 16 << 10;  // sent bytes that may stay in front of waiting ones
 
 }  // namespace
 
 void Outbox::append(OutgoingFrame frame) {
-  if (!frame.endpoints.empty()) carriers_.push_back({bytes_.size(), std::move(frame.endpoints)});
+  for (EndpointRef& endpoint : frame.endpoints) {
+    endpoints_.push_back({bytes_.size(), std::move(endpoint)});
+  }
   if (bytes_.empty() && frame.bytes.size() > bytes_.capacity()) {
     bytes_ = std::move(frame.bytes);
   } else {
@@ -37,27 +39,26 @@ void Outbox::append(OutgoingFrame frame) {
   }
 }
 
-Outbox::Result Outbox::flush(int socket) {
+Outbox::Result Outbox::sendAll(int socket) {
   bool mayCarry = true;
   while (!isEmpty()) {
-    // Take whole carriers until the next would make it too many descriptors, or is too far away;
+    // Take the endpoints of whole frames until the next would make it too many, or is too far away;
     // its bytes must then stay behind as well, since descriptors go no later than the first byte of
     // their frame.
     int descriptors[Wire::mostDescriptors];
     std::size_t count = 0;
     std::size_t end = bytes_.size();
-    std::size_t next = carriersSent_;
-    for (; next < carriers_.size(); ++next) {
-      const Carrier& carrier = carriers_[next];
-      const bool isTooMany =
-          count != 0 && count + carrier.endpoints.size() > mostDescriptorsPerSend;
-      if (!mayCarry || isTooMany || carrier.start > sent_ + mostBytesAhead) {
-        end = carrier.start;
+    std::size_t next = endpointsSent_;
+    while (next < endpoints_.size()) {
+      const std::size_t start = endpoints_[next].start;
+      std::size_t last = next;
+      while (last < endpoints_.size() && endpoints_[last].start == start) ++last;
+      const bool isTooMany = count != 0 && count + (last - next) > mostDescriptorsPerSend;
+      if (!mayCarry || isTooMany || start > sent_ + mostBytesAhead) {
+        end = start;
         break;
       }
-      for (const EndpointRef& endpoint : carrier.endpoints) {
-        descriptors[count++] = endpoint->descriptor();
-      }
+      for (; next < last; ++next) descriptors[count++] = endpoints_[next].endpoint->descriptor();
     }
 
     iovec bytes{bytes_.data() + sent_, end - sent_};
@@ -82,7 +83,7 @@ Outbox::Result Outbox::flush(int socket) {
     if (sent < 0) {
       const int error = errno;
       if (error == EINTR) continue;
-      if (error == ETOOMANYREFS && carriers_[carriersSent_].start > sent_) {
+      if (error == ETOOMANYREFS && endpoints_[endpointsSent_].start > sent_) {
         mayCarry = false;  // what stands before the first of them need not wait
         continue;
       }
@@ -94,7 +95,7 @@ Outbox::Result Outbox::flush(int socket) {
     // A partial send has sent all its descriptors.
     sent_ += static_cast<std::size_t>(sent);
     descriptorsSent_ += count;
-    for (; carriersSent_ < next; ++carriersSent_) carriers_[carriersSent_].endpoints.clear();
+    for (; endpointsSent_ < next; ++endpointsSent_) endpoints_[endpointsSent_].endpoint.reset();
   }
   dropSent();
   return Result::done;
@@ -105,20 +106,22 @@ void Outbox::dropSent() {
     clear();
     return;
   }
-  if (sent_ < compactAfter) return;
+  // Not before as much has gone as is to be moved.
+  if (sent_ < compactAfter || sent_ < bytes_.size() - sent_) return;
   bytes_.erase(bytes_.begin(), bytes_.begin() + static_cast<std::ptrdiff_t>(sent_));
-  carriers_.erase(carriers_.begin(),
-                  carriers_.begin() + static_cast<std::ptrdiff_t>(carriersSent_));
-  for (Carrier& carrier : carriers_) carrier.start -= sent_;
+  endpoints_.erase(endpoints_.begin(),
+                   endpoints_.begin() + static_cast<std::ptrdiff_t>(endpointsSent_));
+  for (Waiting& waiting : endpoints_) waiting.start -= sent_;
   sent_ = 0;
-  carriersSent_ = 0;
+  endpointsSent_ = 0;
 }
 
 void Outbox::clear() {
+  lastResult_ = Result::done;
   bytes_.clear();
-  carriers_.clear();
+  endpoints_.clear();
   sent_ = 0;
-  carriersSent_ = 0;
+  endpointsSent_ = 0;
   keepAtMost(keptWhenBusy);
 }
 
@@ -128,7 +131,7 @@ void Outbox::rest() {
 
 void Outbox::keepAtMost(std::size_t bytes) {
   if (bytes_.capacity() > bytes) bytes_.shrink_to_fit();
-  if (carriers_.capacity() * sizeof(Carrier) > bytes) carriers_.shrink_to_fit();
+  if (endpoints_.capacity() * sizeof(Waiting) > bytes) endpoints_.shrink_to_fit();
 }
 
 }  // namespace Platform

@@ -21,30 +21,36 @@ class Outbox {
   void append(OutgoingFrame frame);
 
   // Sends what the socket takes without blocking, many frames in one call.
-  Result flush(int socket);
+  Result flush(int socket) { return lastResult_ = sendAll(socket); }
+  Result lastResult() const { return lastResult_; }
 
   bool isEmpty() const { return sent_ == bytes_.size(); }
-  std::size_t waitingBytes() const { return bytes_.size() - sent_; }
+  // What waits, in bytes of memory.
+  std::size_t load() const {
+    return bytes_.size() - sent_ + (endpoints_.size() - endpointsSent_) * sizeof(Waiting);
+  }
   void clear();
   // Gives back memory that only a busy connection needs.
   void rest();
 
  private:
-  // A frame that carries descriptors, and where in bytes_ it begins.
-  struct Carrier {
+  // An endpoint, and where in bytes_ the frame begins that carries it.
+  struct Waiting {
     std::size_t start;
-    std::vector<EndpointRef> endpoints;
+    EndpointRef endpoint;
   };
 
+  Result sendAll(int socket);
   void dropSent();
   void keepAtMost(std::size_t bytes);
 
   std::vector<std::byte> bytes_;
   std::size_t sent_ = 0;
-  std::vector<Carrier> carriers_;    // in order of start
-  std::size_t carriersSent_ = 0;     // whose descriptors have gone out
+  std::vector<Waiting> endpoints_;  // in order of start
+  std::size_t endpointsSent_ = 0;
   std::size_t descriptorsSent_ = 0;  // to this socket
   bool bufferIsSmall_ = false;       // this socket's
+  Result lastResult_ = Result::done;
 };
 
 }  // namespace Platform

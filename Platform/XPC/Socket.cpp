@@ -1,6 +1,7 @@
 #include "Platform/XPC/Socket.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/time.h>
@@ -38,7 +39,8 @@ void setReceivePatience(int socket, std::chrono::microseconds patience) {
 Received receive(int socket, std::span<std::byte> buffer, Wait wait) {
   Received received;
   iovec bytes{buffer.data(), buffer.size()};
-  alignas(cmsghdr) char control[CMSG_SPACE(Wire::mostDescriptors * sizeof(int))];
+  alignas(cmsghdr) char
+      control[CMSG_SPACE(Wire::mostDescriptors * sizeof(int)) + CMSG_SPACE(sizeof(ucred))];
   msghdr message{};
   message.msg_iov = &bytes;
   message.msg_iovlen = 1;
@@ -54,21 +56,40 @@ Received receive(int socket, std::span<std::byte> buffer, Wait wait) {
   }
   if (count < 0) return received;
   for (cmsghdr* header = CMSG_FIRSTHDR(&message); header; header = CMSG_NXTHDR(&message, header)) {
-    if (header->cmsg_level != SOL_SOCKET || header->cmsg_type != SCM_RIGHTS) continue;
+    if (header->cmsg_level != SOL_SOCKET) continue;
+    if (header->cmsg_type == SCM_CREDENTIALS) {
+      ucred sender;
+      std::memcpy(&sender, CMSG_DATA(header), sizeof sender);
+      received.sender = sender.pid;
+    }
+    if (header->cmsg_type != SCM_RIGHTS) continue;
     const std::size_t descriptors = (header->cmsg_len - CMSG_LEN(0)) / sizeof(int);
     for (std::size_t i = 0; i < descriptors; ++i) {
       int descriptor;
       std::memcpy(&descriptor, CMSG_DATA(header) + i * sizeof(int), sizeof descriptor);
-      received.descriptors.emplace_back(descriptor);
+      received.descriptors.add(UniqueFd(descriptor));
     }
   }
-  if (count == 0 || (message.msg_flags & MSG_CTRUNC) != 0) {
-    received.descriptors.clear();
-    return received;
-  }
+  if (count == 0) return received;
+  received.lostDescriptors = (message.msg_flags & MSG_CTRUNC) != 0;
   received.outcome = Received::Outcome::data;
   received.bytes = static_cast<std::size_t>(count);
   return received;
+}
+
+void tellSenders(int socket, bool whether) {
+  const int on = whether ? 1 : 0;
+  ::setsockopt(socket, SOL_SOCKET, SO_PASSCRED, &on, sizeof on);
+}
+
+std::span<const std::byte> peek(int socket, std::span<std::byte> buffer) {
+  const ssize_t count = ::recv(socket, buffer.data(), buffer.size(), MSG_PEEK | MSG_DONTWAIT);
+  return buffer.first(count > 0 ? static_cast<std::size_t>(count) : 0);
+}
+
+bool mayPeerRead(int socket) {
+  pollfd state{socket, 0, 0};
+  return ::poll(&state, 1, 0) == 0;  // else it has hung up
 }
 
 Connected connectTo(const std::string& path) {

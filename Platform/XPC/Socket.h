@@ -1,14 +1,16 @@
 // The socket calls of the layer: stream sockets of this machine, close-on-exec from birth.
 #pragma once
 
+#include <sys/types.h>
+
 #include <chrono>
 #include <cstddef>
 #include <optional>
 #include <span>
 #include <string>
-#include <vector>
 
 #include "Platform/Runtime/UniqueFd.h"
+#include "Platform/XPC/ForeignDescriptors.h"
 
 namespace Platform {
 
@@ -18,11 +20,13 @@ struct Received {
   enum class Outcome {
     data,
     nothingYet,
-    ended,  // the peer is gone, or its descriptors did not all fit into this process
+    ended,  // the peer sends nothing more
   };
   Outcome outcome = Outcome::ended;
-  std::size_t bytes = 0;              // in the buffer
-  std::vector<UniqueFd> descriptors;  // with data only
+  std::size_t bytes = 0;           // in the buffer
+  ForeignDescriptors descriptors;  // with data only
+  bool lostDescriptors = false;    // there were more, for which this process had no room
+  pid_t sender = 0;                // who sent the data, if the socket tells; see `tellSenders`
 };
 
 // How long a `receive` that waits does so at most; zero: for ever.
@@ -30,6 +34,15 @@ void setReceivePatience(int socket, std::chrono::microseconds patience);
 
 // Reads what is there. Every descriptor is owned before anything else happens.
 Received receive(int socket, std::span<std::byte> buffer, Wait wait);
+
+// Whether what is received from now on tells which process sent it. For a connected socket.
+void tellSenders(int socket, bool whether);
+
+// What the next receive would bring, without its descriptors; nothing is taken, and nothing waits.
+std::span<const std::byte> peek(int socket, std::span<std::byte> buffer);
+
+// Whether the peer, from which nothing more will come, may still read.
+bool mayPeerRead(int socket);
 
 enum class ConnectOutcome {
   connected,

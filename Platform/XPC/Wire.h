@@ -12,8 +12,10 @@ namespace Platform::Wire {
 inline constexpr std::size_t headerSize = 8;
 inline constexpr std::size_t mostPayloadBytes = std::size_t{256} << 20;
 inline constexpr std::size_t mostDescriptors = 253;  // what the kernel takes in one call
-inline constexpr int deepestNesting = 32;            // of arrays and maps in an argument or value
-inline constexpr int arraysAroundArguments = 2;      // of a payload's own
+inline constexpr std::size_t largePayload = std::size_t{64} << 10;  // more may have to wait
+inline constexpr std::size_t fewDescriptors = 8;                    // likewise
+inline constexpr int deepestNesting = 32;        // of arrays and maps in an argument or value
+inline constexpr int arraysAroundArguments = 2;  // of a payload's own
 
 // Of the items that make up a payload's values of any type: in memory each takes many times the
 // byte that it may take here.

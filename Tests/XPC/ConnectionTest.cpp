@@ -134,7 +134,8 @@ TEST_F(Connections, RefuseToSendAndToReadMoreItemsThanFitInMemory) {
   for (std::size_t i = 0; i < Wire::mostItems; ++i) encoder.simple(Wire::nullByte);
   OutgoingFrame frame = encoder.finish();
   frame.bytes.erase(frame.bytes.begin(), frame.bytes.begin() + Wire::headerSize);
-  Frame received{.payload = std::move(frame.bytes), .descriptors = {}};
+  Frame received;
+  received.payload = std::move(frame.bytes);
   Decoder decoder(received);
   decoder.value();
   EXPECT_TRUE(decoder.isMalformed());

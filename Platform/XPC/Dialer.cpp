@@ -1,0 +1,56 @@
+#include "Platform/XPC/Dialer.h"
+
+#include <algorithm>
+#include <string>
+
+#include "Platform/XPC/NamedService.h"
+
+namespace Platform {
+namespace {
+
+constexpr auto restAfterFaults = std::chrono::milliseconds(100);
+
+struct ConnectVisitor {
+  Connected operator()(const Dialer::Named& target) const {
+    const auto path = namedServicePath(target.service);
+    return path ? connectTo(*path) : Connected{};
+  }
+  Connected operator()(const Dialer::Endpoint& target) const {
+    return connectTo("/proc/self/fd/" + std::to_string(target.endpoint->descriptor()));
+  }
+  Connected operator()(const Dialer::Accepted&) const { return {}; }
+};
+
+}  // namespace
+
+std::pair<std::shared_ptr<Link>, ConnectOutcome> Dialer::dial() {
+  if (restLeft() > Delay::zero()) return {nullptr, ConnectOutcome::tryLater};
+  Connected connected = std::visit(ConnectVisitor(), target_);
+  if (connected.outcome != ConnectOutcome::connected) return {nullptr, connected.outcome};
+  auto link = linkFor(std::move(connected.socket));
+  if (isNamed()) link->askForSender();
+  return {std::move(link), ConnectOutcome::connected};
+}
+
+Dialer::Delay Dialer::restLeft() const {
+  const auto left = restUntil_ - std::chrono::steady_clock::now();
+  return std::max(std::chrono::ceil<Delay>(left), Delay::zero());
+}
+
+void Dialer::restAfterFault() {
+  restUntil_ = std::chrono::steady_clock::now() + restAfterFaults;
+}
+
+void Dialer::handOver(Link& link) {
+  for (OutgoingFrame& frame : unsent_) link.append(std::move(frame));
+  unsent_ = {};
+}
+
+std::uint64_t Dialer::processNumber(pid_t sender) {
+  const auto process = SenderProcess::of(sender);
+  if (!process || process != lastProcess_) ++lastProcessNumber_;
+  lastProcess_ = process;
+  return lastProcessNumber_;
+}
+
+}  // namespace Platform

@@ -1,0 +1,141 @@
+#include "Platform/XPC/ForeignDescriptors.h"
+
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <atomic>
+#include <deque>
+#include <iterator>
+#include <mutex>
+#include <utility>
+
+#include "Platform/Runtime/BackgroundThread.h"
+
+namespace Platform {
+namespace {
+
+// So many senders' descriptors may block their closing before the next sender's wait.
+constexpr std::size_t mostClosers = 6;
+
+std::atomic<std::size_t> heldDescriptors = 0;
+
+struct Batch {
+  std::vector<UniqueFd> descriptors;
+  std::shared_ptr<void> whileClosing;
+
+  void close() {
+    for (UniqueFd& descriptor : descriptors) {
+      // What lingers on close is cut short; the sender may have undone it by then, so the thread
+      // stays needed. For anything but a socket it does nothing.
+      const linger none{};
+      if (descriptor.isValid()) {
+        ::setsockopt(descriptor.get(), SOL_SOCKET, SO_LINGER, &none, sizeof none);
+      }
+      descriptor.reset();
+    }
+    heldDescriptors -= descriptors.size();
+    descriptors.clear();
+    whileClosing.reset();
+  }
+};
+
+// Its threads come with work and go when there is none.
+class Closers {
+ public:
+  static Closers& shared() {
+    static Closers* const instance = new Closers;
+    return *instance;
+  }
+
+  void add(Batch batch) {
+    {
+      const std::lock_guard lock(mutex_);
+      line_.push_back(std::move(batch));
+      if (threads_ == mostClosers) return;
+      ++threads_;
+    }
+    // Without a thread to be had, whoever dropped them waits.
+    if (!startBackgroundThread("gantrel-closer", [this] { work(); })) work();
+  }
+
+ private:
+  void work() {
+    std::unique_lock lock(mutex_);
+    while (!line_.empty()) {
+      Batch batch = std::move(line_.front());
+      line_.pop_front();
+      lock.unlock();
+      batch.close();
+      lock.lock();
+    }
+    --threads_;
+  }
+
+  std::mutex mutex_;
+  // Protected by mutex_:
+  std::deque<Batch> line_;
+  std::size_t threads_ = 0;
+};
+
+}  // namespace
+
+ForeignDescriptors::ForeignDescriptors(ForeignDescriptors&& other) noexcept
+    : descriptors_(std::exchange(other.descriptors_, {})), taken_(std::exchange(other.taken_, 0)) {}
+
+ForeignDescriptors& ForeignDescriptors::operator=(ForeignDescriptors&& other) noexcept {
+  if (this == &other) return *this;
+  close({});
+  descriptors_ = std::exchange(other.descriptors_, {});
+  taken_ = std::exchange(other.taken_, 0);
+  return *this;
+}
+
+void ForeignDescriptors::add(UniqueFd descriptor) {
+  descriptors_.push_back(std::move(descriptor));
+  ++heldDescriptors;
+}
+
+void ForeignDescriptors::add(ForeignDescriptors others) {
+  if (size() == 0) {
+    *this = std::move(others);
+    return;
+  }
+  descriptors_.erase(descriptors_.begin(),
+                     descriptors_.begin() + static_cast<std::ptrdiff_t>(taken_));
+  taken_ = 0;
+  std::ranges::move(others.all(), std::back_inserter(descriptors_));
+  heldDescriptors += others.size();
+}
+
+ForeignDescriptors ForeignDescriptors::takeFirst(std::size_t count) {
+  if (count == size() && taken_ == 0) return std::move(*this);
+  ForeignDescriptors first;
+  const auto begin = descriptors_.begin() + static_cast<std::ptrdiff_t>(taken_);
+  first.descriptors_.assign(std::make_move_iterator(begin),
+                            std::make_move_iterator(begin + static_cast<std::ptrdiff_t>(count)));
+  taken_ += count;
+  return first;
+}
+
+bool ForeignDescriptors::hasUnclaimed() const {
+  return std::ranges::any_of(descriptors_, &UniqueFd::isValid);
+}
+
+void ForeignDescriptors::close(std::shared_ptr<void> whileClosing) {
+  if (descriptors_.empty()) return;
+  descriptors_.erase(descriptors_.begin(),
+                     descriptors_.begin() + static_cast<std::ptrdiff_t>(taken_));
+  taken_ = 0;
+  if (hasUnclaimed()) {
+    Closers::shared().add({std::exchange(descriptors_, {}), std::move(whileClosing)});
+  } else {
+    heldDescriptors -= descriptors_.size();
+    descriptors_.clear();
+  }
+}
+
+std::size_t ForeignDescriptors::held() {
+  return heldDescriptors;
+}
+
+}  // namespace Platform

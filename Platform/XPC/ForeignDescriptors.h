@@ -1,0 +1,47 @@
+// ForeignDescriptors: descriptors that came from a peer, until somebody claims them.
+//
+// To close one may take as long as its sender likes: a socket that lingers, a file of a file system
+// that answers slowly. So those that nobody claims are closed by threads that have nothing else to
+// do, and that are there only while there is something to close.
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <span>
+#include <vector>
+
+#include "Platform/Runtime/UniqueFd.h"
+
+namespace Platform {
+
+// Not synchronised, but for the functions of the class.
+class ForeignDescriptors {
+ public:
+  ForeignDescriptors() = default;
+  ForeignDescriptors(ForeignDescriptors&& other) noexcept;
+  ForeignDescriptors& operator=(ForeignDescriptors&& other) noexcept;
+  ~ForeignDescriptors() { close({}); }
+
+  void add(UniqueFd descriptor);
+  void add(ForeignDescriptors others);
+  // The first `count` of them, which leave this.
+  ForeignDescriptors takeFirst(std::size_t count);
+
+  // Whoever claims one moves it out; an invalid one stays in its place.
+  std::span<UniqueFd> all() { return std::span(descriptors_).subspan(taken_); }
+  std::size_t size() const { return descriptors_.size() - taken_; }
+  bool hasUnclaimed() const;
+
+  // Closes those that nobody has claimed, where nobody waits for it. `whileClosing` is released
+  // when the last is closed.
+  void close(std::shared_ptr<void> whileClosing);
+
+  // How many of the process wait to be claimed or to be closed. Any thread.
+  static std::size_t held();
+
+ private:
+  std::vector<UniqueFd> descriptors_;
+  std::size_t taken_ = 0;  // so many at the front have left: to close the gap each time takes long
+};
+
+}  // namespace Platform

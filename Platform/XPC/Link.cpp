@@ -1,0 +1,95 @@
+#include "Platform/XPC/Link.h"
+
+#include <poll.h>
+#include <sys/epoll.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <span>
+#include <utility>
+
+namespace Platform {
+namespace {
+
+// What one receive brings of small messages, and of a large one. Others get their turn in between.
+constexpr std::size_t usualReception = 16 << 10;
+constexpr std::size_t largeReception = 64 << 10;
+
+// What a thread receives with. Not cleared, so a thread that only ever receives little touches
+// little of it.
+std::span<std::byte> bufferOfThisThread() {
+  thread_local const std::unique_ptr<std::byte[]> buffer(new std::byte[largeReception]);
+  return {buffer.get(), largeReception};
+}
+
+// Whether so many descriptors of peers wait here that frames with more than a few have to wait.
+bool descriptorsAreScarce() {
+  static const std::size_t plenty = [] {
+    rlimit limit{};
+    ::getrlimit(RLIMIT_NOFILE, &limit);
+    return std::max<std::size_t>(limit.rlim_cur / 4, Wire::mostDescriptors);
+  }();
+  return ForeignDescriptors::held() > plenty;
+}
+
+}  // namespace
+
+void Link::askForSender() {
+  asksForSender_ = true;
+  tellSenders(socket_.get(), true);
+}
+
+Reception Link::receive(Wait wait, std::vector<Frame>& frames) {
+  using Outcome = Reception::Outcome;
+  auto buffer = bufferOfThisThread();
+  if (!reader_.isInLargeFrame()) buffer = buffer.first(usualReception);
+  if (!reader_.mayGrow(buffer.size())) return {Outcome::heldBack};
+  if (descriptorsAreScarce()) {
+    const auto next = peek(socket_.get(), buffer);
+    const std::size_t room = reader_.bytesBeforeManyDescriptors(next);
+    if (room == 0 && !next.empty()) return {Outcome::heldBack};
+    if (room != 0) buffer = buffer.first(room);
+  }
+  Received received = Platform::receive(socket_.get(), buffer, wait);
+  if (received.outcome == Received::Outcome::nothingYet) return {Outcome::nothingYet};
+  if (received.outcome == Received::Outcome::ended) return {Outcome::ended};
+  if (std::exchange(asksForSender_, false)) tellSenders(socket_.get(), false);
+  const bool isFull = received.bytes == buffer.size();
+  // Whose descriptors were lost can be told only when all is here that was sent with them.
+  if (received.lostDescriptors && isFull) return {Outcome::fault};
+  const bool isSound =
+      reader_.feed(buffer.first(received.bytes), std::move(received.descriptors),
+                   received.lostDescriptors ? Arrived::some : Arrived::all, frames);
+  // When all that was sent with these descriptors is here, a frame must have claimed them.
+  if (!isSound || (!isFull && reader_.hasUndeclaredDescriptors())) return {Outcome::fault};
+  return {Outcome::data, isFull, received.sender};
+}
+
+void Link::waitForSocket(short events, std::chrono::milliseconds atMost) {
+  pollfd socket{socket_.get(), events, 0};
+  ::poll(&socket, 1, static_cast<int>(atMost.count()));
+}
+
+void Link::setPatience(std::chrono::microseconds patience) {
+  if (std::exchange(patience_, patience) != patience) {
+    setReceivePatience(socket_.get(), patience);
+  }
+}
+
+void Link::shutDown() {
+  ::shutdown(socket_.get(), SHUT_RDWR);
+}
+
+bool Link::watchFor(std::uint32_t events, const std::weak_ptr<ReadinessHandler>& handler) {
+  if (events == watched_.events) return hasWatch();
+  watched_.events = events;
+  if (watched_.watch) {
+    watched_.watch.setEvents(events | EPOLLONESHOT);
+  } else {
+    watched_.watch = WorkerPool::shared().watch(socket_.get(), events | EPOLLONESHOT, handler);
+  }
+  return hasWatch();
+}
+
+}  // namespace Platform

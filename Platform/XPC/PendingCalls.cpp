@@ -1,0 +1,51 @@
+#include "Platform/XPC/PendingCalls.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace Platform {
+
+void WaitingCall::end(NSXPCConnectionError why) {
+  if (!isDone()) error = why;
+  wake.notify_one();
+}
+
+bool PendingCalls::giveToWaiting(Frame& frame, const Origin& origin) {
+  if (waiting_.empty()) return false;
+  Decoder decoder(frame);
+  decoder.array();
+  const auto kind = static_cast<Wire::Kind>(decoder.unsignedInteger());
+  const std::uint64_t serial = decoder.unsignedInteger();
+  if (!decoder.isSound() || (kind != Wire::Kind::reply && kind != Wire::Kind::refusal)) {
+    return false;
+  }
+  const auto found = std::ranges::find(waiting_, serial, &WaitingCall::serial);
+  if (found == waiting_.end() || (*found)->isDone()) return false;
+  (*found)->answer = std::move(frame);
+  (*found)->origin = origin;
+  (*found)->wake.notify_one();
+  return true;
+}
+
+std::optional<PendingCall> PendingCalls::take(std::uint64_t serial) {
+  const auto found = blocks_.find(serial);
+  if (found == blocks_.end()) return std::nullopt;
+  PendingCall call = std::move(found->second);
+  blocks_.erase(found);
+  return call;
+}
+
+PendingCalls::Blocks PendingCalls::endAll(NSXPCConnectionError why) {
+  for (WaitingCall* call : waiting_) call->end(why);
+  return std::exchange(blocks_, {});
+}
+
+void PendingCalls::wakeFirst() {
+  if (!waiting_.empty()) waiting_.front()->wake.notify_one();
+}
+
+void PendingCalls::wakeAll() {
+  for (WaitingCall* call : waiting_) call->wake.notify_one();
+}
+
+}  // namespace Platform

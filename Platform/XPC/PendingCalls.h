@@ -1,0 +1,70 @@
+// PendingCalls: the calls of one connection that have no answer yet.
+//
+// A call in a waiting form lives on the stack of the thread that waits; of any other, the blocks to
+// be called are kept here.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <unordered_map>
+#include <vector>
+
+#include "Platform/XPC/Codec.h"
+#include "Platform/XPC/Link.h"
+#include "Platform/XPC/NSXPCConnectionError.h"
+
+namespace Platform {
+
+using DecodeReply = std::function<void(Decoder&)>;
+
+struct WaitingCall {
+  const std::uint64_t serial;
+  std::condition_variable wake = {};
+  std::optional<Frame> answer = {};
+  Origin origin = {};  // of the answer
+  std::optional<NSXPCConnectionError> error = {};
+
+  bool isDone() const { return answer || error; }
+  void end(NSXPCConnectionError why);
+};
+
+struct PendingCall {
+  DecodeReply onReply;
+  SharedErrorHandler onError;
+};
+
+// Guarded by its connection, but for `nextSerial`.
+class PendingCalls {
+ public:
+  using Blocks = std::unordered_map<std::uint64_t, PendingCall>;
+
+  std::uint64_t nextSerial() { return ++lastSerial_; }  // any thread
+
+  void add(std::uint64_t serial, PendingCall call) { blocks_.emplace(serial, std::move(call)); }
+  void add(WaitingCall& call) { waiting_.push_back(&call); }
+  void remove(WaitingCall& call) { std::erase(waiting_, &call); }
+
+  bool areEmpty() const { return blocks_.empty() && waiting_.empty(); }
+  bool anyWaits() const { return !waiting_.empty(); }
+  bool anyHasBlocks() const { return !blocks_.empty(); }
+
+  // The call that waits for this frame has it afterwards, and wakes.
+  bool giveToWaiting(Frame& frame, const Origin& origin);
+  std::optional<PendingCall> take(std::uint64_t serial);
+
+  // Ends the calls that wait; those with blocks are the caller's to end.
+  Blocks endAll(NSXPCConnectionError why);
+  // Wakes the call that has waited longest: somebody has to read.
+  void wakeFirst();
+  void wakeAll();
+
+ private:
+  std::atomic<std::uint64_t> lastSerial_ = 0;
+  Blocks blocks_;
+  std::vector<WaitingCall*> waiting_;  // in order of arrival
+};
+
+}  // namespace Platform
