@@ -77,9 +77,10 @@ void Connection::close() {
     phase_ = Phase::over;
     link_.reset();
   }
-  // One of its methods may be under way, and may be what led here.
-  if (exported_.isThere()) {
-    queue_->async([self = shared_from_this()] {
+  // The blocks go on the queue like the calls they belong to. A method of the exported object may
+  // be under way, and may be what led here.
+  if (!calls.empty() || exported_.isThere()) {
+    queue_->async([self = shared_from_this(), calls = std::move(calls)] {
       std::shared_ptr<NSObject> exported;
       const Lock guard(self->mutex_);
       exported = self->exported_.release();
