@@ -125,7 +125,7 @@ TEST_F(Applications, MayDropTheirHandleInsideItsOwnCallAndElsewhereMeanwhile) {
 TEST_F(Applications, LearnWhenAServiceAppears) {
   const auto queue = dispatch_queue_create("appearance", DISPATCH_QUEUE_SERIAL);
   std::promise<void> own, managers;  // each may be kept only once
-  const auto watches = {
+  [[maybe_unused]] const auto watches = {
       ServiceWatch::start("own"_text, queue, [&] { own.set_value(); }),
       ServiceWatch::start("manager's"_text, queue, [&] { managers.set_value(); })};
   const auto service = NSXPCListener::initWithMachServiceName("own"_text);

@@ -8,7 +8,8 @@
 #include "Platform/Workspace/NSRunningApplication.h"
 #include "Tests/Workspace/Launching.h"
 
-namespace Platform::CheckInsTests {
+namespace Platform {
+namespace {
 
 using namespace TestSupport;
 using CheckIns::checkIn;
@@ -110,4 +111,5 @@ TEST_F(CheckInsTest, NothingIsTakenForGoneWithoutADescriptorToLookWith) {
   EXPECT_EQ(presence, CheckIns::Presence::unknown);
 }
 
-}  // namespace Platform::CheckInsTests
+}  // namespace
+}  // namespace Platform

@@ -2,7 +2,8 @@
 
 #include "Tests/Support/TestProcess.h"
 
-namespace Platform::LogExcerptTests {
+namespace Platform {
+namespace {
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
@@ -72,4 +73,5 @@ TEST_F(LogExcerpt, HoldsTheRecentLinesOfTheUsersOwnApplicationsForTheUserAlone) 
   EXPECT_EQ(excerpt(), std::nullopt) << "a folder in which others may write";
 }
 
-}  // namespace Platform::LogExcerptTests
+}  // namespace
+}  // namespace Platform

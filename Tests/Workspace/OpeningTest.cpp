@@ -4,7 +4,8 @@
 
 #include "Tests/Support/StandInOpeners.h"
 
-namespace Platform::OpeningTests {
+namespace Platform {
+namespace {
 
 TEST(Opening, HandsOverExactlyWhatIsToBeOpened) {
   TestSupport::StandInOpeners openers;
@@ -48,4 +49,5 @@ TEST(Opening, LeavesAnOpenerThatStaysToRunAndTakesItsEndLater) {
   EXPECT_TRUE(TestSupport::eventually([opener] { return ::kill(opener, 0) != 0; })) << "a zombie";
 }
 
-}  // namespace Platform::OpeningTests
+}  // namespace
+}  // namespace Platform
