@@ -5,7 +5,6 @@
 
 #include "Platform/Runtime/KeyValueObserving.h"
 #include "Platform/Workspace/NSRunningApplication.h"
-#include "Platform/Workspace/RunningApplicationsObservation.h"
 
 namespace Gantrel_Sync_Helper {
 
@@ -75,12 +74,6 @@ const std::unordered_map<GApp, std::int64_t>& AppLaunchTerminationListener::laun
 
 void AppLaunchTerminationListener::setLaunchedApps(std::unordered_map<GApp, std::int64_t> counts) {
   launchedApps_ = std::move(counts);
-  countsAsTold_ = false;
-}
-
-void AppLaunchTerminationListener::startFrom(std::unordered_map<GApp, std::int64_t> countsAtStart) {
-  setLaunchedApps(std::move(countsAtStart));
-  countsAsTold_ = true;
 }
 
 void AppLaunchTerminationListener::observeValueForKeyPath(const std::optional<Text>&,
@@ -102,20 +95,14 @@ void AppLaunchTerminationListener::refreshLaunchedApp(GApp app) {
   const auto entry = before.find(app);
   if (entry == before.end()) return;
   const std::int64_t last = entry->second;
-  const Text& identifier = bundleIdentifier(app);
-  const auto toldCount =
-      countsAsTold_ ? RunningApplicationsObservation::toldInstances(identifier) : std::nullopt;
-  const std::int64_t now =
-      toldCount ? static_cast<std::int64_t>(*toldCount) : runningInstances_(identifier);
+  const std::int64_t now = runningInstances_(bundleIdentifier(app));
   if (const auto told = now == last ? nullptr : delegate()) {
     now > last ? told->appDidLaunch(app) : told->appDidTerminate(app);
   }
   // Read again: the delegate may have changed the other entries.
   auto counts = launchedApps();
   counts[app] = now;
-  const bool countsAsTold = countsAsTold_;
   setLaunchedApps(std::move(counts));
-  countsAsTold_ = countsAsTold;
 }
 
 }  // namespace Gantrel_Sync_Helper

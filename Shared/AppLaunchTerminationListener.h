@@ -56,12 +56,7 @@ class AppLaunchTerminationListener : public Platform::NSObject {
   // The number of running instances seen last of each tracked application. Only an application with
   // an entry is tracked.
   virtual const std::unordered_map<GApp, std::int64_t>& launchedApps() const;
-  // The owner's choice of what to track, and from which counts: the current ones, for example.
   virtual void setLaunchedApps(std::unordered_map<GApp, std::int64_t> counts);
-  // The same with the counts that an observation begins with. Until others are set, instances are
-  // then counted as the observation tells of them: so each launch and each end is one callback,
-  // however many come at once.
-  void startFrom(std::unordered_map<GApp, std::int64_t> countsAtStart);
 
   // Ignores every change that does not carry this watcher's context or does not list running
   // applications as inserted or removed; none is passed on to the base class.
@@ -79,7 +74,6 @@ class AppLaunchTerminationListener : public Platform::NSObject {
   std::int64_t kvoContext_ = 0;
   std::unordered_map<GApp, std::int64_t> launchedApps_;
   const InstanceCount runningInstances_;
-  bool countsAsTold_ = false;  // launchedApps_ began with an observation's counts
 };
 
 }  // namespace Gantrel_Sync_Helper

@@ -1,23 +1,19 @@
 #include "Shared/AppLaunchTerminationObservation.h"
 
-#include <algorithm>
 #include <utility>
 
 namespace Gantrel_Sync_Helper {
 
-using namespace Platform;
-
 AppLaunchTerminationObservation::AppLaunchTerminationObservation(
     std::shared_ptr<AppLaunchTerminationListener> listener, std::initializer_list<GApp> apps)
     : listener_(std::move(listener)), observation_(listener_, listener_->kvoContextAddress()) {
-  const auto running = observation_.initialApplications();
-  for (const GApp app : apps) {
-    const Text& identifier = bundleIdentifier(app);
-    countsAtStart_[app] = std::count_if(running.begin(), running.end(), [&](const auto& instance) {
-      return instance->bundleIdentifier() == identifier;
-    });
+  for (const GApp app : apps) countsAtStart_[app] = 0;
+  for (const auto& application : observation_.initialApplications()) {
+    for (const GApp app : apps) {
+      if (application->bundleIdentifier() == bundleIdentifier(app)) ++countsAtStart_[app];
+    }
   }
-  listener_->startFrom(countsAtStart_);
+  listener_->setLaunchedApps(countsAtStart_);
   observation_.resume();
 }
 

@@ -18,8 +18,7 @@ namespace Gantrel_Sync_Helper {
 // they are called no more.
 class AppLaunchTerminationObservation {
  public:
-  // Tracks `apps` (main, menu or both), from the number of their instances that run now. Asked to
-  // track the agent, which has no identifier for this, it stops the process.
+  // Tracks `apps` (main, menu or both), from the number of their instances that run now.
   AppLaunchTerminationObservation(std::shared_ptr<AppLaunchTerminationListener> listener,
                                   std::initializer_list<GApp> apps);
 

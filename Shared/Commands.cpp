@@ -15,28 +15,17 @@ bool OpenHelpCenterCommand::execute() {
   return openAddress(std::string(Addresses::helpCenter));
 }
 
-StatefulCommand::StatefulCommand(const StatefulCommand& other)
-    : carryOut_(other.carryOut_), fields_(std::make_shared<Fields>(*other.fields_)) {}
-
-StatefulCommand& StatefulCommand::operator=(const StatefulCommand& other) {
-  fields_ = std::make_shared<Fields>(*other.fields_);
-  return *this;
-}
-
 bool StatefulCommand::execute() {
-  // From the first callback on there may be another command here, or none.
-  const std::shared_ptr<Fields> fields = fields_;
-  CarryOut& carryOut = carryOut_;
-  reach(*fields, CommandState::executing);
+  reach(CommandState::executing);
   const bool done = carryOut();
-  reach(*fields, done ? CommandState::finished : CommandState::failed);
+  reach(done ? CommandState::finished : CommandState::failed);
   return done;
 }
 
-void StatefulCommand::reach(Fields& fields, CommandState state) {
-  fields.state = state;
+void StatefulCommand::reach(CommandState state) {
+  state_ = state;
   // Kept while it runs: it may replace itself.
-  const StateUpdated told = fields.stateUpdated;
+  const StateUpdated told = stateUpdated_;
   if (told && *told) (*told)(state);
 }
 

@@ -26,8 +26,7 @@ class ExecutableCommandProtocol {
 
 class StateUpdatableCommandProtocol {
  public:
-  // Told each new state of a command, on the thread that carries it out. May do anything with the
-  // command: read and set its fields, assign another one to it, destroy it. Null: nobody is told.
+  // Told each new state of a command, on the thread that carries it out. Null: nobody is told.
   using StateUpdated = std::shared_ptr<const std::function<void(CommandState)>>;
 
   virtual ~StateUpdatableCommandProtocol() = default;
@@ -56,67 +55,39 @@ class OpenHelpCenterCommand final : public ExecutableCommandProtocol {
 
 // What the commands with a state have in common. A new one is at `none` and has no callback;
 // `execute` takes it to `executing` and then to `finished` or `failed`, and tells the callback at
-// each step, once the state is set. When the callback destroys the command or assigns another one
-// to it, the user still gets what was asked for and the same callback is told how it ended; what
-// was assigned stays as it is.
+// each step, once the state is set.
 class StatefulCommand : public ExecutableCommandProtocol, public StateUpdatableCommandProtocol {
  public:
-  StatefulCommand(const StatefulCommand& other);
-  StatefulCommand& operator=(const StatefulCommand& other);
-
   bool execute() final;
 
-  StateUpdated stateUpdated() const final { return fields_->stateUpdated; }
-  void setStateUpdated(StateUpdated stateUpdated) final {
-    fields_->stateUpdated = std::move(stateUpdated);
-  }
-  CommandState state() const final { return fields_->state; }
-  void setState(CommandState state) final { fields_->state = state; }
-
- protected:
-  // Whether what the user asked for was done. Not a member: the command may be gone by then.
-  using CarryOut = bool();
-
-  explicit StatefulCommand(CarryOut& carryOut) : carryOut_(carryOut) {}
+  StateUpdated stateUpdated() const final { return stateUpdated_; }
+  void setStateUpdated(StateUpdated stateUpdated) final { stateUpdated_ = std::move(stateUpdated); }
+  CommandState state() const final { return state_; }
+  void setState(CommandState state) final { state_ = state; }
 
  private:
-  struct Fields {
-    StateUpdated stateUpdated;
-    CommandState state = CommandState::none;
-  };
+  // Whether what the user asked for was done.
+  virtual bool carryOut() = 0;
 
-  static void reach(Fields& fields, CommandState state);
+  void reach(CommandState state);
 
-  CarryOut& carryOut_;
-  // This command's own, never null; apart from it, so that an execution keeps those it began with.
-  std::shared_ptr<Fields> fields_ = std::make_shared<Fields>();
+  StateUpdated stateUpdated_;
+  CommandState state_ = CommandState::none;
 };
 
 // Opens the page for feedback and support.
 class FeedbackAndSupportCommand final : public StatefulCommand {
- public:
-  FeedbackAndSupportCommand() : StatefulCommand(carryOut) {}
-
- private:
-  static bool carryOut();
+  bool carryOut() override;
 };
 
 // Opens a mail to support.
 class SupportCommand final : public StatefulCommand {
- public:
-  SupportCommand() : StatefulCommand(carryOut) {}
-
- private:
-  static bool carryOut();
+  bool carryOut() override;
 };
 
 // Opens a mail to support with the log for support. Fails when there is none.
 class SendLogsToSupportCommand final : public StatefulCommand {
- public:
-  SendLogsToSupportCommand() : StatefulCommand(carryOut) {}
-
- private:
-  static bool carryOut();
+  bool carryOut() override;
 };
 
 // Writes what the product's applications logged to the journal in the last day to a file of the

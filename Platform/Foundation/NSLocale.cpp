@@ -37,32 +37,19 @@ std::string_view scriptOf(std::string_view modifier) {
 bool isKnown(const icu::Locale& locale) {
   UErrorCode status = U_ZERO_ERROR;
   ures_close(ures_open(nullptr, locale.getBaseName(), &status));
-  return U_SUCCESS(status) && status != U_USING_DEFAULT_WARNING;
-}
-
-// What is left of a locale without data for its language: the root of all data, with the habits of
-// the region, the likely one where none is named.
-std::string rootIdentifier(icu::Locale locale) {
-  UErrorCode status = U_ZERO_ERROR;
-  locale.addLikelySubtags(status);
-  const std::string region = locale.getCountry();
-  // "ZZ" stands for an unknown region; the subdivision "ZZZZ" for the region as a whole.
-  return "root@rg=" + (region.size() == 2 ? region : "ZZ") + "ZZZZ";
+  return U_SUCCESS(status) && status != U_USING_DEFAULT_WARNING && *locale.getLanguage() != '\0';
 }
 
 std::string environmentLocaleIdentifier() {
   const std::string_view posix = environmentLocale();
-  const std::string base(posix.substr(0, posix.find_first_of(".@")));
-  if (base.empty() || base == "C" || base == "POSIX") return plainLocale;
+  std::string identifier(posix.substr(0, posix.find_first_of(".@")));
   const std::size_t modifier = posix.find('@');
   if (modifier != posix.npos) {
-    std::string withScript = base;
-    withScript.insert(std::min(base.find('_'), base.size()), scriptOf(posix.substr(modifier + 1)));
-    const icu::Locale locale = icu::Locale::createCanonical(withScript.c_str());
-    if (isKnown(locale)) return locale.getName();
+    const std::size_t languageEnd = std::min(identifier.find('_'), identifier.size());
+    identifier.insert(languageEnd, scriptOf(posix.substr(modifier + 1)));
   }
-  const icu::Locale locale = icu::Locale::createCanonical(base.c_str());
-  return isKnown(locale) ? locale.getName() : rootIdentifier(locale);
+  const icu::Locale locale = icu::Locale::createCanonical(identifier.c_str());
+  return isKnown(locale) ? locale.getName() : plainLocale;
 }
 
 }  // namespace
@@ -75,8 +62,7 @@ std::string NSLocale::localeIdentifierWithClock() const {
   if (fixed_) return *fixed_;
   std::string identifier = environmentLocaleIdentifier();
   if (const std::optional<ClockChoice> choice = desktopClockChoice()) {
-    identifier += identifier.find('@') == std::string::npos ? "@hours=" : ";hours=";
-    identifier += *choice == ClockChoice::twelveHours ? "h12" : "h23";
+    identifier += *choice == ClockChoice::twelveHours ? "@hours=h12" : "@hours=h23";
   }
   return identifier;
 }

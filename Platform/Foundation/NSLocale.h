@@ -2,10 +2,9 @@
 //
 // The user's locale is that of the environment: LC_ALL, LC_TIME or LANG, the first that is set. It
 // is taken as POSIX writes it, "sr_RS.UTF-8@latin": the character set does not matter here, and of
-// the modifiers those that name a script do. "C" and "POSIX" are en_US_POSIX, the locale data's
-// name for "C". A language that the data does not know gets what stands at the data's root, with
-// the clock and the calendar of its region. The clock that the user chose on the desktop
-// (DesktopClock.h) goes over the locale's own.
+// the modifiers those that name a script do. "C", "POSIX" and languages that the locale data does
+// not know are en_US_POSIX, the locale data's name for "C". The clock that the user chose on the
+// desktop (DesktopClock.h) goes over the locale's own.
 #pragma once
 
 #include <optional>

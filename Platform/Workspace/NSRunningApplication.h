@@ -5,6 +5,7 @@
 // after it has made it reachable, so that seeing it launch means that it can be reached.
 #pragma once
 
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -31,13 +32,21 @@ class NSRunningApplication : public NSObject {
   static std::string folderProblem();
 
   // The instances now running with this bundle identifier, this process's own included; none where
-  // they cannot be looked for (folderProblem, no descriptor left).
+  // they cannot be looked for (folderProblem, no descriptor left). In a call of an observer
+  // (RunningApplicationsObservation.h): those that it has been told of, so that it sees each launch
+  // and each end by itself, however many there are at once.
   static std::vector<std::shared_ptr<NSRunningApplication>> runningApplicationsWithBundleIdentifier(
       const Text& bundleIdentifier);
 
   const std::optional<Text>& bundleIdentifier() const { return bundleIdentifier_; }
 
  private:
+  friend class RunningApplicationsObservation;
+  using Instances = std::map<std::string, std::shared_ptr<NSRunningApplication>>;  // by check-in
+
+  // What the observer that this thread is calling has been told of; null outside of such a call.
+  static thread_local const Instances* told_;
+
   const std::optional<Text> bundleIdentifier_;
 };
 

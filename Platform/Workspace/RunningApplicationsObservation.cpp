@@ -4,11 +4,9 @@
 #include <sys/inotify.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <atomic>
 #include <chrono>
-#include <map>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -29,12 +27,6 @@ const Text keyPath = "runningApplications"_text;
 constexpr auto firstDelay = std::chrono::milliseconds(10);
 constexpr int mostLooks = 10;
 
-using Instance = std::shared_ptr<NSRunningApplication>;
-using Instances = std::map<std::string, Instance>;  // by check-in
-
-// What the observer that this thread is calling has been told of; null outside of such a call.
-thread_local const Instances* told = nullptr;
-
 }  // namespace
 
 // Runs on `queue` once resumed; before, on its maker's thread.
@@ -42,6 +34,8 @@ class RunningApplicationsObservation::State final
     : public ReadinessHandler,
       public std::enable_shared_from_this<RunningApplicationsObservation::State> {
  public:
+  using Instance = std::shared_ptr<NSRunningApplication>;
+
   State(std::weak_ptr<NSObject> observer, void* context)
       : observer_(std::move(observer)), context_(context) {}
 
@@ -155,9 +149,9 @@ class RunningApplicationsObservation::State final
     Array changed;
     changed.emplace_back(instance);
     change[key] = std::move(changed);
-    told = &running_;
+    NSRunningApplication::told_ = &running_;
     observer->observeValueForKeyPath(keyPath, nullptr, &change, context_);
-    told = nullptr;
+    NSRunningApplication::told_ = nullptr;
   }
 
   const std::weak_ptr<NSObject> observer_;
@@ -167,7 +161,7 @@ class RunningApplicationsObservation::State final
   const UniqueFd inotify_{::inotify_init1(IN_NONBLOCK | IN_CLOEXEC)};
   Watch watch_;  // after the descriptor that it must not outlive
   std::string folder_;
-  Instances running_;
+  NSRunningApplication::Instances running_;
   // Whether a task that will read all events is in the queue, or will be once resumed.
   std::atomic<bool> reading_ = true;
 
@@ -189,19 +183,11 @@ RunningApplicationsObservation::~RunningApplicationsObservation() {
 
 std::vector<std::shared_ptr<NSRunningApplication>>
 RunningApplicationsObservation::initialApplications() const {
-  return state_ ? state_->initialApplications() : std::vector<Instance>();
+  return state_ ? state_->initialApplications() : std::vector<State::Instance>();
 }
 
 void RunningApplicationsObservation::resume() {
   if (state_) state_->resume();
-}
-
-std::optional<std::size_t> RunningApplicationsObservation::toldInstances(
-    const Text& bundleIdentifier) {
-  if (!told) return std::nullopt;
-  return std::count_if(told->begin(), told->end(), [&](const auto& entry) {
-    return entry.second->bundleIdentifier() == bundleIdentifier;
-  });
 }
 
 }  // namespace Platform

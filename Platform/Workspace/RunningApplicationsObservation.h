@@ -3,12 +3,11 @@
 // The observer's observeValueForKeyPath is called with the key path "runningApplications", no
 // object, the context given here, and a change of kind insertion or removal that lists the
 // instances (NSRunningApplication) under the new or the old key. A removal lists the same objects
-// as the insertion before it did.
+// as the insertion before it did. During the call NSRunningApplication lists what the observer has
+// been told of.
 //
-// An observer that counts may ask NSRunningApplication at each change, which may be ahead of what
-// has been told: of two launches at once it sees one growth. To see each by itself it starts like
-// this: make the observation, take the instances that it begins with, resume; nothing is missed or
-// told twice then, and `toldInstances` counts along.
+// An observer that counts starts like this: make the observation, take the instances that it begins
+// with, resume. Then nothing is missed or told twice.
 //
 // No polling: the kernel tells of changes in the folder of check-ins (CheckIns.h). It tells that a
 // file was closed just before it drops the lock, and it forgets events when too many wait; so after
@@ -16,9 +15,7 @@
 // running is looked at again a few times within ten seconds.
 #pragma once
 
-#include <cstddef>
 #include <memory>
-#include <optional>
 #include <vector>
 
 #include "Platform/Runtime/NSObject.h"
@@ -48,10 +45,6 @@ class RunningApplicationsObservation {
 
   // Begins to tell the observer, first of what has gathered. Once.
   void resume();
-
-  // In a call of an observer: how many instances with this bundle identifier run as far as it has
-  // been told, the change at hand included. None outside of such a call.
-  static std::optional<std::size_t> toldInstances(const Text& bundleIdentifier);
 
  private:
   class State;

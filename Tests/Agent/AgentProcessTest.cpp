@@ -8,7 +8,8 @@
 #include "Shared/Communication.h"
 #include "Tests/Support/AgentTest.h"
 
-namespace Gantrel_Sync_Helper::AgentProcessTests {
+namespace Gantrel_Sync_Helper {
+namespace {
 
 using namespace Platform;
 using TestSupport::ChildProcess;
@@ -189,4 +190,5 @@ TEST_F(Agents, AreExplainedToPeopleByTheExamples) {
   EXPECT_NE(std::get<1>(run({menuApp, "upcoming"})).find("New meeting"), std::string::npos);
 }
 
-}  // namespace Gantrel_Sync_Helper::AgentProcessTests
+}  // namespace
+}  // namespace Gantrel_Sync_Helper

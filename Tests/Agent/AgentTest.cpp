@@ -3,7 +3,8 @@
 #include "Shared/GApp.h"
 #include "Tests/Support/TestProcess.h"
 
-namespace Gantrel_Sync_Helper::AgentTests {
+namespace Gantrel_Sync_Helper {
+namespace {
 
 using namespace Platform;
 
@@ -39,4 +40,5 @@ TEST(AgentDeathTest, HasNoPlainInitialiser) {
               "\"Gantrel_Sync_Helper.Agent\"\n$");
 }
 
-}  // namespace Gantrel_Sync_Helper::AgentTests
+}  // namespace
+}  // namespace Gantrel_Sync_Helper

@@ -12,7 +12,8 @@
 #include "Platform/Dispatch/WorkerPool.h"
 #include "Platform/Runtime/UniqueFd.h"
 
-namespace Platform::DispatchQueueTests {
+namespace Platform {
+namespace {
 
 TEST(DispatchQueue, RunsOneTaskAtATimeInTheOrderAppendedFromManyThreads) {
   const auto queue = dispatch_queue_create("test", DISPATCH_QUEUE_SERIAL);
@@ -80,4 +81,5 @@ TEST(WorkerPool, IsTheLastOwnerOfAHandlerThatStillWatches) {
   ended.get_future().wait();
 }
 
-}  // namespace Platform::DispatchQueueTests
+}  // namespace
+}  // namespace Platform

@@ -8,7 +8,8 @@
 #include <limits>
 #include <sstream>
 
-namespace Platform::PropertyListTests {
+namespace Platform {
+namespace {
 
 std::string list(const std::string& content) {
   return "<plist version=\"1.0\">" + content + "</plist>";
@@ -86,4 +87,5 @@ TEST(PropertyList, IsBoundedInDepthAndSizeAndOfRegularFilesOnly) {
   std::filesystem::remove(file);
 }
 
-}  // namespace Platform::PropertyListTests
+}  // namespace
+}  // namespace Platform

@@ -4,7 +4,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-namespace Platform::ClosingTogetherTests {
+namespace Platform {
+namespace {
 
 TEST(ClosingTogether, ClosesWhatItWasGivenAndNothingInBetween) {
   const auto isOpen = [](int number) { return ::fcntl(number, F_GETFD) != -1; };
@@ -25,4 +26,5 @@ TEST(ClosingTogether, ClosesWhatItWasGivenAndNothingInBetween) {
   EXPECT_FALSE(isOpen(503));
 }
 
-}  // namespace Platform::ClosingTogetherTests
+}  // namespace
+}  // namespace Platform

@@ -2,7 +2,8 @@
 
 #include <gtest/gtest.h>
 
-namespace Platform::EscapedTests {
+namespace Platform {
+namespace {
 
 TEST(Escaped, LetsNothingThroughThatCommandsATerminalOrForgesALine) {
   const std::pair<std::string, std::string> cases[] = {
@@ -17,4 +18,5 @@ TEST(Escaped, LetsNothingThroughThatCommandsATerminalOrForgesALine) {
   for (const auto& [text, safe] : cases) EXPECT_EQ(escaped(text), safe);
 }
 
-}  // namespace Platform::EscapedTests
+}  // namespace
+}  // namespace Platform

@@ -4,14 +4,20 @@
 
 #include <unordered_set>
 
-namespace Platform::TextTests {
+namespace Platform {
+namespace {
 
 Text text(std::string bytes) {
   return Text::fromUtf8(std::move(bytes)).value();
 }
 
 TEST(Text, IsEqualWhenCanonicallyEquivalent) {
-  const std::tuple<const char*, const char*, bool> cases[] = {
+  struct Case {
+    const char* a;
+    const char* b;
+    bool equal;
+  };
+  const Case cases[] = {
       {"abc", "abc", true},
       {"abc", "ABC", false},
       {"caf\u00e9", "cafe\u0301", true},
@@ -24,11 +30,13 @@ TEST(Text, IsEqualWhenCanonicallyEquivalent) {
       {"\u0344", "\u0308\u0301", true},              // a mark that decomposes into two marks
       {"\U0001d15e", "\U0001d157\U0001d165", true},  // beyond the basic plane
   };
-  for (const auto& [a, b, equal] : cases) {
-    EXPECT_EQ(text(a) == text(b), equal) << a << " and " << b;
-    EXPECT_EQ(std::unordered_set({text(a), text(b)}).size(), equal ? 1u : 2u) << a;
-    EXPECT_EQ((text(a) <=> text(b)) == 0, equal) << a;
-    EXPECT_EQ(text(a).utf8(), a) << "the text stays as it was given";
+  for (const Case& c : cases) {
+    const Text a = text(c.a);
+    const Text b = text(c.b);
+    EXPECT_EQ(a == b, c.equal) << c.a << " and " << c.b;
+    EXPECT_EQ(std::unordered_set<Text>({a, b}).size(), c.equal ? 1u : 2u) << c.a;
+    EXPECT_EQ(a.utf8(), c.a) << "the text stays as it was given";
+    EXPECT_EQ((a <=> b) == 0, c.equal);
   }
 }
 
@@ -41,4 +49,5 @@ TEST(Text, HoldsNulsAndRefusesWhatIsNotUtf8) {
   EXPECT_TRUE(Text::fromUtf8("\xf4\x8f\xbf\xbf"));
 }
 
-}  // namespace Platform::TextTests
+}  // namespace
+}  // namespace Platform

@@ -3,10 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <future>
 #include <random>
 #include <sstream>
-#include <utility>
 #include <vector>
 
 #include "Platform/Workspace/CheckIns.h"
@@ -88,35 +86,6 @@ TEST_F(AppLaunchTerminationObservationTest, StartsFromWhatRunsAndEndsWithItsHand
   EXPECT_EQ(listener.use_count(), 1);
   ::setenv("XDG_RUNTIME_DIR", "/nowhere", 1);
   EXPECT_FALSE(AppLaunchTerminationObservation(listener, {GApp::main}));
-  EXPECT_EXIT(AppLaunchTerminationObservation(listener, {GApp::agent}), testing::ExitedWithCode(70),
-              "^fatal error: ");
-}
-
-struct Delegate final : AppLaunchTerminationListenerDelegate {
-  void appDidLaunch(GApp) override { told('+'); }
-  void appDidTerminate(GApp) override { told('-'); }
-  void told(char what) {
-    if (!std::exchange(isCalled, true)) firstCall.set_value(what);
-  }
-  bool isCalled = false;
-  std::promise<char> firstCall;
-};
-
-TEST_F(AppLaunchTerminationObservationTest, TellsOfNoFalseChangeWhenItsOwnerCountsLater) {
-  const std::string main = mainAppBundleIdentifier.utf8();
-  const auto listener = std::make_shared<AppLaunchTerminationListener>();
-  const auto delegate = std::make_shared<Delegate>();
-  listener->setDelegate(delegate);
-  ChildProcess early = launch(main);
-  Platform::RunningApplicationsObservation observation(listener, listener->kvoContextAddress());
-  kill(early);
-  const ChildProcess gathered[] = {launch(main), launch(main)};
-  const auto running = Platform::NSRunningApplication::runningApplicationsWithBundleIdentifier(
-      mainAppBundleIdentifier);
-  listener->setLaunchedApps({{GApp::main, static_cast<std::int64_t>(running.size())}});
-  observation.resume();
-  const ChildProcess late = launch(main);
-  EXPECT_EQ(delegate->firstCall.get_future().get(), '+');
 }
 
 }  // namespace

@@ -2,7 +2,8 @@
 
 #include "Tests/Support/TestProcess.h"
 
-namespace Gantrel_Sync_Helper::BundleVersionTests {
+namespace Gantrel_Sync_Helper {
+namespace {
 
 using namespace Platform;
 namespace fs = std::filesystem;
@@ -41,4 +42,5 @@ TEST(BundleVersion, OfTheApplicationIsReadAfreshFromItsOwnBundle) {
   }
 }
 
-}  // namespace Gantrel_Sync_Helper::BundleVersionTests
+}  // namespace
+}  // namespace Gantrel_Sync_Helper

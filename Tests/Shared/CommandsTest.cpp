@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <optional>
 #include <vector>
 
 #include "Tests/Support/StandInOpeners.h"
@@ -47,26 +46,6 @@ TEST(Commands, OpenWhatTheyNameAndGoThroughTheirStates) {
             "xdg-email|--utf8|--subject|Gantrel support|support@gantrel.example|");
   openers.add("xdg-email", "exit 3");
   expectStates<SupportCommand>({executing, failed});
-}
-
-TEST(Commands, GoOnWhenTheCallbackDestroysOrReplacesThem) {
-  TestSupport::StandInOpeners openers;
-  openers.add("xdg-email", "");
-  std::optional<SupportCommand> command;
-  for (const bool replaced : {false, true}) {
-    command.emplace();
-    States states;
-    const std::function<void(CommandState)> told = [&](CommandState state) {
-      states.push_back(state);
-      if (state != executing) return;
-      replaced ? void(*command = SupportCommand()) : command.reset();
-    };
-    command->setStateUpdated(std::make_shared<decltype(told)>(told));
-    command->execute();
-    EXPECT_EQ(states, (States{executing, finished}));
-    EXPECT_EQ(openers.arguments().substr(0, 9), "xdg-email");
-    EXPECT_TRUE(!replaced || command->state() == none);
-  }
 }
 
 }  // namespace

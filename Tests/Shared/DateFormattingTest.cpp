@@ -9,7 +9,8 @@
 
 #include "Tests/Support/TestProcess.h"
 
-namespace Gantrel_Sync_Helper::DateFormattingTests {
+namespace Gantrel_Sync_Helper {
+namespace {
 
 using namespace Platform;
 namespace fs = std::filesystem;
@@ -57,12 +58,7 @@ TEST_F(DateFormatting, FollowsTheLocale) {
       {"fr_CM", afternoon, "sam. 05 mars, 14:07", "5 mars, 14:07", "14:07"},
       {"sr_RS.UTF-8@latin", afternoon, "sub 05 mar, 14:07", "5 mar, 14:07", "14:07"},
       {"C.UTF-8", afternoon, "Sat 05 Mar, 2:07 PM", "5 Mar, 2:07 PM", "2:07 PM"},
-      // Languages without data: the root's names, and the clock of the region.
-      {"an_ES.UTF-8", afternoon, "Sat 05 M03, 14:07", "5 M03, 14:07", "14:07"},
-      {"aa_ET", afternoon, "Sat 05 M03, 2:07 PM", "5 M03, 2:07 PM", "2:07 PM"},
-      {"xx", afternoon, "Sat 05 M03, 14:07", "5 M03, 14:07", "14:07"},
-      {"be_BY@latin", afternoon, "\u0441\u0431 05 \u0441\u0430\u043a, 14:07",
-       "5 \u0441\u0430\u043a, 14:07", "14:07"},
+      {"xx_YY.UTF-8", afternoon, "Sat 05 Mar, 2:07 PM", "5 Mar, 2:07 PM", "2:07 PM"},
   };
   for (const auto& [locale, date, menu, dayMonth, time] : cases) {
     setLocale(locale);
@@ -153,4 +149,5 @@ TEST_F(DateFormatting, IsRightOnManyThreadsWhileTheClockChanges) {
   }
 }
 
-}  // namespace Gantrel_Sync_Helper::DateFormattingTests
+}  // namespace
+}  // namespace Gantrel_Sync_Helper

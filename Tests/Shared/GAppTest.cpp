@@ -2,7 +2,8 @@
 
 #include <gtest/gtest.h>
 
-namespace Gantrel_Sync_Helper::GAppTests {
+namespace Gantrel_Sync_Helper {
+namespace {
 
 TEST(GAppDeathTest, TheAgentsIdentifierStopsTheProcessWithAReport) {
   EXPECT_EXIT(
@@ -11,4 +12,5 @@ TEST(GAppDeathTest, TheAgentsIdentifierStopsTheProcessWithAReport) {
       "solution, see https://[^ ]+: file Shared/GApp, line 73\n$");
 }
 
-}  // namespace Gantrel_Sync_Helper::GAppTests
+}  // namespace
+}  // namespace Gantrel_Sync_Helper

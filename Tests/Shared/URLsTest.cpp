@@ -2,17 +2,23 @@
 
 #include <gtest/gtest.h>
 
-namespace Gantrel_Sync_Helper::URLsTests {
+namespace Gantrel_Sync_Helper {
+namespace {
 
 using namespace Platform;
 using enum URLs::ConnectionProtocol;
 
 TEST(URLs, ConnectionProtocolIsTheWholeRawValueOrNone) {
-  EXPECT_EQ(URLs::connectionProtocol("http://"_text), http);
-  EXPECT_EQ(URLs::connectionProtocol("https://"_text), https);
-  for (const char* const other : {"", "http:/", "HTTP://", " http://", "https://a.example"}) {
+  for (const auto scheme : {http, https}) {
+    EXPECT_EQ(URLs::connectionProtocol(rawValue(scheme)), scheme);
+  }
+  EXPECT_EQ(rawValue(http), "http://"_text);
+  EXPECT_EQ(rawValue(https), "https://"_text);
+  for (const char* const other :
+       {"", "http", "http:/", "HTTP://", " http://", "https://a.example"}) {
     EXPECT_EQ(URLs::connectionProtocol(Text::fromUtf8(other).value()), std::nullopt) << other;
   }
 }
 
-}  // namespace Gantrel_Sync_Helper::URLsTests
+}  // namespace
+}  // namespace Gantrel_Sync_Helper

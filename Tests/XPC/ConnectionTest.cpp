@@ -12,7 +12,8 @@
 #include "Platform/XPC/Socket.h"
 #include "Tests/Support/TestProcess.h"
 
-namespace Platform::ConnectionTests {
+namespace Platform {
+namespace {
 
 using namespace TestSupport;
 
@@ -328,4 +329,5 @@ TEST_F(Connections, MayEndAnywhereWhileCallsAreUnderWay) {
   EXPECT_TRUE(eventually([&] { return openDescriptors(::getpid()) <= atFirst; }));
 }
 
-}  // namespace Platform::ConnectionTests
+}  // namespace
+}  // namespace Platform
