@@ -90,6 +90,16 @@ void dispatchTo(Object& object, std::string_view selector, Decoder arguments, bo
                      std::make_shared<NoSender>());
 }
 
+// Its fields are named as in the corpus.
+struct Structure {
+  std::map<Text, std::optional<std::uint16_t>> numbers;
+  std::vector<Structure> nested;
+
+  static consteval auto fields() {
+    return Fields(field<&Structure::numbers>("id"), field<&Structure::nested>("title"));
+  }
+};
+
 template <class... Values>
 void readReply(Decoder decoder) {
   std::tuple<Values...> values;
@@ -128,7 +138,7 @@ void asExporter(Frame& frame) {
 }
 
 void asCaller(Frame& frame) {
-  for (int type = 0; type < 3; ++type) {
+  for (int type = 0; type < 4; ++type) {
     Frame copy = copyOf(frame);
     Decoder decoder(copy);
     decoder.array();
@@ -137,6 +147,7 @@ void asCaller(Frame& frame) {
     if (type == 0) readReply<bool>(decoder);
     if (type == 1) readReply<std::optional<EndpointRef>>(decoder);
     if (type == 2) readReply<Value>(decoder);
+    if (type == 3) readReply<Structure, std::int8_t>(decoder);
   }
 }
 

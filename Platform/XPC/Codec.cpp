@@ -1,5 +1,6 @@
 #include "Platform/XPC/Codec.h"
 
+#include <algorithm>
 #include <bit>
 #include <cstring>
 #include <limits>
@@ -17,11 +18,14 @@ using Wire::Major;
 // are merged and split each time.
 constexpr std::size_t usualFrame = 120;
 
+// What the items of a frame's arrays and maps may take in memory, in bytes: as much as values do.
+constexpr std::size_t mostRoom = Wire::mostItems * sizeof(Value);
+
 constexpr std::uint8_t majorShift = 5;
 constexpr std::uint8_t argumentMask = 0x1F;
 constexpr std::uint8_t oneByteFollows = 24;
-// The argument of the smallest 64-bit signed integer: -1 minus it is the number.
-constexpr auto mostNegative = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
+// Also the argument of the smallest 64-bit signed integer: -1 minus it is the number.
+constexpr auto mostPositive = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
 
 void appendBigEndian(std::vector<std::byte>& out, std::uint64_t number, int width) {
   for (int shift = 8 * (width - 1); shift >= 0; shift -= 8) {
@@ -35,43 +39,6 @@ void storeLittleEndian(std::byte* out, std::uint32_t number) {
 
 std::string_view characters(std::span<const std::byte> bytes) {
   return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
-}
-
-void encode(Encoder& encoder, const Value& value, int depth) {
-  if (depth > Wire::deepestNesting) stopProcess(ExitStatus::software);
-  encoder.countItem();
-  if (value.isNil()) {
-    encoder.simple(Wire::nullByte);
-  } else if (const auto boolean = value.asBoolean()) {
-    encode(encoder, *boolean);
-  } else if (const auto positive = value.asUnsigned()) {
-    encoder.head(Major::unsignedInteger, *positive);
-  } else if (const auto negative = value.asSigned()) {
-    encoder.head(Major::negativeInteger, ~static_cast<std::uint64_t>(*negative));
-  } else if (const auto real = value.asReal()) {
-    encoder.real(*real);
-  } else if (const Text* text = value.asText()) {
-    encode(encoder, *text);
-  } else if (const Data* data = value.asData()) {
-    encoder.bytes(*data);
-  } else if (const NSDate* date = value.asDate()) {
-    encoder.head(Major::tag, Wire::dateTag);
-    encoder.real(date->timeIntervalSince1970);
-  } else if (const Array* array = value.asArray()) {
-    encoder.head(Major::array, array->size());
-    for (const Value& item : *array) encode(encoder, item, depth + 1);
-  } else if (const Dictionary* dictionary = value.asDictionary()) {
-    encoder.head(Major::map, dictionary->size());
-    for (const auto& [key, item] : *dictionary) {
-      encoder.countItem();
-      encode(encoder, key);
-      encode(encoder, item, depth + 1);
-    }
-  } else {
-    const auto endpoint = value.asObject<NSXPCListenerEndpoint>();
-    if (!endpoint) stopProcess(ExitStatus::software);
-    encoder.endpoint(endpoint);
-  }
 }
 
 }  // namespace
@@ -117,13 +84,16 @@ void Encoder::real(double number) {
 }
 
 void Encoder::endpoint(const EndpointRef& endpoint) {
-  if (!endpoint) {
-    simple(Wire::nullByte);
-    return;
-  }
+  if (!endpoint) return nil();
   head(Major::tag, Wire::endpointTag);
   head(Major::unsignedInteger, frame_.endpoints.size());
   frame_.endpoints.push_back(endpoint);
+}
+
+void Encoder::enter(Major major, std::size_t count, std::size_t items) {
+  if (++depth_ > Wire::deepestNesting) stopProcess(ExitStatus::software);
+  frame_.items += items;
+  head(major, count);
 }
 
 OutgoingFrame Encoder::finish() {
@@ -151,6 +121,10 @@ std::span<const std::byte> Decoder::take(std::uint64_t length) {
 std::optional<Wire::Major> Decoder::nextMajor() const {
   if (rest_.empty()) return std::nullopt;
   return static_cast<Major>(std::to_integer<std::uint8_t>(rest_[0]) >> majorShift);
+}
+
+bool Decoder::isNext(std::uint8_t firstByte) const {
+  return !rest_.empty() && std::to_integer<std::uint8_t>(rest_[0]) == firstByte;
 }
 
 std::optional<Decoder::Head> Decoder::head() {
@@ -201,6 +175,37 @@ std::uint64_t Decoder::unsignedInteger() {
   return 0;
 }
 
+std::int64_t Decoder::signedInteger() {
+  const auto start = rest_;
+  const auto read = head();
+  if (!read) return 0;
+  const bool isNegative = read->major == Major::negativeInteger;
+  if (isNegative && read->argument > mostPositive) malformed();
+  if (!isNegative && (read->major != Major::unsignedInteger || read->argument > mostPositive)) {
+    passOver(start);
+    return 0;
+  }
+  return static_cast<std::int64_t>(isNegative ? ~read->argument : read->argument);
+}
+
+double Decoder::real() {
+  const auto start = rest_;
+  const auto read = head();
+  if (!read) return 0;
+  if (read->firstByte == Wire::realByte) return std::bit_cast<double>(read->argument);
+  passOver(start);
+  return 0;
+}
+
+std::span<const std::byte> Decoder::bytes() {
+  const auto start = rest_;
+  const auto read = head();
+  if (!read) return {};
+  if (read->major == Major::bytes) return take(read->argument);
+  passOver(start);
+  return {};
+}
+
 std::string_view Decoder::text() {
   const auto start = rest_;
   const auto read = head();
@@ -232,6 +237,22 @@ bool Decoder::boolean() {
   return false;
 }
 
+NSDate Decoder::date() {
+  const auto start = rest_;
+  const auto read = head();
+  if (!read) return {};
+  if (read->major == Major::tag && read->argument == Wire::dateTag) {
+    const auto content = head();
+    if (content && content->firstByte == Wire::realByte) {
+      return {std::bit_cast<double>(content->argument)};
+    }
+    malformed();
+    return {};
+  }
+  passOver(start);
+  return {};
+}
+
 EndpointRef Decoder::endpoint() {
   const auto start = rest_;
   const auto read = head();
@@ -247,13 +268,38 @@ EndpointRef Decoder::endpoint() {
 }
 
 bool Decoder::takeNil() {
-  if (rest_.empty() || std::to_integer<std::uint8_t>(rest_[0]) != Wire::nullByte) return false;
+  if (!isNext(Wire::nullByte)) return false;
   rest_ = rest_.subspan(1);
   return true;
 }
 
+// The number of items or entries that follow, all of whose claims have been checked.
+std::uint64_t Decoder::enter(Major major, std::uint64_t itemsEach, std::uint64_t size) {
+  const auto start = rest_;
+  const auto read = head();
+  if (++depth_ > Wire::deepestNesting) malformed();
+  if (!read) return 0;
+  if (read->major != major) {
+    passOver(start);
+    return 0;
+  }
+  // Every item takes a byte at least, so a larger count is a lie.
+  const std::uint64_t most = std::min(Wire::mostItems - items_, rest_.size()) / itemsEach;
+  if (read->argument > most) malformed();
+  if (malformed_) return 0;
+  items_ += read->argument * itemsEach;
+  room_ += read->argument * size;
+  if (room_ > mostRoom) wrongClass();
+  return read->argument;
+}
+
+std::string_view Decoder::key() {
+  if (nextMajor() != Major::text) malformed();
+  return text();
+}
+
 void Decoder::skip() {
-  skip(0);
+  skip(depth_);
 }
 
 void Decoder::skipMessage() {
@@ -267,7 +313,7 @@ void Decoder::skip(int depth) {
   const std::uint64_t argument = read->argument;
   switch (read->major) {
     case Major::negativeInteger:
-      if (argument > mostNegative) malformed();
+      if (argument > mostPositive) malformed();
       return;
     case Major::bytes:
       take(argument);
@@ -302,70 +348,39 @@ void Decoder::skip(int depth) {
 }
 
 Value Decoder::value() {
-  return value(0);
-}
-
-Value Decoder::value(int depth) {
-  if (depth > Wire::deepestNesting || ++items_ > Wire::mostItems) malformed();
-  const auto read = head();
-  if (!read) return {};
-  const std::uint64_t argument = read->argument;
-  switch (read->major) {
+  const auto read = [this]<class T>(T value) {
+    decode(*this, value);
+    return Value(std::move(value));
+  };
+  switch (nextMajor().value_or(Major::simple)) {
     case Major::unsignedInteger:
-      return argument;
+      return unsignedInteger();
     case Major::negativeInteger:
-      if (argument > mostNegative) malformed();
-      return static_cast<std::int64_t>(~argument);
-    case Major::bytes: {
-      const auto content = take(argument);
-      return Data(content.begin(), content.end());
-    }
-    case Major::text: {
-      auto text = Text::fromUtf8(std::string(characters(take(argument))));
-      if (!text) malformed();
-      return text ? Value(*std::move(text)) : Value();
-    }
+      return signedInteger();
+    case Major::bytes:
+      return read(Data());
+    case Major::text:
+      return read(Text());
     case Major::array:
-      return items(argument, depth + 1);
+      return read(Array());
     case Major::map:
-      return entries(argument, depth + 1);
+      return read(Dictionary());
     case Major::tag:
-      return tagged(argument);
+      return tagged();
     case Major::simple:
       break;
   }
-  if (read->firstByte == Wire::realByte) return std::bit_cast<double>(argument);
-  if (read->firstByte == Wire::nullByte) return {};
-  return read->firstByte == Wire::trueByte;
+  if (takeNil()) return {};
+  if (isNext(Wire::realByte)) return real();
+  return boolean();
 }
 
-Value::Array Decoder::items(std::uint64_t count, int depth) {
-  Array array;  // grows with what is there, not with what is claimed
-  for (std::uint64_t i = 0; i < count && !malformed_; ++i) array.push_back(value(depth));
-  return array;
-}
-
-Value::Dictionary Decoder::entries(std::uint64_t count, int depth) {
-  Dictionary dictionary;
-  for (std::uint64_t i = 0; i < count && !malformed_; ++i) {
-    const Value key = value(depth);
-    Value item = value(depth);
-    if (!key.asText() || !dictionary.emplace(*key.asText(), std::move(item)).second) malformed();
-  }
-  return dictionary;
-}
-
-Value Decoder::tagged(std::uint64_t tag) {
-  const auto content = head();
-  if (!content) return {};
-  if (tag == Wire::dateTag && content->firstByte == Wire::realByte) {
-    return NSDate{std::bit_cast<double>(content->argument)};
-  }
-  if (tag == Wire::endpointTag && content->major == Major::unsignedInteger) {
-    return endpointAt(content->argument);
-  }
-  malformed();
-  return {};
+Value Decoder::tagged() {
+  const auto start = rest_;
+  const auto tag = head();
+  rest_ = start;
+  if (tag && tag->argument == Wire::dateTag) return date();
+  return endpoint();
 }
 
 EndpointRef Decoder::endpointAt(std::uint64_t index) {
@@ -388,24 +403,61 @@ void encode(Encoder& encoder, bool boolean) {
   encoder.simple(boolean ? Wire::trueByte : Wire::falseByte);
 }
 
+void encode(Encoder& encoder, double real) {
+  encoder.real(real);
+}
+
 void encode(Encoder& encoder, const Text& text) {
   encoder.text(text.utf8());
+}
+
+void encode(Encoder& encoder, const Data& data) {
+  encoder.bytes(data);
+}
+
+void encode(Encoder& encoder, const NSDate& date) {
+  encoder.head(Major::tag, Wire::dateTag);
+  encoder.real(date.timeIntervalSince1970);
 }
 
 void encode(Encoder& encoder, const EndpointRef& endpoint) {
   encoder.endpoint(endpoint);
 }
 
-void encode(Encoder& encoder, const std::optional<EndpointRef>& endpoint) {
-  encoder.endpoint(endpoint.value_or(nullptr));
-}
-
 void encode(Encoder& encoder, const Value& value) {
-  encode(encoder, value, 0);
+  if (value.isNil()) {
+    encoder.nil();
+  } else if (const auto boolean = value.asBoolean()) {
+    encode(encoder, *boolean);
+  } else if (const auto positive = value.asUnsigned()) {
+    encode(encoder, *positive);
+  } else if (const auto negative = value.asSigned()) {
+    encode(encoder, *negative);
+  } else if (const auto real = value.asReal()) {
+    encode(encoder, *real);
+  } else if (const Text* text = value.asText()) {
+    encode(encoder, *text);
+  } else if (const Data* data = value.asData()) {
+    encode(encoder, *data);
+  } else if (const NSDate* date = value.asDate()) {
+    encode(encoder, *date);
+  } else if (const Array* array = value.asArray()) {
+    encode(encoder, *array);
+  } else if (const Dictionary* dictionary = value.asDictionary()) {
+    encode(encoder, *dictionary);
+  } else {
+    const auto endpoint = value.asObject<NSXPCListenerEndpoint>();
+    if (!endpoint) stopProcess(ExitStatus::software);
+    encode(encoder, endpoint);
+  }
 }
 
 void decode(Decoder& decoder, bool& boolean) {
   boolean = decoder.boolean();
+}
+
+void decode(Decoder& decoder, double& real) {
+  real = decoder.real();
 }
 
 void decode(Decoder& decoder, Text& text) {
@@ -417,12 +469,17 @@ void decode(Decoder& decoder, Text& text) {
   text = *std::move(read);
 }
 
-void decode(Decoder& decoder, EndpointRef& endpoint) {
-  endpoint = decoder.endpoint();
+void decode(Decoder& decoder, Data& data) {
+  const auto content = decoder.bytes();
+  data.assign(content.begin(), content.end());
 }
 
-void decode(Decoder& decoder, std::optional<EndpointRef>& endpoint) {
-  endpoint = decoder.takeNil() ? std::nullopt : std::optional(decoder.endpoint());
+void decode(Decoder& decoder, NSDate& date) {
+  date = decoder.date();
+}
+
+void decode(Decoder& decoder, EndpointRef& endpoint) {
+  endpoint = decoder.endpoint();
 }
 
 void decode(Decoder& decoder, Value& value) {

@@ -6,12 +6,18 @@
 // decoding goes on without effect, so callers ask once, at the end.
 #pragma once
 
+#include <algorithm>
+#include <array>
+#include <concepts>
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <optional>
 #include <span>
+#include <string>
 #include <string_view>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -19,6 +25,7 @@
 #include "Platform/Runtime/UniqueFd.h"
 #include "Platform/Runtime/Value.h"
 #include "Platform/XPC/Budget.h"
+#include "Platform/XPC/Fields.h"
 #include "Platform/XPC/ForeignDescriptors.h"
 #include "Platform/XPC/NSXPCListenerEndpoint.h"
 #include "Platform/XPC/Wire.h"
@@ -31,7 +38,7 @@ using EndpointRef = std::shared_ptr<NSXPCListenerEndpoint>;
 struct OutgoingFrame {
   std::vector<std::byte> bytes;
   std::vector<EndpointRef> endpoints;
-  std::size_t items = 0;  // of values of any type
+  std::size_t items = 0;  // in the arrays and maps of its values
 
   // False when it is larger than the wire allows.
   bool isSendable() const;
@@ -57,12 +64,30 @@ class Encoder {
   void simple(std::uint8_t firstByte) { frame_.bytes.push_back(std::byte{firstByte}); }
   void real(double number);
   void endpoint(const EndpointRef& endpoint);  // nil when null
-  void countItem() { ++frame_.items; }         // of a value of any type
+  void nil() { simple(Wire::nullByte); }
+
+  // A value's array of `count` items, or map of `count` entries, which `write` writes. Stops the
+  // process when it is nested too deeply.
+  template <std::invocable Write>
+  void array(std::size_t count, Write write) {
+    enter(Wire::Major::array, count, count);
+    write();
+    --depth_;
+  }
+  template <std::invocable Write>
+  void map(std::size_t count, Write write) {
+    enter(Wire::Major::map, count, 2 * count);
+    write();
+    --depth_;
+  }
 
   OutgoingFrame finish();  // fills in the header
 
  private:
+  void enter(Wire::Major major, std::size_t count, std::size_t items);
+
   OutgoingFrame frame_;
+  int depth_ = 0;  // of arrays and maps, in the value at hand
 };
 
 // Whether the decoder looks at a descriptor before it passes for an endpoint. What a request brings
@@ -85,12 +110,30 @@ class Decoder {
   // Each reads one item. An item of another type is passed over and makes the payload wrongClass;
   // the result is then empty.
   std::uint64_t unsignedInteger();
+  std::int64_t signedInteger();  // one beyond its range is of another type, too
+  double real();
   std::string_view text();  // its bytes, UTF-8 not yet checked; valid as long as the frame
-  std::size_t array();      // the number of items that follow; 0 for another type
+  std::span<const std::byte> bytes();  // valid as long as the frame
+  std::size_t array();                 // the number of items that follow; 0 for another type
   bool boolean();
+  NSDate date();
   EndpointRef endpoint();
   Value value();
   bool takeNil();  // whether the item is nil, which is then read
+
+  // Reads a value's array: `read` is called for each item, and reads it, up to the first fault. An
+  // item takes `size` bytes in memory: more of them than there is room for are refused.
+  template <std::invocable Read>
+  void eachItem(std::size_t size, Read read) {
+    for (auto left = enter(Wire::Major::array, 1, size); left > 0 && isSound(); --left) read();
+    --depth_;
+  }
+  // The same for a map: `read` is given the key, UTF-8 not yet checked, and reads the item.
+  template <std::invocable<std::string_view> Read>
+  void eachEntry(std::size_t size, Read read) {
+    for (auto left = enter(Wire::Major::map, 2, size); left > 0 && isSound(); --left) read(key());
+    --depth_;
+  }
 
   void skip();         // one argument or value, checked in full, without building it
   void skipMessage();  // the same for a whole payload
@@ -106,39 +149,51 @@ class Decoder {
 
   std::optional<Head> head();
   std::optional<Wire::Major> nextMajor() const;
+  bool isNext(std::uint8_t firstByte) const;
   std::span<const std::byte> take(std::uint64_t length);
   void passOver(std::span<const std::byte> itemAndRest);
   void skip(int depth);
   EndpointRef endpointAt(std::uint64_t index);
-  Value value(int depth);
-  Value::Array items(std::uint64_t count, int depth);
-  Value::Dictionary entries(std::uint64_t count, int depth);
-  Value tagged(std::uint64_t tag);
+  std::uint64_t enter(Wire::Major major, std::uint64_t itemsEach, std::uint64_t size);
+  std::string_view key();
+  Value tagged();
 
   std::span<const std::byte> rest_;
   std::span<UniqueFd> descriptors_;
   const Descriptors policy_;
-  std::size_t items_ = 0;
+  int depth_ = 0;          // of arrays and maps, in the value at hand
+  std::size_t items_ = 0;  // in arrays and maps
+  std::size_t room_ = 0;   // that their items take, in bytes
   bool malformed_ = false;
   bool wrongClass_ = false;
 };
 
-// The types that an interface may use. To add one, add its pair here. What has none is not turned
-// into what has one.
-template <class T>
-void encode(Encoder& encoder, const T& value) = delete;
-void encode(Encoder& encoder, bool boolean);
-void encode(Encoder& encoder, const Text& text);
-void encode(Encoder& encoder, const EndpointRef& endpoint);
-void encode(Encoder& encoder, const std::optional<EndpointRef>& endpoint);
-// Stops the process for an object that is not an endpoint, and for a value nested too deeply.
-void encode(Encoder& encoder, const Value& value);
+namespace Detail {
 
-void decode(Decoder& decoder, bool& boolean);
-void decode(Decoder& decoder, Text& text);
-void decode(Decoder& decoder, EndpointRef& endpoint);  // nil is of the wrong class
-void decode(Decoder& decoder, std::optional<EndpointRef>& endpoint);
-void decode(Decoder& decoder, Value& value);
+// Whether an object of this type may be nil already, so that an optional one would be ambiguous.
+template <class T>
+inline constexpr bool mayBeNil = std::same_as<T, Value>;
+template <class T>
+inline constexpr bool mayBeNil<std::optional<T>> = true;
+
+// What becomes of a structure's field that is missing.
+template <class T>
+void takeForNone(Decoder& decoder, T&) {
+  decoder.wrongClass();
+}
+template <class T>
+void takeForNone(Decoder&, std::optional<T>& value) {
+  value.reset();
+}
+
+}  // namespace Detail
+
+// Integers of up to 64 bits; characters are none.
+template <class T>
+concept WireInteger = std::integral<T> && sizeof(T) <= sizeof(std::uint64_t) &&
+                      !std::same_as<T, bool> && !std::same_as<T, char> &&
+                      !std::same_as<T, wchar_t> && !std::same_as<T, char8_t> &&
+                      !std::same_as<T, char16_t> && !std::same_as<T, char32_t>;
 
 template <class T>
 concept WireType = requires(Encoder& encoder, Decoder& decoder, T& value) {
@@ -150,9 +205,149 @@ concept WireType = requires(Encoder& encoder, Decoder& decoder, T& value) {
 template <class T>
 struct RequireWireType {
   static_assert(WireType<T>,
-                "an argument or answer is a bool, a Text, an EndpointRef, an optional EndpointRef "
-                "or a Value, see \"Types\" in Documentation/quickstart.md");
+                "an argument, an answer or a structure's field is a bool, an integer, a double, a "
+                "Text (Text::fromUtf8 makes one of a std::string), Data, an NSDate, an "
+                "EndpointRef, a Value, a structure that names its fields, or a std::vector, a "
+                "std::map with Texts as keys or a std::optional (of what is not nil already) of "
+                "these: see \"Types\" in Documentation/quickstart.md");
   static constexpr bool holds = true;
 };
+
+namespace Detail {
+
+template <class T, class Structure>
+RequireWireType<T> requireTypeOf(T Structure::*);
+
+}  // namespace Detail
+
+// The types that an interface may use. To add one, add its pair here. What has none is not turned
+// into what has one.
+template <class T>
+void encode(Encoder& encoder, const T& value) = delete;
+void encode(Encoder& encoder, bool boolean);
+void encode(Encoder& encoder, double real);
+void encode(Encoder& encoder, const Text& text);
+void encode(Encoder& encoder, const Data& data);
+void encode(Encoder& encoder, const NSDate& date);
+void encode(Encoder& encoder, const EndpointRef& endpoint);
+// Stops the process for an object that is not an endpoint, and for a value nested too deeply.
+void encode(Encoder& encoder, const Value& value);
+
+void decode(Decoder& decoder, bool& boolean);
+void decode(Decoder& decoder, double& real);
+void decode(Decoder& decoder, Text& text);
+void decode(Decoder& decoder, Data& data);
+void decode(Decoder& decoder, NSDate& date);
+void decode(Decoder& decoder, EndpointRef& endpoint);  // nil is of the wrong class
+void decode(Decoder& decoder, Value& value);
+
+template <WireInteger T>
+void encode(Encoder& encoder, const T& integer) {
+  if (std::cmp_less(integer, 0)) {
+    encoder.head(Wire::Major::negativeInteger, ~static_cast<std::uint64_t>(integer));
+  } else {
+    encoder.head(Wire::Major::unsignedInteger, static_cast<std::uint64_t>(integer));
+  }
+}
+
+// An integer out of range is of the wrong class.
+template <WireInteger T>
+void decode(Decoder& decoder, T& integer) {
+  const auto keep = [&](auto read) {
+    if (!std::in_range<T>(read)) return decoder.wrongClass();
+    integer = static_cast<T>(read);
+  };
+  if constexpr (std::unsigned_integral<T>) {
+    keep(decoder.unsignedInteger());
+  } else {
+    keep(decoder.signedInteger());
+  }
+}
+
+// None is nil.
+template <WireType T>
+requires(!Detail::mayBeNil<T>) void encode(Encoder& encoder, const std::optional<T>& value) {
+  value ? encode(encoder, *value) : encoder.nil();
+}
+
+template <WireType T>
+requires(!Detail::mayBeNil<T>) void decode(Decoder& decoder, std::optional<T>& value) {
+  value.reset();
+  if (!decoder.takeNil()) decode(decoder, value.emplace());
+}
+
+template <WireType T>
+void encode(Encoder& encoder, const std::vector<T>& items) {
+  encoder.array(items.size(), [&] {
+    for (const T& item : items) encode(encoder, item);
+  });
+}
+
+template <WireType T>
+void decode(Decoder& decoder, std::vector<T>& items) {
+  items.clear();
+  decoder.eachItem(sizeof(T), [&] {
+    T item{};
+    decode(decoder, item);
+    items.push_back(std::move(item));
+  });
+}
+
+template <WireType T>
+void encode(Encoder& encoder, const std::map<Text, T>& entries) {
+  encoder.map(entries.size(), [&] {
+    for (const auto& [key, item] : entries) {
+      encode(encoder, key);
+      encode(encoder, item);
+    }
+  });
+}
+
+template <WireType T>
+void decode(Decoder& decoder, std::map<Text, T>& entries) {
+  entries.clear();
+  decoder.eachEntry(sizeof(Text) + sizeof(T), [&](std::string_view utf8) {
+    auto key = Text::fromUtf8(std::string(utf8));
+    if (!key) return decoder.malformed();
+    const auto [entry, isNew] = entries.try_emplace(*std::move(key));
+    if (!isNew) return decoder.malformed();
+    decode(decoder, entry->second);
+  });
+}
+
+template <Structure T>
+void encode(Encoder& encoder, const T& structure) {
+  static constexpr auto fields = T::fields();
+  [&]<auto... Members>(const Fields<Members...>&) {
+    static_assert((decltype(Detail::requireTypeOf(Members))::holds && ...));
+    encoder.map(sizeof...(Members), [&] {
+      auto name = fields.names.begin();
+      ((encoder.text(*name++), encode(encoder, structure.*Members)), ...);
+    });
+  }
+  (fields);
+}
+
+template <Structure T>
+void decode(Decoder& decoder, T& structure) {
+  static constexpr auto fields = T::fields();
+  [&]<auto... Members>(const Fields<Members...>&) {
+    static_assert((decltype(Detail::requireTypeOf(Members))::holds && ...));
+    std::array<bool, sizeof...(Members)> isThere{};
+    decoder.eachEntry(0, [&](std::string_view name) {
+      const auto found = std::find(fields.names.begin(), fields.names.end(), name);
+      if (found == fields.names.end()) {
+        return Text::isUtf8(name) ? decoder.skip() : decoder.malformed();
+      }
+      const auto index = static_cast<std::size_t>(found - fields.names.begin());
+      if (std::exchange(isThere[index], true)) return decoder.malformed();
+      std::size_t at = 0;
+      ((at++ == index ? decode(decoder, structure.*Members) : void()), ...);
+    });
+    std::size_t at = 0;
+    ((isThere[at++] ? void() : Detail::takeForNone(decoder, structure.*Members)), ...);
+  }
+  (fields);
+}
 
 }  // namespace Platform

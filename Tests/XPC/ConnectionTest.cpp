@@ -127,12 +127,12 @@ TEST_F(Connections, CarryEveryKindOfValueAndKeepEndpointsConnectable) {
 
 // In memory an item takes many times its byte on the wire.
 TEST_F(Connections, RefuseToSendAndToReadMoreItemsThanFitInMemory) {
-  const Value most = Array(Wire::mostItems - 1, NSDate{1});
+  const Value most = Array(Wire::mostItems, NSDate{1});
   EXPECT_EQ(ask(connection, most), most);
-  EXPECT_EQ(ask(connection, Array(Wire::mostItems, 1)), Value());
+  EXPECT_EQ(ask(connection, Array(Wire::mostItems + 1, 1)), Value());
   Encoder encoder;
-  encoder.head(Wire::Major::array, Wire::mostItems);
-  for (std::size_t i = 0; i < Wire::mostItems; ++i) encoder.simple(Wire::nullByte);
+  encoder.head(Wire::Major::array, Wire::mostItems + 1);
+  for (std::size_t i = 0; i <= Wire::mostItems; ++i) encoder.simple(Wire::nullByte);
   OutgoingFrame frame = encoder.finish();
   frame.bytes.erase(frame.bytes.begin(), frame.bytes.begin() + Wire::headerSize);
   Frame received;
