@@ -1,35 +1,89 @@
-"""What a client in another language finds true of the agent."""
+"""What a client in another language finds true of the agent and of applications: Python's, in Python/gantrel."""
 
+import logging
 import os
+import subprocess
+import threading
 import unittest
 
+import gantrel
 from agent_test_case import *
 
+MAIN_APP = AGENT.replace("GantrelAgent", "MainApp")
+MEETINGS = os.path.join(os.path.dirname(__file__), "../../Examples/MainApp/Meetings.plist")
 
-class AgentOnTheWire(AgentTestCase):
+
+class OnTheWire(AgentTestCase):
     def setUp(self):
         super().setUp()
+        os.environ["XDG_RUNTIME_DIR"] = self.folder
         self.start_agent()
-        self.client = Connection(self.path)
+        self.broker = gantrel.Agent()
 
-    def call(self, *message, descriptors=()):
-        self.client.send([CALL, 1, *message], descriptors)
-        return self.client.receive()
+    def listen(self, **functions):
+        """A connection to these functions, through the agent."""
+        listener = gantrel.Listener({f"{name}:": function for name, function in functions.items()})
+        self.addCleanup(listener.close)
+        threading.Thread(target=listener.serve_forever, daemon=True).start()
+        self.broker.register(listener.endpoint, "notes")
+        return listener, self.enterContext(gantrel.connect(gantrel.Agent().retrieve("notes")))
 
-    def test_registers_retrieves_connects_and_removes(self):
-        self.assertTrue(self.register(self.client, "notes"))
-        other = Connection(self.path)
-        other.send([CALL, 700, RETRIEVE, ["notes"]])
-        answer, [descriptor] = other.receive()
-        self.assertEqual(answer, [REPLY, 700, [Endpoint(0)]])
-        direct = Connection(f"/proc/self/fd/{descriptor}")
-        accepted, _ = self.listener.accept()
-        direct.socket.sendall(b"hello")
-        self.assertEqual(accepted.recv(5), b"hello")
-        self.client.send([MESSAGE, REMOVE, ["notes"]])
-        self.assertEqual(self.call(RETRIEVE, ["notes"]), ([REPLY, 1, [None]], []))
+    def test_carries_every_kind_of_value_and_texts_of_any_length(self):
+        listener, client = self.listen(echo=lambda value: value, both=lambda: ("one", 2))
+        values = [[None, True, False, [], {}, "", b"\xff", 0.0, -1.5, gantrel.Date(-1e9), {"caf\u00e9": {"": []}}],
+                  [0, 23, 24, 255, 256, 65535, 65536, (1 << 32) - 1, 1 << 32, (1 << 64) - 1, -1, -24, -25, -1 << 63]]
+        for value in *values, "x" * (20 * MIB), [["deep"]] * 1000:
+            [echoed] = client.call("echo:", value, timeout=PATIENCE)
+            self.assertEqual((echoed, repr(echoed)), (value, repr(value)))
+        self.assertEqual(client.call("both:"), ["one", 2])
+        [endpoint] = client.call("echo:", listener.endpoint)
+        self.assertEqual(gantrel.connect(endpoint).call("echo:", 7), [7])
+        for value in 1 << 64, {"\u00e9": 1, "e\u0301": 2}, [None] * (1 << 20), object():
+            with self.assertRaises((TypeError, ValueError)):
+                client.send("echo:", value)
+
+    def test_tells_refusals_from_silence_and_ends(self):
+        logging.disable()
+        self.addCleanup(logging.disable, logging.NOTSET)
+        answer = threading.Event()
+        listener, client = self.listen(fail=lambda: 1 / 0, strange=object, slow=lambda: answer.wait(PATIENCE))
+        for call in ["unknown:"], ["fail:"], ["fail:", "one too many"], ["strange:"]:
+            with self.assertRaises(gantrel.Refused):
+                client.call(*call)
+        with self.assertRaises(gantrel.TimedOut):
+            client.call("slow:", timeout=0.1)
+        answer.set()
+        self.assertEqual(client.call("slow:"), [True])
+        self.agent.kill()
+        self.agent.wait()
+        with self.assertRaises(gantrel.Gone):
+            self.broker.retrieve("notes")
+        os.unlink(self.path)
+        self.start_agent()
+        self.assertIsNone(self.broker.retrieve("notes"))
+        self.broker.register(listener.endpoint, "notes")
+        listener.close()
+        with self.assertRaises(gantrel.Gone):
+            gantrel.connect(self.broker.retrieve("notes"))
+        self.broker.remove("notes")
+        self.assertIsNone(self.broker.retrieve("notes"))
+
+    def test_reaches_an_application_in_the_other_language(self):
+        application = self.enterContext(
+            subprocess.Popen([MAIN_APP, MEETINGS], stdout=subprocess.PIPE, text=True))
+        self.addCleanup(application.kill)
+        self.assertIn("offers 3 meetings", application.stdout.readline())
+        client = gantrel.connect(self.broker.retrieve("com.gantrel.Gantrel"))
+        [meetings] = client.call("fetchUpcomingMeetings:")
+        self.assertEqual({(type(each["id"]), type(each["start"])) for each in meetings}, {(str, gantrel.Date)})
 
     def test_refuses_what_is_not_in_the_interface_and_nothing_else_happens(self):
+        client = Connection(self.path)
+
+        def call(*message, descriptors=()):
+            client.send([CALL, 1, *message], descriptors)
+            return client.receive()
+
         cases = [
             ("unknown:", [Endpoint()], [self.endpoint]),
             (REGISTER, [None, "a"], []),
@@ -40,13 +94,12 @@ class AgentOnTheWire(AgentTestCase):
             (RETRIEVE, [["a"]], []),
             (REMOVE, ["a"], []),  # carried out, but it has no answer to give
         ]
-        self.call(RETRIEVE, ["a"])  # the agent has accepted by then
+        call(RETRIEVE, ["a"])  # the agent has accepted by then
         before = open_descriptors(self.agent)
         for selector, arguments, descriptors in cases:
             with self.subTest(selector=selector, arguments=arguments):
-                answer = self.call(selector, arguments, descriptors=descriptors)
-                self.assertEqual(answer, ([REFUSAL, 1], []))
-        self.assertEqual(self.call(RETRIEVE, ["a"])[0], [REPLY, 1, [None]])
+                self.assertEqual(call(selector, arguments, descriptors=descriptors), ([REFUSAL, 1], []))
+        self.assertEqual(call(RETRIEVE, ["a"])[0], [REPLY, 1, [None]])
         self.assertEqual(open_descriptors(self.agent), before)
 
 

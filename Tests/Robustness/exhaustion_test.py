@@ -93,6 +93,7 @@ class Exhausted(AgentTestCase):
                 written += 1
             if written + dropped == requests:
                 break
+        self.assertEqual(written + dropped, requests)
         self.assertGreater(dropped, 0)
 
     @unittest.skipIf(IS_SANITIZED, "sanitizers keep what is freed")

@@ -62,7 +62,7 @@ class OtherUsers(AgentTestCase):
 
         def ask():
             stranger = Connection(self.path)
-            stranger.send([CALL, 1, RETRIEVE, ["a"]])
+            stranger.send_raw(frame([CALL, 1, RETRIEVE, ["a"]]))
             return stranger.receive_to_end()
 
         self.assertEqual(self.attempt(ask), b"")
