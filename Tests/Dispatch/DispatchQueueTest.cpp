@@ -21,18 +21,21 @@ TEST(DispatchQueue, RunsOneTaskAtATimeInTheOrderAppendedFromManyThreads) {
   int ran[8] = {};  // tasks of each thread
   std::atomic<int> inside = 0;
   std::latch done(std::size(ran) * tasks);
+  std::latch appended(std::size(ran));
   std::vector<std::future<void>> appenders;
   for (int& own : ran) {
     appenders.push_back(std::async(std::launch::async, [&] {
       for (int i = 0; i < tasks; ++i) {
         dispatch_async(queue, [&, i] {
           EXPECT_EQ(++inside, 1);
+          if (i == 0) appended.wait();  // so that there is work for other workers, too
           EXPECT_EQ(own++, i);
           EXPECT_TRUE(queue->isCurrent());
           --inside;
           done.count_down();
         });
       }
+      appended.count_down();
     }));
   }
   done.wait();

@@ -1,9 +1,11 @@
 """A project of somebody else's, the one of Documentation/quickstart.md, against an installed copy."""
 
 import concurrent.futures
+import itertools
 import os
 import re
 import subprocess
+import sys
 import tempfile
 import unittest
 from pathlib import Path
@@ -11,7 +13,8 @@ from pathlib import Path
 from staged import SOURCE, STAGE, eventually, run, socket_path
 
 PREFIX = STAGE / "usr"
-ENVIRONMENT = {**os.environ, "PKG_CONFIG_PATH": str(next(PREFIX.glob("lib/**/gantrel.pc")).parent)}
+PYTHON = PREFIX / "lib/python3/dist-packages"
+ENVIRONMENT = {**os.environ, "PYTHONPATH": str(PYTHON), "MYPYPATH": str(PYTHON), "PKG_CONFIG_PATH": str(next(PREFIX.glob("lib/**/gantrel.pc")).parent)}
 
 
 def flags(what):
@@ -31,32 +34,38 @@ class ExternalProject(unittest.TestCase):
         console = re.search(r"^```console\n(.*?build/ask.*?)^```", page, re.M | re.S)[1]
         cls.told = [line for line in console.splitlines() if not line.startswith("$")]
 
-    def assert_that_they_find_each_other(self, folder):
+    def assert_that_they_find_each_other(self, offer, ask):
         runtime_directory = self.enterContext(tempfile.TemporaryDirectory())
-        environment = {**os.environ, "XDG_RUNTIME_DIR": runtime_directory}
+        environment = {**ENVIRONMENT, "XDG_RUNTIME_DIR": runtime_directory}
 
-        def start(program):
-            process = self.enterContext(subprocess.Popen([program], env=environment, text=True,
+        def start(*command):
+            process = self.enterContext(subprocess.Popen(command, env=environment, text=True,
                                                          stdout=subprocess.PIPE, stderr=subprocess.DEVNULL))
             self.addCleanup(process.kill)
             return process
 
         start(PREFIX / "lib/gantrel/GantrelAgent.app/Contents/Linux/GantrelAgent")
         eventually(lambda: os.path.exists(socket_path(runtime_directory)))
-        registered = start(folder / "offer").stdout.readline()
-        self.assertEqual((registered + run(folder / "ask", env=environment)).splitlines(), self.told)
+        registered = start(*offer).stdout.readline()
+        self.assertEqual((registered + run(*ask, env=environment)).splitlines(), self.told)
 
     def test_builds_with_find_package(self):
         build = self.folder / "build"
         run("cmake", "-G", "Ninja", "-S", self.folder, "-B", build, f"-DCMAKE_PREFIX_PATH={PREFIX}")
         run("cmake", "--build", build)
-        self.assert_that_they_find_each_other(build)
+        self.assert_that_they_find_each_other([build / "offer"], [build / "ask"])
 
-    def test_builds_with_pkg_config(self):
+    def test_builds_with_pkg_config_and_speaks_with_python(self):
         for name in "offer", "ask":
             run("g++", "-std=c++20", f"{name}.cpp", "-o", name, *flags("--cflags"), *flags("--libs"),
                 cwd=self.folder)
-        self.assert_that_they_find_each_other(self.folder)
+        commands = [[[self.folder / name], [sys.executable, self.folder / f"{name}.py"]] for name in ("offer", "ask")]
+        for offer, ask in itertools.product(*commands):
+            self.assert_that_they_find_each_other(offer, ask)
+
+    def test_has_types_in_python_that_a_strict_checker_accepts(self):
+        for checked in [PYTHON / "gantrel"], [self.folder / "offer.py", self.folder / "ask.py"]:
+            run("mypy", "--strict", f"--cache-dir={os.devnull}", *checked, env=ENVIRONMENT)
 
     def test_is_told_which_types_an_interface_may_use(self):
         arguments = "const char*", "std::vector<float>", "std::optional<Platform::Value>"
