@@ -10,9 +10,13 @@ namespace Platform {
 NSBundle NSBundle::mainBundle() {
   std::error_code error;
   const std::filesystem::path executable = std::filesystem::read_symlink("/proc/self/exe", error);
-  const std::filesystem::path folder = executable.parent_path();
+  return bundleOfExecutable(executable.string());
+}
+
+NSBundle NSBundle::bundleOfExecutable(const std::string& path) {
+  const std::filesystem::path folder = std::filesystem::path(path).parent_path();
   const std::filesystem::path contents = folder.parent_path();
-  if (error || folder.filename() != "Linux" || contents.filename() != "Contents") {
+  if (folder.filename() != "Linux" || contents.filename() != "Contents") {
     return NSBundle(std::string());
   }
   return NSBundle(contents.parent_path().string());

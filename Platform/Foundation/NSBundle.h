@@ -22,6 +22,9 @@ class NSBundle {
   // executable that is not in a Contents/Linux folder has a bundle without information.
   static NSBundle mainBundle();
 
+  // The same for another executable, given by its path.
+  static NSBundle bundleOfExecutable(const std::string& path);
+
   // None when Info.plist is missing, broken, or anything but a dictionary.
   std::optional<Dictionary> infoDictionary() const;
 

@@ -4,6 +4,7 @@
 #include <unicode/utf8.h>
 
 #include <algorithm>
+#include <charconv>
 #include <cstdint>
 #include <cstdio>
 
@@ -37,6 +38,13 @@ void appendCode(std::string& out, const char* format, unsigned code) {
 
 }  // namespace
 
+bool isUnsafeToShow(char32_t codePoint) {
+  const auto character = static_cast<UChar32>(codePoint);
+  constexpr std::uint32_t unsafe = U_GC_CC_MASK | U_GC_ZL_MASK | U_GC_ZP_MASK;
+  return (U_GET_GC_MASK(character) & unsafe) != 0 ||
+         u_hasBinaryProperty(character, UCHAR_BIDI_CONTROL);
+}
+
 std::string escaped(std::string_view utf8) {
   std::string out;
   appendEscaped(out, utf8);
@@ -58,18 +66,50 @@ void appendEscaped(std::string& out, std::string_view utf8) {
       for (std::int64_t k = start; k < i; ++k) appendCode(out, "\\x%02x", data[k]);
       continue;
     }
-    const std::uint32_t category = U_GET_GC_MASK(codePoint);
     if (codePoint == '\\') {
       out += "\\\\";
-    } else if (codePoint < 0x80 && (category & U_GC_CC_MASK) != 0) {
-      appendCode(out, "\\x%02x", static_cast<unsigned>(codePoint));
-    } else if ((category & (U_GC_CC_MASK | U_GC_ZL_MASK | U_GC_ZP_MASK)) != 0 ||
-               u_hasBinaryProperty(codePoint, UCHAR_BIDI_CONTROL)) {
-      appendCode(out, "\\u{%x}", static_cast<unsigned>(codePoint));
+    } else if (isUnsafeToShow(static_cast<char32_t>(codePoint))) {
+      appendCode(out, codePoint < 0x80 ? "\\x%02x" : "\\u{%x}", static_cast<unsigned>(codePoint));
     } else {
       out.append(utf8.substr(static_cast<std::size_t>(start), static_cast<std::size_t>(i - start)));
     }
   }
+}
+
+std::optional<std::string> unescaped(std::string_view text) {
+  std::string out;
+  while (!text.empty()) {
+    const std::size_t plain = std::min(text.find('\\'), text.size());
+    out.append(text.substr(0, plain));
+    text.remove_prefix(plain);
+    if (text.empty()) break;
+    if (text.starts_with("\\\\")) {
+      out += '\\';
+      text.remove_prefix(2);
+      continue;
+    }
+    const bool isByte = text.starts_with("\\x");
+    const std::size_t end = isByte ? 4 : text.find('}');
+    if (!(isByte || text.starts_with("\\u{")) || end > text.size()) return std::nullopt;
+    const std::string_view digits = text.substr(isByte ? 2 : 3, end - (isByte ? 2 : 3));
+    text.remove_prefix(isByte ? end : end + 1);
+    if (digits.empty()) continue;
+    std::uint32_t code = 0;
+    const auto [rest, error] =
+        std::from_chars(digits.data(), digits.data() + digits.size(), code, 16);
+    if (error != std::errc() || rest != digits.data() + digits.size()) return std::nullopt;
+    if (isByte) {
+      out += static_cast<char>(code);
+      continue;
+    }
+    char utf8[U8_MAX_LENGTH];
+    std::size_t length = 0;
+    UBool isWrong = false;
+    U8_APPEND(utf8, length, sizeof utf8, code, isWrong);
+    if (isWrong) return std::nullopt;
+    out.append(utf8, length);
+  }
+  return out;
 }
 
 }  // namespace Platform

@@ -2,6 +2,7 @@
 // log lines, sequences that command a terminal, marks that turn the reading direction around.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -12,5 +13,11 @@ namespace Platform {
 // not UTF-8 are written as \xNN.
 std::string escaped(std::string_view utf8);
 void appendEscaped(std::string& out, std::string_view utf8);
+
+// What `escaped` was made from; \u{} stands for nothing. None when a backslash begins no escape.
+std::optional<std::string> unescaped(std::string_view text);
+
+// Whether `escaped` writes the code point in another way, the backslash aside.
+bool isUnsafeToShow(char32_t codePoint);
 
 }  // namespace Platform

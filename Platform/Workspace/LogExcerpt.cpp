@@ -54,9 +54,8 @@ std::string_view field(sd_journal* journal, const char* name) {
 }
 
 bool isOneOf(const std::vector<Text>& bundleIdentifiers, std::string_view executable) {
-  const std::filesystem::path folder = std::filesystem::path(executable).parent_path();
   const std::optional<Text> identifier =
-      NSBundle(folder.parent_path().parent_path().string()).bundleIdentifier();
+      NSBundle::bundleOfExecutable(std::string(executable)).bundleIdentifier();
   return identifier && std::find(bundleIdentifiers.begin(), bundleIdentifiers.end(), *identifier) !=
                            bundleIdentifiers.end();
 }

@@ -93,6 +93,7 @@ class NSXPCConnection final : public NSObject {
  private:
   template <class Interface>
   friend class RemoteProxy;
+  friend class UntypedProxy;
   struct Waiting {
     bool waits = false;
     std::optional<std::chrono::milliseconds> limit = std::nullopt;  // none: without end

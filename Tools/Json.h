@@ -1,0 +1,37 @@
+// Values as JSON, as people type and read them.
+//
+// What JSON has no form for is a string with a prefix: "date:2026-03-05T14:07:00Z" (or
+// "date:@SECONDS" since 1970), "data:BASE64", "real:nan", and "endpoint:IDENTIFIER" for what is
+// registered under the identifier. A text that begins with one of these, or with "text:", has
+// "text:" before it. A whole argument with a prefix needs no quotes.
+#pragma once
+
+#include <functional>
+#include <nlohmann/json_fwd.hpp>
+#include <optional>
+#include <string>
+
+#include "Platform/Runtime/Value.h"
+
+namespace Gantrel_Sync_Helper {
+
+// A date as ISO 8601 in UTC, to the microsecond; one that this does not give exactly, or that is
+// outside of the years 1 to 9999, as "@" and its seconds since 1970. Read with any offset.
+std::string textFromDate(Platform::NSDate date);
+std::optional<Platform::NSDate> dateFromText(const std::string& text);
+
+// Gives the endpoint for the text after "endpoint:".
+using FindEndpoint = std::function<Platform::Value(const std::string& typedIdentifier)>;
+
+// None when `argument` is no value; `problem` is then what is wrong with it, for a sentence.
+std::optional<Platform::Value> valueFromJson(const std::string& argument,
+                                             const FindEndpoint& findEndpoint,
+                                             std::string& problem);
+
+std::string jsonFromValue(const Platform::Value& value);
+
+// Over several lines, with nothing in it that commands a terminal, and bytes that are not UTF-8
+// replaced.
+std::string written(const nlohmann::json& document);
+
+}  // namespace Gantrel_Sync_Helper

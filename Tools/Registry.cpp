@@ -1,0 +1,92 @@
+#include "Tools/Registry.h"
+
+#include <future>
+#include <utility>
+
+#include "Platform/Runtime/Escaped.h"
+#include "Platform/Runtime/RuntimeDirectory.h"
+#include "Shared/GApp.h"
+
+namespace Gantrel_Sync_Helper {
+
+using namespace Platform;
+
+Registry::Registry(Patience patience)
+    : patience_(patience), agent_(EndPointHandler::initWithServiceName(agentAppBundleIdentifier)) {
+  agent_->connect();
+}
+
+std::optional<EndpointRef> Registry::tryToRetrieve(const Text& identifier) {
+  using Answer = std::optional<EndpointRef>;
+  // Shared, since an answer may come when nobody waits for it any more.
+  const auto promise = std::make_shared<std::promise<Answer>>();
+  auto answer = promise->get_future();
+  agent_->agentConnection()
+      ->remoteObjectProxyWithErrorHandler<EndPointHandling>(
+          [promise](NSXPCConnectionError) { promise->set_value(std::nullopt); })
+      ->retrieveListenerEndpoint(identifier, [promise](std::optional<EndpointRef> found) {
+        promise->set_value(std::move(found).value_or(nullptr));
+      });
+  isLate_ = answer.wait_for(patience_) != std::future_status::ready;
+  return isLate_ ? std::nullopt : answer.get();
+}
+
+EndpointRef Registry::retrieve(const Text& identifier) {
+  const auto endpoint = tryToRetrieve(identifier);
+  if (!endpoint) failWithoutAnswer();
+  return *endpoint;
+}
+
+EndpointRef Registry::require(const Text& identifier) {
+  const EndpointRef endpoint = retrieve(identifier);
+  if (!endpoint) {
+    fail(Status::notRegistered, "nothing is registered as " + shown(identifier) + ".");
+  }
+  return endpoint;
+}
+
+std::vector<Entry> Registry::entries(const std::vector<Text>& identifiers) {
+  std::vector<Entry> entries;
+  std::vector<Sight> sights;  // and no endpoints, each of which takes a descriptor
+  for (const Text& identifier : identifiers) {
+    const EndpointRef endpoint = retrieve(identifier);
+    if (!endpoint) continue;
+    entries.push_back({identifier, {}});
+    sights.push_back(look(*endpoint));
+  }
+  auto listeners = listenersBehind(sights);
+  for (std::size_t i = 0; i < entries.size(); ++i) entries[i].listener = std::move(listeners[i]);
+  return entries;
+}
+
+void Registry::registerEndpoint(const EndpointRef& endpoint, const Text& identifier) {
+  agent_->registerEndpoint(endpoint, identifier, {});
+  retrieve(identifier);  // messages are carried out in order
+}
+
+void Registry::remove(const Text& identifier) {
+  agent_->removeEndpoint(identifier);
+  retrieve(identifier);
+}
+
+void Registry::removeIfStill(const EndpointRef& endpoint, const Text& identifier) {
+  const auto found = tryToRetrieve(identifier);
+  if (!found || !*found || !look(**found).isOfSameListener(look(*endpoint))) return;
+  agent_->removeEndpoint(identifier);
+  tryToRetrieve(identifier);
+}
+
+void Registry::failWithoutAnswer() const {
+  if (isLate_) fail(Status::notInTime, "the agent runs, but did not answer in time.");
+  const std::string problem = runtimeDirectoryProblem();
+  fail(Status::noAgent, problem.empty() ? "the agent is not running: nobody serves " +
+                                              shown(agentAppBundleIdentifier) + "."
+                                        : "the agent cannot be reached: " + escaped(problem) + ".");
+}
+
+void failAsGone(const Text& identifier) {
+  fail(Status::gone,
+       "whoever served " + shown(identifier) + " has gone; the entry is still there.");
+}
+
+}  // namespace Gantrel_Sync_Helper

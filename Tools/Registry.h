@@ -1,0 +1,54 @@
+// Registry: the agent, as the commands ask it: with a limit to the time that it may take.
+#pragma once
+
+#include <memory>
+#include <optional>
+
+#include "Shared/EndPointHandler.h"
+#include "Tools/Listeners.h"
+#include "Tools/Terminal.h"
+
+namespace Gantrel_Sync_Helper {
+
+// An identifier with what is registered under it.
+struct Entry {
+  Platform::Text identifier;
+  Listener listener;
+};
+
+// On one thread. What cannot be had of the agent ends the process, but where it says otherwise.
+class Registry {
+ public:
+  explicit Registry(Patience patience);
+
+  // Null when nothing is registered.
+  Platform::EndpointRef retrieve(const Platform::Text& identifier);
+  // The same, with a sentence and the end of the process for null.
+  Platform::EndpointRef require(const Platform::Text& identifier);
+  // The same as `retrieve`; none when there is no agent, or it does not answer.
+  std::optional<Platform::EndpointRef> tryToRetrieve(const Platform::Text& identifier);
+
+  // Of these, the ones that are registered.
+  std::vector<Entry> entries(const std::vector<Platform::Text>& identifiers);
+
+  // Returns when the endpoint can be found. From then on it is registered again whenever the agent
+  // was away, as long as this object lives.
+  void registerEndpoint(const Platform::EndpointRef& endpoint, const Platform::Text& identifier);
+  // Returns when the agent has done it.
+  void remove(const Platform::Text& identifier);
+  // The same, if the entry is for the endpoint given, and if the agent answers. Somebody else's
+  // that takes its place between the look and the removal is removed in its stead.
+  void removeIfStill(const Platform::EndpointRef& endpoint, const Platform::Text& identifier);
+
+ private:
+  [[noreturn]] void failWithoutAnswer() const;
+
+  const Patience patience_;
+  const std::shared_ptr<EndPointHandler> agent_;
+  bool isLate_ = false;  // the last answer did not come in time
+};
+
+// The sentence about an entry whose listener is gone, and the end of the process.
+[[noreturn]] void failAsGone(const Platform::Text& identifier);
+
+}  // namespace Gantrel_Sync_Helper
