@@ -1,10 +1,8 @@
 // call and send: a message to whatever is served under an identifier.
 
 #include <algorithm>
-#include <future>
-#include <memory>
+#include <optional>
 #include <utility>
-#include <variant>
 
 #include "Platform/Runtime/Escaped.h"
 #include "Platform/XPC/UntypedProxy.h"
@@ -17,26 +15,6 @@ namespace Gantrel_Sync_Helper {
 using namespace Platform;
 
 namespace {
-
-using Answer = std::variant<Array, NSXPCConnectionError>;
-
-// None when it does not come in time, or the message is larger than the wire takes.
-struct Call {
-  bool isTooLarge = false;
-  std::optional<Answer> answer;
-};
-
-Call askAndWait(const UntypedProxy& proxy, const std::string& selector, const Array& arguments,
-                Patience patience) {
-  const auto promise = std::make_shared<std::promise<Answer>>();
-  auto answer = promise->get_future();
-  const bool isSent = proxy.call(
-      selector, arguments, [promise](Array values) { promise->set_value(std::move(values)); },
-      [promise](NSXPCConnectionError error) { promise->set_value(error); });
-  if (!isSent) return {true, {}};
-  if (answer.wait_for(patience) != std::future_status::ready) return {};
-  return {false, answer.get()};
-}
 
 Array valuesOf(const std::vector<std::string>& arguments, Registry& registry) {
   const auto findEndpoint = [&registry](const std::string& identifier) {
@@ -69,15 +47,17 @@ void checkSelector(const std::string& selector, Expecting expecting, std::size_t
 
 [[noreturn]] void failWith(NSXPCConnectionError error, const Text& identifier,
                            const std::string& selector) {
+  const std::string who = "whoever serves " + shown(identifier);
   switch (error) {
     case NSXPCConnectionError::refused:
-      fail(Status::refused, "whoever serves " + shown(identifier) + " has refused: it knows no " +
-                                escaped(selector) + ", or not with these arguments.");
+      fail(Status::refused, who + " has refused: it knows no " + escaped(selector) +
+                                ", or not with these arguments.");
     case NSXPCConnectionError::replyInvalid:
-      fail(Status::refused,
-           "whoever serves " + shown(identifier) + " has answered with what is no value.");
+      fail(Status::refused, who + " has answered with what is no value.");
+    case NSXPCConnectionError::timedOut:
+      fail(Status::notInTime, who + " runs, but did not answer in time.");
     default:
-      fail(Status::ended, "whoever serves " + shown(identifier) + " ended before it answered.");
+      fail(Status::ended, who + " ended before it answered.");
   }
 }
 
@@ -95,26 +75,18 @@ Status call(const Options& options, Expecting expecting, const Text& identifier,
   connection->resume();
 
   const UntypedProxy proxy(connection);
-  Call call;
+  Array answer;
+  std::optional<NSXPCConnectionError> error;
   if (expecting == Expecting::answer) {
-    call = askAndWait(proxy, selector, values, options.patience());
-  } else if (!(call.isTooLarge = !proxy.send(selector, values))) {
+    error = proxy.call(selector, values, options.patience(), answer);
+  } else {
     // Messages are received in order: the refusal of a call that nobody knows tells that this one
     // has been, which nothing else does.
-    call = askAndWait(proxy, "", {}, options.patience());
-  }
-  if (call.isTooLarge) fail(Status::badArgument, "the message is larger than the wire takes.");
-  if (!call.answer) {
-    fail(Status::notInTime, "whoever serves " + shown(identifier) + " runs, but " +
-                                (expecting == Expecting::answer ? "did not answer in time."
-                                                                : "did not receive it in time."));
-  }
-  const auto* const error = std::get_if<NSXPCConnectionError>(&*call.answer);
-  if (expecting == Expecting::nothing && error && *error == NSXPCConnectionError::refused) {
-    return Status::done;
+    proxy.send(selector, values);
+    error = proxy.call("", {}, options.patience(), answer);
+    if (error == NSXPCConnectionError::refused) return Status::done;
   }
   if (error) failWith(*error, identifier, selector);
-  auto& answer = std::get<Array>(*call.answer);
   if (!answer.empty()) {
     print({{jsonFromValue(answer.size() == 1 ? answer[0] : Value(std::move(answer)))}});
   }

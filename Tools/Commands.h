@@ -18,7 +18,9 @@ struct Options {
   bool asJson = false;
 
   // For an answer.
-  Patience patience() const { return Patience(seconds.value_or(10)); }
+  Patience patience() const {
+    return std::chrono::ceil<Patience>(std::chrono::duration<double>(seconds.value_or(10)));
+  }
 };
 
 Status list(const Options& options);

@@ -112,7 +112,7 @@ Status wait(const Options& options, const Text& identifier) {
     if (endpoint && *endpoint && look(**endpoint).isBound) return Status::done;
     auto end = Clock::now() + pause;
     if (options.seconds) {
-      const auto last = start + std::chrono::ceil<Clock::duration>(options.patience());
+      const auto last = start + options.patience();
       if (last <= Clock::now()) {
         fail(Status::notInTime, shown(identifier) + " was not served in time.");
       }

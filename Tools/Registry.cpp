@@ -1,6 +1,5 @@
 #include "Tools/Registry.h"
 
-#include <future>
 #include <utility>
 
 #include "Platform/Runtime/Escaped.h"
@@ -17,18 +16,17 @@ Registry::Registry(Patience patience)
 }
 
 std::optional<EndpointRef> Registry::tryToRetrieve(const Text& identifier) {
-  using Answer = std::optional<EndpointRef>;
-  // Shared, since an answer may come when nobody waits for it any more.
-  const auto promise = std::make_shared<std::promise<Answer>>();
-  auto answer = promise->get_future();
+  std::optional<EndpointRef> answer;
+  isLate_ = false;
+  const auto onError = [this](NSXPCConnectionError error) {
+    isLate_ = error == NSXPCConnectionError::timedOut;
+  };
   agent_->agentConnection()
-      ->remoteObjectProxyWithErrorHandler<EndPointHandling>(
-          [promise](NSXPCConnectionError) { promise->set_value(std::nullopt); })
-      ->retrieveListenerEndpoint(identifier, [promise](std::optional<EndpointRef> found) {
-        promise->set_value(std::move(found).value_or(nullptr));
+      ->synchronousRemoteObjectProxyWithErrorHandler<EndPointHandling>(onError, patience_)
+      ->retrieveListenerEndpoint(identifier, [&](std::optional<EndpointRef> found) {
+        answer = std::move(found).value_or(nullptr);
       });
-  isLate_ = answer.wait_for(patience_) != std::future_status::ready;
-  return isLate_ ? std::nullopt : answer.get();
+  return answer;
 }
 
 EndpointRef Registry::retrieve(const Text& identifier) {

@@ -26,8 +26,8 @@ enum class Status : int {
   notFound = 127,    // a command to be run
 };
 
-// How long to wait for others, in seconds.
-using Patience = std::chrono::duration<double>;
+// How long to wait for others.
+using Patience = std::chrono::milliseconds;
 
 // The text as people are shown it and may type it: escaped, and the empty one as \u{}.
 std::string shown(const Platform::Text& text);

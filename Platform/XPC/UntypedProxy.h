@@ -1,10 +1,12 @@
 // UntypedProxy: a peer's exported object whose interface is known at run time only, as tools need
 // it. Selector and arguments are taken as they come; the peer refuses what it does not know.
+// A message that is larger than the wire takes is refused before it is sent.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
-#include <functional>
 #include <memory>
+#include <optional>
 #include <string_view>
 #include <utility>
 
@@ -19,34 +21,25 @@ class UntypedProxy {
   explicit UntypedProxy(std::shared_ptr<NSXPCConnection> connection)
       : connection_(std::move(connection)) {}
 
-  // Both are false, and nothing is sent, when the message is larger than the wire allows.
-  bool send(std::string_view selector, const Array& arguments) const {
+  void send(std::string_view selector, const Array& arguments) const {
     Encoder encoder = NSXPCConnection::beginMessage(selector);
     encodeAll(encoder, arguments);
-    OutgoingFrame frame = encoder.finish();
-    if (!frame.isSendable()) return false;
-    connection_->sendMessage(std::move(frame));
-    return true;
+    connection_->sendMessage(encoder.finish());
   }
 
-  // Of the reply block and the error handler one is called, once, on the connection's queue.
-  bool call(std::string_view selector, const Array& arguments, std::function<void(Array)> reply,
-            NSXPCErrorHandler onError) const {
+  // Waits on the calling thread, at most until the limit. None when the answer is in `answer`.
+  std::optional<NSXPCConnectionError> call(std::string_view selector, const Array& arguments,
+                                           std::chrono::milliseconds limit, Array& answer) const {
     std::uint64_t serial;
     Encoder encoder = connection_->beginCall(selector, serial);
     encodeAll(encoder, arguments);
-    OutgoingFrame frame = encoder.finish();
-    if (!frame.isSendable()) return false;
-    auto onReply = [reply = std::move(reply)](Decoder& decoder) {
-      Array values;  // grows with what is there, not with what was promised
+    const auto onReply = [&answer](Decoder& decoder) {
+      answer.clear();  // and grows with what is there, not with what was promised
       for (auto left = decoder.array(); left > 0 && decoder.isSound(); --left) {
-        decode(decoder, values.emplace_back());
+        decode(decoder, answer.emplace_back());
       }
-      if (decoder.isSound() && decoder.isAtEnd()) reply(std::move(values));
     };
-    connection_->sendCall(serial, std::move(frame), std::move(onReply),
-                          std::make_shared<const NSXPCErrorHandler>(std::move(onError)));
-    return true;
+    return connection_->waitForCall(serial, encoder.finish(), onReply, limit);
   }
 
  private:
