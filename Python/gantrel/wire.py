@@ -8,6 +8,7 @@ from __future__ import annotations
 
 import array
 import errno
+import itertools
 import os
 import socket
 import struct
@@ -169,7 +170,14 @@ class _Decoder:
 
 
 def _canonical(text: str) -> str:
-    return unicodedata.normalize("NFD", text)
+    """The same for texts that are canonically equivalent. Not by one call for all of it: that takes quadratic time
+    when a long run of marks is out of order, and no other thread could run meanwhile."""
+    if text.isascii():
+        return text
+    decomposed = (part for letter in text for part in unicodedata.normalize("NFD", letter))
+    runs = itertools.groupby(decomposed, lambda part: unicodedata.combining(part) != 0)
+    return "".join(part for are_marks, run in runs
+                   for part in (sorted(run, key=unicodedata.combining) if are_marks else run))
 
 
 def encode(item: Item) -> bytes:
