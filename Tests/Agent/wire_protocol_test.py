@@ -6,7 +6,6 @@ import subprocess
 import threading
 import unittest
 
-import gantrel
 from agent_test_case import *
 
 MAIN_APP = AGENT.replace("GantrelAgent", "MainApp")
@@ -16,7 +15,6 @@ MEETINGS = os.path.join(os.path.dirname(__file__), "../../Examples/MainApp/Meeti
 class OnTheWire(AgentTestCase):
     def setUp(self):
         super().setUp()
-        os.environ["XDG_RUNTIME_DIR"] = self.folder
         self.start_agent()
         self.broker = gantrel.Agent()
 

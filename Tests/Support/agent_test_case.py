@@ -11,6 +11,7 @@ import tempfile
 import time
 import unittest
 
+import gantrel
 from gantrel import AGENT as SERVICE
 from gantrel.wire import CALL, MESSAGE, REFUSAL, REPLY, Channel, Index as Endpoint, encode
 
@@ -87,19 +88,14 @@ class AgentTestCase(unittest.TestCase):
     def setUp(self):
         self.folder = self.enterContext(tempfile.TemporaryDirectory())
         self.path = os.path.join(self.folder, "gantrel", SERVICE + ".socket")
-        # An anonymous listener and its endpoint.
-        name = os.path.join(self.folder, "own")
-        self.listener = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
-        self.listener.bind(name)
-        self.endpoint = os.open(name, os.O_PATH | os.O_CLOEXEC)
+        os.environ["XDG_RUNTIME_DIR"] = self.folder
+        self.listener = gantrel.Listener({})
+        self.endpoint = self.listener.endpoint.fileno()
         self.inode = os.fstat(self.endpoint).st_ino
-        os.unlink(name)
-        self.listener.listen()
 
     def start_agent(self, *prefix, **options):
-        environment = dict(os.environ, XDG_RUNTIME_DIR=self.folder)
         options = {"stderr": subprocess.DEVNULL, **options}
-        self.agent = self.enterContext(subprocess.Popen([*prefix, AGENT], env=environment, **options))
+        self.agent = self.enterContext(subprocess.Popen([*prefix, AGENT], **options))
         self.addCleanup(self.agent.kill)
         while not os.path.exists(self.path):
             self.assertIsNone(self.agent.poll(), "the agent ended")
