@@ -10,9 +10,13 @@ namespace Gantrel_Sync_Helper {
 
 using namespace Platform;
 
-const Text mainAppBundleIdentifier = GANTREL_BUNDLE_IDENTIFIER ""_text;
-const Text menuAppBundleIdentifier = GANTREL_BUNDLE_IDENTIFIER ".menu"_text;
-const Text agentAppBundleIdentifier = GANTREL_BUNDLE_IDENTIFIER ".agent"_text;
+// Made before anything that has no priority: a program's own globals, in whatever file, may be made
+// from them.
+[[gnu::init_priority(101)]] const Text mainAppBundleIdentifier = GANTREL_BUNDLE_IDENTIFIER ""_text;
+[[gnu::init_priority(101)]] const Text menuAppBundleIdentifier =
+    GANTREL_BUNDLE_IDENTIFIER ".menu"_text;
+[[gnu::init_priority(101)]] const Text agentAppBundleIdentifier =
+    GANTREL_BUNDLE_IDENTIFIER ".agent"_text;
 
 const Text& bundleIdentifier(GApp app) {
   switch (app) {

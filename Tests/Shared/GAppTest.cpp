@@ -5,6 +5,12 @@
 namespace Gantrel_Sync_Helper {
 namespace {
 
+const std::string madeAtStart = agentAppBundleIdentifier.utf8();
+
+TEST(GAppTest, IdentifiersAreThereForWhatIsMadeAtTheStartOfTheProgram) {
+  EXPECT_EQ(madeAtStart, mainAppBundleIdentifier.utf8() + ".agent");
+}
+
 TEST(GAppDeathTest, TheAgentsIdentifierStopsTheProcessWithAReport) {
   EXPECT_EXIT(
       bundleIdentifier(GApp::agent), testing::ExitedWithCode(70),
