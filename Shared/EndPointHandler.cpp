@@ -3,7 +3,8 @@
 #include <utility>
 
 #include "Platform/Runtime/Stop.h"
-#include "Shared/Registrations.h"
+#include "Platform/XPC/AwaitedReply.h"
+#include "Shared/StandingProxy.h"
 
 namespace Gantrel_Sync_Helper {
 
@@ -51,22 +52,13 @@ void EndPointHandler::setRemoteObjectProxy(std::shared_ptr<EndPointHandling> pro
 
 void EndPointHandler::connect(ErrorBlock onError) {
   setAgentConnection(NSXPCConnection::initWithMachServiceName(serviceName()));
-  registrations_ = std::make_shared<Registrations>(serviceName(), agentConnection());
-  const auto agentIsAway = [registrations = std::weak_ptr(registrations_)] {
-    if (const auto self = registrations.lock()) self->agentIsAway();
-  };
-  agentConnection()->setInterruptionHandler(agentIsAway);
+  setRemoteObjectProxy(
+      std::make_shared<StandingProxy>(agentConnection(), serviceName(), std::move(onError)));
   agentConnection()->resume();
-  setRemoteObjectProxy(agentConnection()->remoteObjectProxyWithErrorHandler<EndPointHandling>(
-      [agentIsAway, onError = std::move(onError)](NSXPCConnectionError error) {
-        if (error == NSXPCConnectionError::interrupted) agentIsAway();
-        if (onError) onError(error);
-      }));
 }
 
 void EndPointHandler::registerEndpoint(const EndpointRef& endpoint, const Text& identifier,
                                        Reply<bool> reply) {
-  if (registrations_) registrations_->note(endpoint, identifier);
   if (const auto proxy = remoteObjectProxy()) {
     proxy->registerListenerEndpoint(endpoint, identifier, std::move(reply));
   }
@@ -80,34 +72,20 @@ void EndPointHandler::retrieveEndpoint(const Text& identifier,
 }
 
 void EndPointHandler::removeEndpoint(const Text& identifier) {
-  if (registrations_) registrations_->forget(identifier);
   if (const auto proxy = remoteObjectProxy()) proxy->removeListenerEndpoint(identifier);
-}
-
-std::shared_ptr<EndPointHandling> EndPointHandler::waitingProxy() const {
-  if (!agentConnection_) return nullptr;
-  return agentConnection()->synchronousRemoteObjectProxyWithErrorHandler<EndPointHandling>({});
 }
 
 std::optional<bool> EndPointHandler::registerEndpoint(const EndpointRef& endpoint,
                                                       const Text& identifier) {
-  std::optional<bool> answer;
-  if (registrations_) registrations_->note(endpoint, identifier);
-  if (const auto proxy = waitingProxy()) {
-    proxy->registerListenerEndpoint(endpoint, identifier, [&](bool stored) { answer = stored; });
-  }
-  if (!answer && registrations_) registrations_->agentIsAway();
-  return answer;
+  return awaitReply<bool>(
+      [&](Reply<bool> reply) { registerEndpoint(endpoint, identifier, std::move(reply)); });
 }
 
 std::optional<EndpointRef> EndPointHandler::retrieveEndpoint(const Text& identifier) {
-  std::optional<EndpointRef> answer;
-  if (const auto proxy = waitingProxy()) {
-    proxy->retrieveListenerEndpoint(identifier, [&](std::optional<EndpointRef> found) {
-      answer = std::move(found).value_or(nullptr);
-    });
-  }
-  return answer;
+  using Found = std::optional<EndpointRef>;
+  const auto answer = awaitReply<Found>(
+      [&](Reply<Found> reply) { retrieveEndpoint(identifier, std::move(reply)); });
+  return answer ? Found(answer->value_or(nullptr)) : std::nullopt;
 }
 
 }  // namespace Gantrel_Sync_Helper

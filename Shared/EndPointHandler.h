@@ -4,10 +4,10 @@
 //   agent->connect();
 //   agent->registerEndpoint(listener->endpoint(), "notes"_text);
 //
-// The agent need not run yet: a connection is made with the first message, and made anew when the
-// agent was away. Then what the handle registered and has not removed is registered again, as far
-// as its listener is one of this process and still there, and nobody else has registered the
-// identifier meanwhile. Destroying a handle sends nothing.
+// The agent need not run yet: a connection is made with the first message, and made anew when it is
+// lost. With another agent process than the one that answered, what was registered and not removed
+// is registered again, as far as its listener is one of this process and still there, and nobody
+// else has registered the identifier meanwhile. Destroying a handle sends nothing.
 #pragma once
 
 #include <memory>
@@ -19,12 +19,11 @@
 
 namespace Gantrel_Sync_Helper {
 
-class Registrations;
-
 // Set up on one thread; then the messages may be sent from any.
 class EndPointHandler {
  public:
-  // Told, on the connection's queue, when a call with a reply block ends without its answer.
+  // Told, on the connection's queue, when a call with a reply block ends without its answer. Not of
+  // calls that wait, whose result says it.
   using ErrorBlock = Platform::NSXPCErrorHandler;
 
   EndPointHandler();
@@ -42,17 +41,19 @@ class EndPointHandler {
   virtual void setServiceName(std::optional<Platform::Text> serviceName);
   virtual const std::shared_ptr<Platform::NSXPCConnection>& agentConnection() const;
   virtual void setAgentConnection(std::shared_ptr<Platform::NSXPCConnection> connection);
-  // Null until `connect`, unless one is set. The messages are sent to it.
+  // Null until `connect`, unless one is set. All messages are sent to it, and any implementer will
+  // do. The one that `connect` sets is what keeps registrations: whatever is sent through it is
+  // noted, by the handle or not, for as long as it lives.
   virtual const std::shared_ptr<EndPointHandling>& remoteObjectProxy() const;
   virtual void setRemoteObjectProxy(std::shared_ptr<EndPointHandling> proxy);
 
-  // Sets up connection and proxy for the service named `serviceName`. What is registered from now
-  // on is kept registered on this connection, by its interruption handler: whoever sets another one
-  // registers again himself, and so does whoever calls `connect` again or sets his own connection.
+  // Sets up connection and proxy for the service named `serviceName`. Called again, it starts anew:
+  // what was registered before is kept registered no longer.
   void connect(ErrorBlock onError = {});
 
-  // The messages of EndPointHandling. Of the reply block and the error block one is called. Without
-  // a proxy they do nothing.
+  // The messages of EndPointHandling. Of the reply block and the error block one is called; when
+  // the handle goes first, and nobody else holds its proxy or connection, both are dropped
+  // uncalled. What was sent before still leaves. Without a proxy they do nothing.
   void registerEndpoint(const Platform::EndpointRef& endpoint, const Platform::Text& identifier,
                         Platform::Reply<bool> reply);
   void retrieveEndpoint(const Platform::Text& identifier,
@@ -60,21 +61,18 @@ class EndPointHandler {
   void removeEndpoint(const Platform::Text& identifier);
 
   // The same, waiting for the answer on the calling thread, which may be any. None when there is no
-  // answer: the agent is not there or went away, or the handle is not connected. They use
-  // `agentConnection`. Also what was registered without an answer is registered when the agent is
-  // there again, until it is removed.
+  // answer: the agent is not there, went away or refused, or there is no proxy. Any proxy must call
+  // the reply block or drop it. Also what was registered without an answer is registered when the
+  // agent is there again, until it is removed.
   std::optional<bool> registerEndpoint(const Platform::EndpointRef& endpoint,
                                        const Platform::Text& identifier);
   // The inner value is null when nothing is stored under the identifier.
   std::optional<Platform::EndpointRef> retrieveEndpoint(const Platform::Text& identifier);
 
  private:
-  std::shared_ptr<EndPointHandling> waitingProxy() const;
-
   std::optional<Platform::Text> serviceName_;
   std::shared_ptr<Platform::NSXPCConnection> agentConnection_;
   std::shared_ptr<EndPointHandling> remoteObjectProxy_;
-  std::shared_ptr<Registrations> registrations_;  // null until `connect`
 };
 
 }  // namespace Gantrel_Sync_Helper

@@ -22,6 +22,7 @@
 
 #include "Platform/Runtime/NSObject.h"
 #include "Platform/Runtime/Text.h"
+#include "Platform/XPC/AwaitedReply.h"
 #include "Platform/XPC/NSXPCConnectionError.h"
 #include "Platform/XPC/NSXPCInterface.h"
 #include "Platform/XPC/NSXPCListenerEndpoint.h"
@@ -171,7 +172,7 @@ class RemoteProxy : public Interface {
       if (!decoder.isSound() || !decoder.isAtEnd() || !reply) return;
       std::apply([&](auto&... value) { reply(std::move(value)...); }, values);
     };
-    if (!waiting_.waits) {
+    if (!waiting_.waits && !AwaitedReply::isWaitingHere()) {
       connection_->sendCall(serial, std::move(frame), std::move(onReply), onError_);
     } else if (const auto error =
                    connection_->waitForCall(serial, std::move(frame), onReply, waiting_.limit)) {

@@ -1,0 +1,77 @@
+// AwaitedReply: a call's answer as a result, waited for on the calling thread.
+//
+//   const auto answer = awaitReply<Text>([&](Reply<Text> reply) { proxy->greet(name, reply); });
+//
+// Any implementer of an interface will do as the proxy. One of a connection reads the answer on the
+// calling thread, whether or not it is a waiting one, also when it is called by another that passes
+// its calls on: no thread is switched to, so this is safe on any thread, also inside a handler of
+// that very connection.
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <utility>
+
+#include "Platform/XPC/NSXPCInterface.h"
+
+namespace Platform {
+
+// The waiting, without the answer's type.
+class AwaitedReply {
+ public:
+  // While one lives, calls through proxies wait on this thread.
+  class Scope {
+   public:
+    Scope();
+    ~Scope();
+    Scope(const Scope&) = delete;
+    Scope& operator=(const Scope&) = delete;
+
+   private:
+    const bool isInner_;
+  };
+  static bool isWaitingHere();
+
+  AwaitedReply();
+  ~AwaitedReply();
+
+  // True once: then the answer may be written, before `end`. Any thread.
+  bool begin();
+  void end();
+  // Returns after `end`. Any thread.
+  void wait();
+
+ private:
+  struct State;
+  const std::unique_ptr<State> state_;
+};
+
+// None when the reply block went without having been called.
+template <class Value, class Call>
+std::optional<Value> awaitReply(Call call) {
+  struct Awaited {
+    AwaitedReply reply;
+    std::optional<Value> value;
+  };
+  // What the copies of the reply block share.
+  struct Block {
+    explicit Block(std::shared_ptr<Awaited> awaited) : answer(std::move(awaited)) {}
+    ~Block() {
+      if (answer->reply.begin()) answer->reply.end();
+    }
+    const std::shared_ptr<Awaited> answer;
+  };
+  const auto answer = std::make_shared<Awaited>();
+  {
+    const AwaitedReply::Scope scope;
+    call(Reply<Value>([block = std::make_shared<Block>(answer)](Value value) {
+      if (!block->answer->reply.begin()) return;
+      block->answer->value = std::move(value);
+      block->answer->reply.end();
+    }));
+  }
+  answer->reply.wait();
+  return std::move(answer->value);
+}
+
+}  // namespace Platform
