@@ -102,7 +102,7 @@ class Exhausted(AgentTestCase):
         client = Connection(self.path)
         self.assertIsNone(client.retrieve("no"))
         before = memory(self.agent)
-        self.assertIsNone(client.retrieve("\x01" * (32 * MIB)))
+        self.assertIsNone(client.retrieve("\x01" * (12 * MIB)))
         self.assertTrue(eventually(lambda: memory(self.agent) < before + 24 * MIB))
 
 
