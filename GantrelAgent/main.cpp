@@ -3,7 +3,9 @@
 #include <memory>
 
 #include "GantrelAgent/Agent.h"
+#include "Platform/Dispatch/WorkerPool.h"
 #include "Platform/Foundation/NSBundle.h"
+#include "Platform/Runtime/StandardStreams.h"
 #include "Platform/Runtime/Stop.h"
 
 using namespace Platform;
@@ -17,6 +19,8 @@ std::shared_ptr<Agent>* theAgent = nullptr;
 }  // namespace
 
 int main(int, char**) {
+  openStandardStreams();
+  WorkerPool::shared().returnMemoryAfterBursts();
   const std::optional<Text> serviceName = NSBundle::mainBundle().bundleIdentifier();
   if (!serviceName) stopProcess(ExitStatus::config);
   theAgent = new std::shared_ptr<Agent>(Agent::initWithServiceName(*serviceName));

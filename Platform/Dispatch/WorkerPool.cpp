@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <deque>
 #include <list>
 #include <map>
@@ -13,6 +14,7 @@
 #include <thread>
 #include <unordered_map>
 
+#include "Platform/Dispatch/MemoryReturn.h"
 #include "Platform/Runtime/BackgroundThread.h"
 #include "Platform/Runtime/Stop.h"
 #include "Platform/Runtime/UniqueFd.h"
@@ -27,8 +29,9 @@ constexpr std::size_t mostWorkers = 512;
 constexpr std::uint64_t wakeKey = 0;
 
 struct Worker {
-  int regions = 0;              // BlockingRegions alive on this thread; only it reads and writes
-  std::uint64_t busySince = 0;  // the keeper's period in which its task began; 0: not in a task
+  int regions = 0;  // BlockingRegions alive on this thread; only it reads and writes
+  std::uint64_t busySince =
+      0;  // the keeper's period in which its task, or call of a handler, began; 0: in none
   bool countedAsBlocked = false;
 };
 
@@ -45,6 +48,7 @@ struct WorkerPool::State {
   const UniqueFd epoll{::epoll_create1(EPOLL_CLOEXEC)};
   const UniqueFd wake{::eventfd(0, EFD_CLOEXEC)};
   const UniqueFd timer{::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC)};
+  std::atomic<MemoryReturn*> memory = nullptr;  // never destroyed
   const std::size_t wanted = std::clamp<std::size_t>(std::thread::hardware_concurrency(), 2, 4);
 
   std::mutex mutex;
@@ -145,10 +149,13 @@ void WorkerPool::State::work(std::list<Worker>::iterator self) {
     const auto handler = handlers.find(event.data.u64);
     if (handler == handlers.end()) continue;
     std::shared_ptr<ReadinessHandler> target = handler->second.lock();
+    self->busySince = period;
     lock.unlock();
     if (target) target->ready(event.events);
     target.reset();  // it may be the last one, and its watch then ends under the lock
     lock.lock();
+    self->busySince = 0;
+    setBlocked(*self, false);
   }
   workers.erase(self);
 }
@@ -239,17 +246,25 @@ void WorkerPool::after(std::chrono::milliseconds delay, dispatch_queue_t queue, 
   state_->armTimer();
 }
 
+void WorkerPool::returnMemoryAfterBursts() {
+  state_->memory = new MemoryReturn;
+}
+
 bool WorkerPool::canSpareWorker() {
   const std::lock_guard lock(state_->mutex);
   return state_->line.empty() && state_->sleeping > 0;
 }
 
 WorkerPool::BlockingRegion::BlockingRegion() {
-  if (!thisWorker || thisWorker->regions++ != 0) return;
+  if (!thisWorker) return;
   State& state = *shared().state_;
   const std::lock_guard lock(state.mutex);
-  state.setBlocked(*thisWorker, true);
-  state.bringInAnother();
+  if (thisWorker->regions++ == 0) {
+    state.setBlocked(*thisWorker, true);
+    state.bringInAnother();
+    if (state.blocked == state.workers.size()) state.setBlocked(*thisWorker, false);
+  }
+  isGranted_ = thisWorker->countedAsBlocked;
 }
 
 WorkerPool::BlockingRegion::~BlockingRegion() {
@@ -286,11 +301,14 @@ void Watch::end() {
   WorkerPool::State& state = *WorkerPool::shared().state_;
   ::epoll_ctl(state.epoll.get(), EPOLL_CTL_DEL, std::exchange(fd_, -1), nullptr);
   std::weak_ptr<ReadinessHandler> handler;  // freed after the lock
-  const std::lock_guard lock(state.mutex);
-  const auto found = state.handlers.find(key_);
-  if (found == state.handlers.end()) return;
-  handler = std::move(found->second);
-  state.handlers.erase(found);
+  {
+    const std::lock_guard lock(state.mutex);
+    const auto found = state.handlers.find(key_);
+    if (found == state.handlers.end()) return;
+    handler = std::move(found->second);
+    state.handlers.erase(found);
+  }
+  if (MemoryReturn* const memory = state.memory) memory->expect();
 }
 
 }  // namespace Platform

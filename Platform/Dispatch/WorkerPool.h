@@ -80,6 +80,10 @@ class WorkerPool {
   // stay with what it is doing, in a BlockingRegion.
   bool canSpareWorker();
 
+  // From now on, gives memory back to the system when descriptors that were watched have gone
+  // (MemoryReturn.h). For a process of ours that serves others for long. Once.
+  void returnMemoryAfterBursts();
+
   // While one lives, the calling thread waits for something. Any thread; only a worker's counts.
   class BlockingRegion {
    public:
@@ -87,6 +91,13 @@ class WorkerPool {
     ~BlockingRegion();
     BlockingRegion(const BlockingRegion&) = delete;
     BlockingRegion& operator=(const BlockingRegion&) = delete;
+
+    // False when all other workers wait, too, and no more are to be had: what only another worker
+    // can bring about will then never come, and must not be waited for.
+    explicit operator bool() const { return isGranted_; }
+
+   private:
+    bool isGranted_ = true;
   };
 
  private:

@@ -8,6 +8,7 @@
 #include <systemd/sd-journal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
@@ -29,15 +30,22 @@ namespace Platform {
 namespace {
 
 constexpr std::size_t bufferLimit = 4 << 20;  // bytes of waiting messages
-constexpr std::size_t bufferKept = 8 << 20;   // what a drained buffer may keep for the next lines
+constexpr std::size_t mostKept = 8 << 20;     // bytes that a drained buffer may keep for the next
+constexpr std::size_t alwaysKept = 64 << 10;  // bytes that it keeps without having needed them
 constexpr std::size_t writeSize = 64 << 10;   // bytes that go out in one call
 constexpr auto gatherTime = std::chrono::milliseconds(10);
 constexpr auto flushPatience = std::chrono::seconds(1);
+constexpr auto restAfter = std::chrono::seconds(1);  // without a line
 
-void clearAndKeepLittle(std::string& buffer) {
+// Keeps room for about as much again, not for the longest line or burst there ever was.
+template <class Buffer>
+void clearForReuse(Buffer& buffer) {
+  const std::size_t used = buffer.size();
   buffer.clear();
-  // Assigning an empty string would keep it all.
-  if (buffer.capacity() > bufferKept) buffer.shrink_to_fit();
+  const std::size_t kept = buffer.capacity() * sizeof(typename Buffer::value_type);
+  const bool isFarTooLarge = kept > alwaysKept && buffer.capacity() > 4 * used;
+  // Assigning an empty buffer would keep it all.
+  if (isFarTooLarge || kept > mostKept) buffer.shrink_to_fit();
 }
 
 struct Record {
@@ -54,8 +62,8 @@ struct Batch {
   std::uint64_t dropped = 0;  // lines lost after the last record
 
   void clear() {
-    clearAndKeepLittle(messages);
-    records.clear();
+    clearForReuse(messages);
+    clearForReuse(records);
     dropped = 0;
   }
 };
@@ -70,7 +78,8 @@ bool standardErrorIsJournal() {
          ::fstat(STDERR_FILENO, &status) == 0 && status.st_dev == device && status.st_ino == inode;
 }
 
-void writeAll(std::string_view bytes) {
+// Gives what could not be written: nobody may be there any more, or the disk is full.
+std::string_view writeAll(std::string_view bytes) {
   while (!bytes.empty()) {
     const ssize_t written = ::write(STDERR_FILENO, bytes.data(), bytes.size());
     if (written >= 0) {
@@ -79,9 +88,10 @@ void writeAll(std::string_view bytes) {
       pollfd writable{STDERR_FILENO, POLLOUT, 0};
       ::poll(&writable, 1, -1);
     } else if (errno != EINTR) {
-      return;  // nobody is there to be told
+      break;
     }
   }
+  return bytes;
 }
 
 class LineFormatter {
@@ -123,7 +133,8 @@ class LineFormatter {
   std::map<std::tuple<const char*, const char*, unsigned>, std::string> placeTexts_;
 };
 
-void writeToJournal(const Record& record, std::string_view message) {
+// False when the journal did not take the line.
+bool writeToJournal(const Record& record, std::string_view message) {
   std::string fields[] = {
       std::string("MESSAGE=").append(message),
       std::string("PRIORITY=6"),
@@ -135,24 +146,67 @@ void writeToJournal(const Record& record, std::string_view message) {
   for (std::size_t i = 0; i < std::size(fields); ++i) {
     vectors[i] = {fields[i].data(), fields[i].size()};
   }
-  sd_journal_sendv(vectors, static_cast<int>(std::size(vectors)));
+  return sd_journal_sendv(vectors, static_cast<int>(std::size(vectors))) >= 0;
 }
 
-// Cuts a batch into its lines; `write` is called with each record and its message.
-template <class Write>
-void forEachLine(const Batch& batch, Write write) {
-  std::string_view rest = batch.messages;
-  for (const Record& record : batch.records) {
-    write(record, rest.substr(0, record.length));
-    rest.remove_prefix(record.length);
+// Where lines go. Lives on the writer's thread.
+class Destination {
+ public:
+  void write(const Batch& batch) {
+    tellOfDropped(std::exchange(lost_, 0));
+    std::string_view rest = batch.messages;
+    for (const Record& record : batch.records) {
+      writeLine(record, rest.substr(0, record.length));
+      rest.remove_prefix(record.length);
+    }
+    tellOfDropped(batch.dropped);
+    writeOut();
   }
-  if (batch.dropped != 0) {
-    const std::string message = std::to_string(batch.dropped) + " log lines dropped";
-    write(Record{std::chrono::system_clock::now(), message.size(), "Platform/Runtime/Logger",
-                 "info", 0},
-          message);
+
+  void rest() { clearForReuse(text_); }
+
+ private:
+  void tellOfDropped(std::uint64_t count) {
+    if (count == 0) return;
+    writeOut();
+    const std::uint64_t lostBefore = lost_;
+    const std::string message = std::to_string(count) + " log lines dropped";
+    writeLine(
+        {std::chrono::system_clock::now(), message.size(), "Platform/Runtime/Logger", "info", 0},
+        message);
+    writeOut();
+    // That line is lost itself: it is to be told later.
+    if (lost_ != lostBefore) lost_ = lostBefore + count;
   }
-}
+
+  void writeLine(const Record& record, std::string_view message) {
+    if (isJournal_) {
+      if (!writeToJournal(record, message)) ++lost_;
+      return;
+    }
+    formatter_.append(text_, record, message);
+    if (text_.size() >= writeSize) writeOut();
+  }
+
+  void writeOut() {
+    if (text_.empty()) return;
+    std::string_view unwritten = text_;
+    // What is left of a line that a full disk has cut must not swallow the next one.
+    if (!lineIsCut_ || writeAll("\n").empty()) {
+      unwritten = writeAll(text_);
+      const std::size_t written = text_.size() - unwritten.size();
+      lineIsCut_ = !unwritten.empty() && written != 0 && text_[written - 1] != '\n';
+    }
+    lost_ += static_cast<std::uint64_t>(std::count(unwritten.begin(), unwritten.end(), '\n'));
+    clearForReuse(text_);
+  }
+
+  const bool isJournal_ = standardErrorIsJournal();
+  LineFormatter formatter_;
+  std::string text_;
+  std::uint64_t lost_ = 0;  // lines that could not be written, and of which no line has told
+  bool lineIsCut_ = false;
+};
 
 }  // namespace
 
@@ -171,31 +225,23 @@ struct Logger::State {
 };
 
 void Logger::State::writeForever() {
-  const bool toJournal = standardErrorIsJournal();
-  LineFormatter formatter;
+  Destination destination;
   Batch batch;
-  std::string text;
   std::unique_lock lock(mutex);
   for (;;) {
     writerRests = true;
-    workToDo.wait(lock, [this] { return !waiting.records.empty() || waiting.dropped != 0; });
+    const auto hasWork = [this] { return !waiting.records.empty() || waiting.dropped != 0; };
+    if (!workToDo.wait_for(lock, restAfter, hasWork)) {
+      waiting.clear();
+      batch.clear();
+      destination.rest();
+      workToDo.wait(lock, hasWork);
+    }
     writerRests = false;
     std::swap(batch, waiting);
     writing = true;
     lock.unlock();
-    if (toJournal) {
-      forEachLine(batch, writeToJournal);
-    } else {
-      forEachLine(batch, [&](const Record& record, std::string_view message) {
-        formatter.append(text, record, message);
-        if (text.size() >= writeSize) {
-          writeAll(text);
-          clearAndKeepLittle(text);
-        }
-      });
-      writeAll(text);
-      clearAndKeepLittle(text);
-    }
+    destination.write(batch);
     batch.clear();
     lock.lock();
     writing = false;

@@ -2,7 +2,8 @@
 //
 // Whoever logs only appends to a buffer; a thread of the logger's own writes it out, so a slow or
 // stuck destination never holds up a request. The buffer is bounded: when it is full, lines are
-// dropped, and a later line says how many. Lines written soon after one another go out together.
+// dropped, and a later line says how many; so it does of lines that a full disk did not take. Lines
+// written soon after one another go out together.
 //
 // Destination: the journal when standard error is connected to it, each line with CODE_FILE,
 // CODE_FUNC and CODE_LINE; else standard error, as "TIME MESSAGE (FILE:LINE FUNCTION)" with control

@@ -1,5 +1,6 @@
 #include "Platform/Runtime/Text.h"
 
+#include <sys/random.h>
 #include <unicode/uchar.h>
 #include <unicode/unorm2.h>
 #include <unicode/utf16.h>
@@ -9,6 +10,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "Platform/Runtime/SipHash.h"
 #include "Platform/Runtime/Stop.h"
 #include "Platform/Runtime/Words.h"
 
@@ -118,16 +120,25 @@ std::string decompose(std::string_view validUtf8) {
   return decomposer.finish();
 }
 
-}  // namespace
+std::size_t keyedHash(std::string_view bytes) {
+  // Made at first use: texts are made before `main`, too.
+  static const SipHash::Key key = [] {
+    SipHash::Key random;
+    // So few bytes never come short.
+    if (::getrandom(&random, sizeof random, 0) < 0) stopProcess(ExitStatus::software);
+    return random;
+  }();
+  return static_cast<std::size_t>(SipHash::of(bytes, key));
+}
 
-Text::Text() : hash_(std::hash<std::string>{}(bytes_)) {}
+}  // namespace
 
 Text::Text(std::string validUtf8, std::size_t asciiLength) : bytes_(std::move(validUtf8)) {
   if (asciiLength != bytes_.size()) {
     std::string canonical = decompose(bytes_);
     if (canonical != bytes_) canonical_ = std::make_shared<const std::string>(std::move(canonical));
   }
-  hash_ = std::hash<std::string>{}(this->canonical());
+  if (!bytes_.empty()) hash_ = keyedHash(this->canonical());
 }
 
 bool Text::isUtf8(std::string_view bytes) {

@@ -7,6 +7,9 @@
 // The canonical form is computed once, when the text is made, in O(n log n), so that comparing and
 // hashing later, on a queue that others wait for, is as cheap as for bytes. Pure ASCII text, the
 // common case, is its own canonical form and stores none.
+//
+// The hash has a key of the process's own (SipHash.h): strangers choose identifiers, and must not
+// be able to choose ones that a table holds in one bucket.
 #pragma once
 
 #include <compare>
@@ -22,7 +25,7 @@ namespace Platform {
 // A value: copies are independent. Any thread.
 class Text {
  public:
-  Text();
+  Text() = default;
 
   // None when `bytes` is not valid UTF-8.
   static std::optional<Text> fromUtf8(std::string bytes);
@@ -34,7 +37,7 @@ class Text {
   const std::string& utf8() const { return bytes_; }
   bool isEmpty() const { return bytes_.empty(); }
 
-  // Equal for equal texts.
+  // Equal for equal texts, within this process; another one has other hashes.
   std::size_t hash() const { return hash_; }
 
   friend bool operator==(const Text& a, const Text& b) {
@@ -52,7 +55,7 @@ class Text {
 
   std::string bytes_;
   std::shared_ptr<const std::string> canonical_;  // null: bytes_ is canonical already
-  std::size_t hash_;
+  std::size_t hash_ = 0;                          // of the empty text, too
 };
 
 // A text in the source. The literal must be UTF-8; one that is not stops the process.

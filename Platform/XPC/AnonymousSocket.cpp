@@ -1,11 +1,11 @@
 #include "Platform/XPC/AnonymousSocket.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/file.h>
 #include <sys/random.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -15,6 +15,7 @@
 #include <system_error>
 #include <utility>
 
+#include "Platform/Dispatch/WorkerPool.h"
 #include "Platform/Runtime/RuntimeDirectory.h"
 #include "Platform/XPC/Socket.h"
 
@@ -38,12 +39,20 @@ bool isRandomName(std::string_view name) {
          name.find_first_not_of("0123456789abcdef", 1) == std::string_view::npos;
 }
 
-UniqueFd lock(const std::string& directory, int operation) {
-  UniqueFd opened(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  while (opened.isValid() && ::flock(opened.get(), operation) != 0) {
-    if (errno != EINTR) opened.reset();
-  }
-  return opened;
+UniqueFd openToLock(const std::string& directory) {
+  return UniqueFd(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+}
+
+bool lock(const UniqueFd& directory, int operation) {
+  return ::flock(directory.get(), operation | LOCK_NB) == 0;
+}
+
+// Whoever removes leftovers is done in a moment. Any process of this user can hold the lock for
+// longer, and must not hold up others: then it goes without.
+void lockShared(const UniqueFd& directory) {
+  if (lock(directory, LOCK_SH)) return;
+  const WorkerPool::BlockingRegion waiting;
+  for (int tries = 0; tries < 100 && !lock(directory, LOCK_SH); ++tries) ::poll(nullptr, 0, 10);
 }
 
 }  // namespace
@@ -51,8 +60,9 @@ UniqueFd lock(const std::string& directory, int operation) {
 std::optional<AnonymousSocket> makeAnonymousSocket() {
   const auto directory = runtimeDirectory();
   if (!directory) return std::nullopt;
-  const UniqueFd locked = lock(*directory, LOCK_SH);
+  const UniqueFd locked = openToLock(*directory);
   if (!locked.isValid()) return std::nullopt;
+  lockShared(locked);
   const std::string path = *directory + "/" + randomName();
   UniqueFd socket = bindTo(path);
   if (!socket.isValid()) return std::nullopt;
@@ -67,8 +77,8 @@ std::optional<AnonymousSocket> makeAnonymousSocket() {
 void removeLeftOverSocketNames() {
   const auto directory = runtimeDirectory();
   if (!directory) return;
-  const UniqueFd locked = lock(*directory, LOCK_EX | LOCK_NB);
-  if (!locked.isValid()) return;
+  const UniqueFd locked = openToLock(*directory);
+  if (!locked.isValid() || !lock(locked, LOCK_EX)) return;
   std::error_code error;
   for (std::filesystem::directory_iterator entry(*directory, error), end; !error && entry != end;
        entry.increment(error)) {

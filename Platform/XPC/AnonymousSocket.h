@@ -20,7 +20,7 @@ struct AnonymousSocket {
 };
 
 // None without a runtime directory, or when the system has no descriptor or room. Waits while
-// leftovers are removed. Any thread.
+// leftovers are removed, a second at most. Any thread.
 std::optional<AnonymousSocket> makeAnonymousSocket();
 
 // Removes the names that killed processes have left, unless somebody is making a socket just now.

@@ -11,6 +11,7 @@
 namespace Gantrel_Sync_Helper {
 namespace {
 
+namespace fs = std::filesystem;
 using namespace Platform;
 using TestSupport::ChildProcess;
 using TestSupport::executableOf;
@@ -126,7 +127,9 @@ TEST_F(Agents, ServeOnlyOneForANameAndMakeRoomWhenKilled) {
   EXPECT_EQ(connectTo(socketPath()).outcome, ConnectOutcome::connected);
   waiting.reset();
   for (int i = 0; i < 3; ++i) {
-    ChildProcess agent = startAgent();
+    ChildProcess agent = startAgent("exec \"$0\" 0<&- 1>&- 2>&-");
+    const fs::path descriptors = "/proc/" + std::to_string(agent.pid()) + "/fd";
+    EXPECT_EQ(fs::read_symlink(descriptors / "2"), "/dev/null") << "no file of its own";
     expectRefusal();
     EXPECT_TRUE(connect()->retrieveEndpoint({}));
     agent.signal(SIGKILL);
@@ -135,7 +138,6 @@ TEST_F(Agents, ServeOnlyOneForANameAndMakeRoomWhenKilled) {
 }
 
 TEST_F(Agents, SayWhatEndedThemByTheirStatusAlone) {
-  namespace fs = std::filesystem;
   const fs::path contents = fs::path(directory.path()) / "Broken.app/Contents";
   fs::create_directories(contents / "Linux");
   std::ofstream(contents / "Info.plist") << "<plist><dict><key>CFBundleIdentifier</key>";

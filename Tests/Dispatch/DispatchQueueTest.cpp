@@ -2,15 +2,20 @@
 
 #include <gtest/gtest.h>
 
+#include <poll.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 
 #include <atomic>
 #include <future>
 #include <latch>
+#include <memory>
+#include <vector>
 
+#include "Platform/Dispatch/MemoryReturn.h"
 #include "Platform/Dispatch/WorkerPool.h"
 #include "Platform/Runtime/UniqueFd.h"
+#include "Tests/Support/TestProcess.h"
 
 namespace Platform {
 namespace {
@@ -83,6 +88,60 @@ TEST(WorkerPool, IsTheLastOwnerOfAHandlerThatStillWatches) {
   std::exchange(handler, nullptr)->goOn.set_value();
   ended.get_future().wait();
 }
+
+// The task that the handler appends waits for one that stands behind it on the same worker, with
+// nothing else going on that would wake another.
+TEST(WorkerPool, BringsInAWorkerAfterAHandlerThatTookItsTime) {
+  struct Slow final : ReadinessHandler {
+    void ready(std::uint32_t) override {
+      ::poll(nullptr, 0, 100);  // many of the keeper's periods
+      dispatch_async(dispatch_queue_create("outer", DISPATCH_QUEUE_SERIAL), [this] {
+        std::promise<void> inner;
+        dispatch_async(dispatch_queue_create("inner", DISPATCH_QUEUE_SERIAL),
+                       [&] { inner.set_value(); });
+        inner.get_future().wait();
+        done.set_value();
+      });
+    }
+    std::promise<void> done;
+  };
+  const auto descriptor = UniqueFd(::eventfd(1, EFD_CLOEXEC));
+  const auto handler = std::make_shared<Slow>();
+  const Watch watch = WorkerPool::shared().watch(descriptor.get(), EPOLLIN, handler);
+  handler->done.get_future().wait();
+}
+
+// Waits for a task that does the same, and so on. Gives how many waited.
+int waitForOneThatWaits() {
+  const WorkerPool::BlockingRegion region;
+  if (!region) return 0;
+  std::promise<int> inner;
+  dispatch_async(dispatch_queue_create("nested", DISPATCH_QUEUE_SERIAL),
+                 [&] { inner.set_value(waitForOneThatWaits()); });
+  return inner.get_future().get() + 1;
+}
+
+TEST(WorkerPool, SaysWhenNobodyIsLeftToWaitFor) {
+  EXPECT_GT(waitForOneThatWaits(), 100);
+  EXPECT_GT(waitForOneThatWaits(), 100) << "all came back";
+}
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // they keep what is freed
+TEST(WorkerPool, ReturnsMemoryAfterABurst) {
+  WorkerPool::shared().returnMemoryAfterBursts();
+  const std::size_t before = MemoryReturn::residentBytes();
+  const auto descriptor = UniqueFd(::eventfd(0, EFD_CLOEXEC));
+  Watch watch = WorkerPool::shared().watch(descriptor.get(), EPOLLIN, {});
+  std::vector<std::unique_ptr<char[]>> blocks;
+  for (int i = 0; i < 100'000; ++i) blocks.emplace_back(new char[1000]{});
+  blocks.erase(blocks.begin(), blocks.end() - 1);  // the last one is above all others
+  EXPECT_GT(MemoryReturn::residentBytes(), before + (64 << 20))
+      << "else there is nothing to be shown";
+  watch = {};
+  EXPECT_TRUE(
+      TestSupport::eventually([&] { return MemoryReturn::residentBytes() < before + (24 << 20); }));
+}
+#endif
 
 }  // namespace
 }  // namespace Platform
