@@ -259,7 +259,10 @@ class Listener:
                 connected.close()
                 continue
             connection = Connection(connected, self._exports)
-            threading.Thread(target=connection.serve, daemon=True).start()
+            try:
+                threading.Thread(target=connection.serve, daemon=True).start()
+            except RuntimeError:  # the system has no more threads
+                connection.close()
 
     def close(self) -> None:
         """Nobody can connect any more. Connections that there are go on."""

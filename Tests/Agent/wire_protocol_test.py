@@ -48,6 +48,11 @@ class OnTheWire(AgentTestCase):
         for call in ["unknown:"], ["fail:"], ["fail:", "one too many"], ["strange:"]:
             with self.assertRaises(gantrel.Refused):
                 client.call(*call)
+        stranger = Connection(f"/proc/self/fd/{listener.endpoint.fileno()}")
+        stranger.send([CALL, 1, "strange:", [Endpoint(0)]], [0])
+        self.assertEqual(stranger.receive(), ([REFUSAL, 1], []), "the descriptor is no endpoint")
+        stranger.send_raw(frame([4, "a", []]))
+        self.assertEqual(stranger.receive_to_end(), b"")
         with self.assertRaises(gantrel.TimedOut):
             client.call("slow:", timeout=0.1)
         answer.set()
