@@ -37,6 +37,9 @@ class Malformed(Exception):
 class Date(float):
     """A date: seconds since 1970-01-01 00:00:00 UTC, as `datetime.timestamp()` has them."""
 
+    def __repr__(self) -> str:
+        return f"Date({super().__repr__()})"
+
 
 class Index(int):
     """In a message, an endpoint: the place of its descriptor among those of the frame."""

@@ -44,12 +44,12 @@ class OnTheWire(AgentTestCase):
         logging.disable()
         self.addCleanup(logging.disable, logging.NOTSET)
         answer = threading.Event()
-        listener, client = self.listen(fail=lambda: 1 / 0, strange=object, slow=lambda: answer.wait(PATIENCE))
+        listener, client = self.listen(fail=lambda: 1 / 0, strange=object, text=repr, slow=lambda: answer.wait(PATIENCE))
         for call in ["unknown:"], ["fail:"], ["fail:", "one too many"], ["strange:"]:
             with self.assertRaises(gantrel.Refused):
                 client.call(*call)
         stranger = Connection(f"/proc/self/fd/{listener.endpoint.fileno()}")
-        stranger.send([CALL, 1, "strange:", [Endpoint(0)]], [0])
+        stranger.send([CALL, 1, "text:", [Endpoint(0)]], [0])
         self.assertEqual(stranger.receive(), ([REFUSAL, 1], []), "the descriptor is no endpoint")
         stranger.send_raw(frame([4, "a", []]))
         self.assertEqual(stranger.receive_to_end(), b"")
