@@ -31,11 +31,12 @@ class Exhausted(AgentTestCase):
         for visitor in visitors:
             visitor.send([CALL, 1, RETRIEVE, ["e0"]])
         unanswered = [visitor.socket for visitor in visitors]
-        while answered := select.select(unanswered, [], [], 1)[0]:
+        answered = True
+        while answered:
+            before = self.agents_processor_time()
+            answered = select.select(unanswered, [], [], 1)[0]
             unanswered = [socket for socket in unanswered if socket not in answered]
         self.assertTrue(unanswered, "the agent was not full")
-        before = self.agents_processor_time()
-        self.assertFalse(select.select(unanswered, [], [], 1)[0])
         self.assertLessEqual(self.agents_processor_time() - before, 10)
 
         # Each visitor that leaves makes room for the next; an endpoint needs no room here to be sent.
@@ -61,12 +62,17 @@ class Exhausted(AgentTestCase):
             for _ in range(100):
                 peer.send([CALL, 1, RETRIEVE, ["a"]])
             owed[peer.socket] = [peer, 100]
-        late = Connection(self.path)
-        late.send_raw(frame([CALL, 2, RETRIEVE, ["no"]]) + frame([CALL, 1, RETRIEVE, ["a"]]))
-        self.assertEqual(late.receive(), ([REPLY, 2, [None]], []))
-        self.assertFalse(select.select([late.socket], [], [], 1)[0], "there was room")
+
+        def has_to_wait():  # what has no descriptor does not
+            late = Connection(self.path)
+            late.send_raw(frame([CALL, 2, RETRIEVE, ["no"]]) + frame([CALL, 1, RETRIEVE, ["a"]]))
+            self.assertEqual(late.receive(), ([REPLY, 2, [None]], []))
+            owed[late.socket] = [late, 1]
+            return not select.select([late.socket], [], [], 1)[0]
+
+        # In what order the agent serves different peers is its own affair.
+        self.assertTrue(eventually(has_to_wait), "there was room")
         self.assertIsNone(Connection(self.path).retrieve("no"))
-        owed[late.socket] = [late, 1]
         while owed:
             readable = select.select(owed, [], [], PATIENCE)[0]
             self.assertTrue(readable, owed)
@@ -102,7 +108,7 @@ class Exhausted(AgentTestCase):
         client = Connection(self.path)
         self.assertIsNone(client.retrieve("no"))
         before = memory(self.agent)
-        self.assertIsNone(client.retrieve("\x01" * (12 * MIB)))
+        self.assertIsNone(client.retrieve("\x01" * (8 * MIB)))
         self.assertTrue(eventually(lambda: memory(self.agent) < before + 24 * MIB))
 
 

@@ -15,6 +15,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "Platform/Runtime/UniqueFd.h"
@@ -78,12 +79,14 @@ class ChildProcess {
 
 std::size_t openDescriptors(int pid);
 
-// Looks again and again, without rest, for something that no event tells of. False after a minute.
+// Looks again and again, whenever nobody else wants to run, for something that no event tells of.
+// False after a minute.
 template <class Condition>
 bool eventually(Condition condition) {
   const auto end = std::chrono::steady_clock::now() + std::chrono::minutes(1);
   while (!condition()) {
     if (std::chrono::steady_clock::now() > end) return false;
+    std::this_thread::yield();
   }
   return true;
 }

@@ -25,11 +25,12 @@ MIB = 1 << 20
 
 
 def eventually(condition):
-    """Looks again and again, without rest, for something that no event tells of."""
+    """Looks again and again, whenever nobody else wants to run, for something that no event tells of."""
     end = time.monotonic() + PATIENCE
     while not condition():
         if time.monotonic() > end:
             return False
+        os.sched_yield()
     return True
 
 
