@@ -5,7 +5,7 @@
 namespace Platform {
 namespace {
 
-constexpr std::size_t most = std::size_t{64} << 20;  // bytes
+constexpr std::size_t most = std::size_t{32} << 20;  // bytes
 
 struct Budget {
   std::mutex mutex;

@@ -13,7 +13,7 @@ namespace Platform {
 namespace {
 
 // What one receive brings of small messages, and of a large one. Others get their turn in between.
-constexpr std::size_t usualReception = 16 << 10;
+constexpr std::size_t usualReception = 8 << 10;
 constexpr std::size_t largeReception = 64 << 10;
 
 // What a thread receives with. Not cleared, so a thread that only ever receives little touches

@@ -25,7 +25,7 @@ class PeerShare {
   bool hasRoomAgain(std::size_t unread) const { return closing_ == 0 && load(unread) <= most / 2; }
 
  private:
-  static constexpr std::size_t most = 32 << 10;       // bytes
+  static constexpr std::size_t most = 16 << 10;       // bytes
   static constexpr std::size_t requestLoad = 1 << 7;  // bytes, more or less
 
   std::size_t load(std::size_t unread) const { return unread + underWay_ * requestLoad; }

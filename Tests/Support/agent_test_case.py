@@ -24,9 +24,9 @@ IS_SANITIZED = bool(os.environ.get("GANTREL_SANITIZE"))  # slower by far: large 
 MIB = 1 << 20
 
 
-def eventually(condition):
+def eventually(condition, patience=PATIENCE):
     """Looks again and again, whenever nobody else wants to run, for something that no event tells of."""
-    end = time.monotonic() + PATIENCE
+    end = time.monotonic() + patience
     while not condition():
         if time.monotonic() > end:
             return False
