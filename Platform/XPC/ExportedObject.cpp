@@ -16,7 +16,8 @@ bool ExportedObject::call(Frame& frame, Decoder& decoder, bool expectsAnswer,
                           const std::shared_ptr<ReplySender>& request) const {
   const std::string_view selector = decoder.text();
   if (!decoder.isSound()) return false;
-  if (implementer_ && !frame.lacksDescriptors) {
+  if (frame.lacksDescriptors) return true;
+  if (implementer_) {
     // A call is kept by its reply block, a message by the tasks that come of it.
     const TasksKeep keep(expectsAnswer ? nullptr : request);
     if (interface_.dispatch(implementer_, selector, decoder, expectsAnswer, request) &&

@@ -26,7 +26,8 @@ class Exhausted(AgentTestCase):
         while self.register(client, f"e{stored}"):
             stored += 1
             self.assertLess(stored, 64)
-        # The client's connection has ended for want of room; others find no room to be accepted.
+        # The registration was refused for want of room, and nothing else; others are not accepted any more.
+        self.assertEqual(client.retrieve("e0"), self.inode)
         visitors = [Connection(self.path) for _ in range(20)]
         for visitor in visitors:
             visitor.send([CALL, 1, RETRIEVE, ["e0"]])
@@ -39,7 +40,8 @@ class Exhausted(AgentTestCase):
         self.assertTrue(unanswered, "the agent was not full")
         self.assertLessEqual(self.agents_processor_time() - before, 10)
 
-        # Each visitor that leaves makes room for the next; an endpoint needs no room here to be sent.
+        # Each that leaves makes room for the next; an endpoint needs no room here to be sent.
+        client.socket.close()
         while visitors:
             visitor = visitors.pop(0)
             self.assertEqual(visitor.receive()[0], [REPLY, 1, [Endpoint(0)]])

@@ -219,6 +219,94 @@ TEST_F(Connections, AnswerAWaitingCallThatFindsAWorkerReading) {
   answering.join();
 }
 
+// A service of a name whose every byte the test sends itself.
+class RawService {
+ public:
+  RawService() : listening_(bindTo(*namedServicePath("raw"_text))) {
+    EXPECT_TRUE(listenOn(listening_.get()));
+    connection = NSXPCConnection::initWithMachServiceName("raw"_text);
+    connection->resume();
+  }
+  UniqueFd accept() const {
+    pollfd ready{listening_.get(), POLLIN, 0};
+    ::poll(&ready, 1, -1);
+    return UniqueFd(::accept4(listening_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+  }
+  static std::size_t readToEnd(const UniqueFd& peer) {
+    std::vector<std::byte> buffer(1 << 20);
+    std::size_t total = 0;
+    for (ssize_t count; (count = ::read(peer.get(), buffer.data(), buffer.size())) > 0;) {
+      total += static_cast<std::size_t>(count);
+    }
+    return total;
+  }
+
+  std::shared_ptr<NSXPCConnection> connection;
+
+ private:
+  const UniqueFd listening_;
+};
+
+TEST_F(Connections, SendWhatWasHandedToThemAlsoWhenTheirOwnerGoes) {
+  RawService raw;
+  const Data data(4 << 20);
+  raw.connection->remoteObjectProxy<Peer>()->echo(data, [](Value) {});
+  const UniqueFd peer = raw.accept();
+  EXPECT_FALSE(raw.connection->waitUntilSent(std::chrono::milliseconds(1)));
+  raw.connection.reset();
+  EXPECT_GT(RawService::readToEnd(peer), data.size());
+
+  raw.connection = NSXPCConnection::initWithMachServiceName("raw"_text);
+  raw.connection->resume();
+  raw.connection->remoteObjectProxy<Peer>()->echo(data, [](Value) {});
+  const UniqueFd second = raw.accept();
+  auto read = std::async(std::launch::async, [&] { return RawService::readToEnd(second); });
+  EXPECT_TRUE(raw.connection->waitUntilSent(std::chrono::minutes(1)));
+  raw.connection->invalidate();
+  EXPECT_GT(read.get(), data.size());
+}
+
+TEST_F(Connections, TakeAFaultOfANamedServiceForAnInterruption) {
+  RawService raw;
+  std::atomic<int> losses = 0;
+  raw.connection->setLinkLossHandler([&] { ++losses; });
+  std::thread answering([&] {
+    for (const bool isSound : {false, true}) {
+      const UniqueFd peer = raw.accept();
+      std::array<std::byte, 256> request;
+      receive(peer.get(), request, Wait::yes);
+      const std::uint8_t nil[] = {5, 0, 0, 0, 0, 0, 0, 0, 0x83, 2, 2, 0x81, 0xF6};
+      const std::uint8_t none[] = {0xFF, 0xFF, 0xFF, 0xFF, 0, 0, 0, 0};
+      isSound ? ::write(peer.get(), nil, sizeof nil) : ::write(peer.get(), none, sizeof none);
+    }
+  });
+  std::vector<std::optional<NSXPCConnectionError>> ends;
+  for (int call = 0; call < 2; ++call) {
+    ends.emplace_back();
+    raw.connection
+        ->synchronousRemoteObjectProxyWithErrorHandler<Peer>([&](auto e) { ends.back() = e; })
+        ->echo(1, [&](Value) { EXPECT_NE(NSXPCConnection::answeringProcess(), 0u); });
+  }
+  answering.join();
+  EXPECT_EQ(ends, (decltype(ends){NSXPCConnectionError::interrupted, std::nullopt}));
+  EXPECT_TRUE(TestSupport::eventually([&] { return losses > 0; }));
+  raw.connection->setLinkLossHandler({});
+  raw.connection->invalidate();
+}
+
+TEST_F(Connections, GiveUpAWaitingCallAtItsTimeLimit) {
+  std::promise<void> goOn;
+  service->onEcho = [go = goOn.get_future().share()] { go.wait(); };
+  std::optional<NSXPCConnectionError> error;
+  connection
+      ->synchronousRemoteObjectProxyWithErrorHandler<Peer>([&](auto e) { error = e; },
+                                                           std::chrono::milliseconds(1))
+      ->echo(1, [](Value) { FAIL() << "nobody answered"; });
+  EXPECT_EQ(error, NSXPCConnectionError::timedOut);
+  goOn.set_value();
+  EXPECT_EQ(ask(connection, 2), Value(2));  // the late answer is nothing to anybody
+}
+
 TEST_F(Connections, TellBothFormsOfCallWhenTheAnswerCannotCome) {
   std::promise<NSXPCConnectionError> dropped;
   connection->remoteObjectProxyWithErrorHandler<Peer>([&](auto error) { dropped.set_value(error); })
