@@ -8,7 +8,9 @@
 // that very connection.
 #pragma once
 
+#include <condition_variable>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <utility>
 
@@ -32,9 +34,6 @@ class AwaitedReply {
   };
   static bool isWaitingHere();
 
-  AwaitedReply();
-  ~AwaitedReply();
-
   // True once: then the answer may be written, before `end`. Any thread.
   bool begin();
   void end();
@@ -42,8 +41,11 @@ class AwaitedReply {
   void wait();
 
  private:
-  struct State;
-  const std::unique_ptr<State> state_;
+  std::mutex mutex_;
+  std::condition_variable ended_;
+  // Protected by mutex_:
+  bool hasBegun_ = false;
+  bool isOver_ = false;
 };
 
 // None when the reply block went without having been called.

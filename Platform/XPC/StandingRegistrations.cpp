@@ -115,13 +115,13 @@ void StandingRegistrations::take(const Text& identifier, bool isFirst, Outcome o
     const auto entry = entries_.find(identifier);
     if (entry != entries_.end() && std::exchange(entry->second.isAsked, false)) {
       if (outcome == Outcome::known) entry->second.process = process;
-      if (outcome == Outcome::unknown && entry->second.process != process) {
+      if (outcome == Outcome::unknown && !entry->second.wasAnsweredBy(process)) {
         offer(identifier, entry->second);
       }
     }
     if (!isFirst) return;
     for (auto& [other, its] : entries_) {
-      if (its.process == process || std::exchange(its.isAsked, true)) continue;
+      if (its.wasAnsweredBy(process) || std::exchange(its.isAsked, true)) continue;
       others.push_back(other);
     }
   }

@@ -58,8 +58,12 @@ class StandingRegistrations : public std::enable_shared_from_this<StandingRegist
   struct Entry {
     std::weak_ptr<NSXPCListenerEndpoint> endpoint;
     std::uint64_t number = 0;
-    std::uint64_t process = 0;  // that answered for the identifier last; 0: none has
+    std::uint64_t process = 0;  // that answered for it last; 0: none has, or one not to be told
     bool isAsked = false;       // being restored
+
+    bool wasAnsweredBy(std::uint64_t answering) const {
+      return process != 0 && process == answering;
+    }
   };
 
   void check();
