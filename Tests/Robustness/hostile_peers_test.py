@@ -1,6 +1,7 @@
 """What a broken or malicious peer may do to the agent: end its own connection, and nothing else."""
 
 import contextlib
+import errno
 import multiprocessing
 import os
 import resource
@@ -38,6 +39,8 @@ class HostilePeers(AgentTestCase):
 
     def setUp(self):
         super().setUp()
+        self.most = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
+        resource.setrlimit(resource.RLIMIT_NOFILE, (self.most, self.most))
         self.start_agent()
         self.control = Connection(self.path)
         self.assertTrue(self.register(self.control, "bystander"))
@@ -166,8 +169,14 @@ class HostilePeers(AgentTestCase):
         self.control.send([MESSAGE, REMOVE, ["many"]])
         hoarder = Connection(self.path)
         hoarder.send_raw(frame(b"", 253, 100), many)
-        while hoarder.send_raw(b"x", many):
-            pass
+
+        def has_ended():
+            try:
+                return hoarder.send_raw(b"x", many) == 0
+            except OSError as error:
+                self.assertEqual(error.errno, errno.ETOOMANYREFS)  # until the agent has received those before
+
+        self.assertTrue(eventually(has_ended))
         self.assertEqual(hoarder.receive_to_end(), b"")
 
     def test_send_what_does_not_fit_a_declaration(self):
@@ -268,9 +277,7 @@ class HostilePeers(AgentTestCase):
             peer = Connection(self.path)
             if i % 2:
                 peer.send([CALL, 1, RETRIEVE, ["no"]])
-        most = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
-        resource.setrlimit(resource.RLIMIT_NOFILE, (most, most))
-        crowd = [Connection(self.path) for _ in range(min(1000 if IS_SANITIZED else 5000, most - 100))]
+        crowd = [Connection(self.path) for _ in range(min(1000 if IS_SANITIZED else 5000, self.most - 100))]
         for peer in crowd:
             peer.send([CALL, 1, RETRIEVE, ["no"]])
         for peer in crowd:
