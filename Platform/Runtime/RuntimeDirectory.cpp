@@ -24,13 +24,16 @@ std::string base() {
 std::string problemWith(const std::string& kind, const std::string& path) {
   const std::string that = kind + " " + path;
   const std::string mend = ": chmod 700 " + path + " mends it";
+  const std::string another = ": set XDG_RUNTIME_DIR to a private folder of your own";
   const UniqueFd directory(::open(path.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   struct stat status {};
   if (!directory.isValid() || ::fstat(directory.get(), &status) != 0) {
-    return that + " cannot be used: " + std::strerror(errno);
+    const int error = errno;
+    const bool isWantOfRoom = error == EMFILE || error == ENFILE || error == ENOMEM;
+    return that + " cannot be opened, " + std::strerror(error) + (isWantOfRoom ? "" : another);
   }
   if (status.st_uid != ::geteuid()) {
-    return that + " belongs to another user: set XDG_RUNTIME_DIR to a private folder of your own";
+    return that + " belongs to another user" + another;
   }
   if ((status.st_mode & 077) != 0) return that + " is open to other users" + mend;
   if (::faccessat(AT_FDCWD, path.c_str(), R_OK | W_OK | X_OK, AT_EACCESS) != 0) {
