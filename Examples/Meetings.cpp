@@ -1,10 +1,7 @@
 #include "Examples/Meetings.h"
 
-#include <cstdio>
+#include <chrono>
 
-#include "Platform/Foundation/NSBundle.h"
-#include "Platform/Runtime/Escaped.h"
-#include "Platform/Runtime/RuntimeDirectory.h"
 #include "Shared/GApp.h"
 
 namespace Gantrel_Sync_Helper {
@@ -60,25 +57,10 @@ const Text& communicationIdentifier() {
   return mainAppBundleIdentifier;
 }
 
-std::string whyNoAgent() {
-  const std::string problem = runtimeDirectoryProblem();
-  if (!problem.empty()) return "the agent cannot be reached: " + problem + ".";
-  return "the agent is not running: nobody serves " + agentAppBundleIdentifier.utf8() + ".";
-}
-
-std::string problemWithOwnBundle() {
-  if (NSBundle::mainBundle().bundleIdentifier()) return {};
-  return "the application's Info.plist is missing, broken or without an identifier: install it "
-         "again.";
-}
-
-void say(const std::string& line) {
-  std::printf("%s\n", escaped(line).c_str());
-  std::fflush(stdout);
-}
-
-void complain(const std::string& application, const std::string& sentence) {
-  std::fprintf(stderr, "%s: %s\n", application.c_str(), escaped(sentence).c_str());
+NSDate now() {
+  const std::chrono::duration<double> sinceEpoch =
+      std::chrono::system_clock::now().time_since_epoch();
+  return {sinceEpoch.count()};
 }
 
 }  // namespace Gantrel_Sync_Helper

@@ -1,9 +1,7 @@
-// What the two example applications have in common: meetings as they travel between them, and
-// sentences for people.
+// Meetings, as they travel between the two example applications.
 #pragma once
 
 #include <optional>
-#include <string>
 #include <vector>
 
 #include "Platform/Runtime/NSDate.h"
@@ -27,15 +25,6 @@ Platform::Value valueFromMeetings(const std::vector<Meeting>& meetings);
 // The identifier under which the main application registers its listener with the agent.
 const Platform::Text& communicationIdentifier();
 
-// Why there is no answer from the agent, as one sentence for people.
-std::string whyNoAgent();
-
-// The problem with this application's own bundle, as one sentence; empty when there is none.
-std::string problemWithOwnBundle();
-
-// Writes a line to standard output, or a sentence about what went wrong to standard error, after
-// the application's name. What comes from outside is escaped.
-void say(const std::string& line);
-void complain(const std::string& application, const std::string& sentence);
+Platform::NSDate now();
 
 }  // namespace Gantrel_Sync_Helper

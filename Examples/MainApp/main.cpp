@@ -3,15 +3,18 @@
 // endpoint with the agent, and prints what it is asked.
 
 #include <algorithm>
-#include <chrono>
 #include <memory>
 #include <mutex>
 
 #include "Examples/Meetings.h"
+#include "Examples/Sentences.h"
 #include "Platform/Dispatch/NSRunLoop.h"
 #include "Platform/Foundation/PropertyList.h"
+#include "Platform/Runtime/StandardStreams.h"
 #include "Platform/Workspace/NSRunningApplication.h"
 #include "Platform/XPC/NSXPCListener.h"
+#include "Shared/AppLaunchTerminationListener.h"
+#include "Shared/AppLaunchTerminationObservation.h"
 #include "Shared/Communication.h"
 #include "Shared/EndPointHandler.h"
 #include "Shared/GApp.h"
@@ -21,13 +24,12 @@ using namespace Gantrel_Sync_Helper;
 
 namespace {
 
-constexpr const char* name = "MainApp";
-
-NSDate now() {
-  const std::chrono::duration<double> sinceEpoch =
-      std::chrono::system_clock::now().time_since_epoch();
-  return {sinceEpoch.count()};
-}
+constexpr const char* help =
+    "MainApp offers meetings to the product's other applications, which find it through the "
+    "agent.\n"
+    "\n"
+    "  MainApp MEETINGS    offer the meetings of this property list, until interrupted\n"
+    "  MainApp --help, -h  show this\n";
 
 // Called on the queues of its connections, several at once.
 class MeetingService final : public NSObject, public Communication, public NSXPCListenerDelegate {
@@ -85,40 +87,64 @@ class MeetingService final : public NSObject, public Communication, public NSXPC
   int created_ = 0;
 };
 
-int fail(const std::string& sentence) {
-  complain(name, sentence);
-  return 1;
-}
+// Of several main applications, the one that registered last is found by the others. When one ends,
+// this one registers again: it may be the only one that is left. Calls come on the observation's
+// queue.
+class Successor final : public AppLaunchTerminationListenerDelegate {
+ public:
+  Successor(std::shared_ptr<EndPointHandler> agent, EndpointRef endpoint)
+      : agent_(std::move(agent)), endpoint_(std::move(endpoint)) {}
+  void appDidLaunch(GApp) override {}
+  void appDidTerminate(GApp) override {
+    agent_->registerEndpoint(endpoint_, communicationIdentifier(), [](bool) {});
+  }
+
+ private:
+  const std::shared_ptr<EndPointHandler> agent_;
+  const EndpointRef endpoint_;
+};
 
 }  // namespace
 
 int main(int argumentCount, char** arguments) {
-  if (argumentCount != 2) return fail("give it one argument, a property list with meetings.");
+  openStandardStreams();
+  if (argumentCount != 2) return complain("give it one argument, a property list with meetings.");
+  const std::string argument = arguments[1];
+  if (argument == "--help" || argument == "-h") {
+    sayText(help);
+    return 0;
+  }
   const std::string problem = problemWithOwnBundle();
-  if (!problem.empty()) return fail(problem);
+  if (!problem.empty()) return complain(problem);
 
-  const std::string path = arguments[1];
-  const auto content = propertyListFromFile(path);
-  if (!content) return fail("the meetings file " + path + " is missing or not a property list.");
+  const auto content = propertyListFromFile(argument);
+  if (!content) {
+    return complain("the meetings file " + argument + " is missing or not a property list.");
+  }
   const auto meetings = meetingsFromValue(*content);
   if (!meetings) {
-    return fail("the meetings file " + path +
-                " is not a list of meetings, each with an id, a title and a start date.");
+    return complain("the meetings file " + argument +
+                    " is not a list of meetings, each with an id, a title and a start date.");
   }
 
   const auto service = std::make_shared<MeetingService>(*meetings);
   const auto listener = NSXPCListener::anonymousListener();
-  if (!listener) return fail(whyNoAgent());
+  if (!listener) return complain(whyNoListener());
   listener->setDelegate(service);
   listener->resume();
 
   const auto agent = EndPointHandler::initWithServiceName(agentAppBundleIdentifier);
   agent->connect();
   if (agent->registerEndpoint(listener->endpoint(), communicationIdentifier()) != true) {
-    return fail(whyNoAgent());
+    return complain(whyNoAgent());
   }
   // Checked in only now, so that whoever sees this application launch can reach it.
-  if (!NSRunningApplication::currentApplication()) return fail(whyNoAgent());
+  if (!NSRunningApplication::currentApplication()) return complain(whyNotRunning());
+  const auto successor = std::make_shared<Successor>(agent, listener->endpoint());
+  const auto others = std::make_shared<AppLaunchTerminationListener>();
+  others->setDelegate(successor);
+  const AppLaunchTerminationObservation observation(others, {GApp::main});
+  if (!observation) complain(whyNothingIsSeen());
   say("offers " + std::to_string(meetings->size()) + " meetings as " +
       communicationIdentifier().utf8());
   NSRunLoop::currentRunLoop().run();

@@ -1,20 +1,28 @@
 // MenuApp: the menu-bar application, as an example in a terminal. Each command asks the agent for
 // the main application's endpoint and talks to the main application directly.
 
-#include <cstdio>
+#include <chrono>
+#include <condition_variable>
 #include <functional>
-#include <future>
+#include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
-#include <utility>
+#include <string_view>
+#include <type_traits>
 #include <vector>
 
 #include "Examples/Meetings.h"
+#include "Examples/Sentences.h"
 #include "Platform/Dispatch/NSRunLoop.h"
 #include "Platform/Foundation/NSBundle.h"
+#include "Platform/Foundation/NSDateFormatter.h"
+#include "Platform/Runtime/StandardStreams.h"
 #include "Platform/Workspace/NSRunningApplication.h"
+#include "Platform/Workspace/Opening.h"
 #include "Platform/XPC/NSXPCConnection.h"
+#include "Shared/Addresses.h"
 #include "Shared/AppLaunchTerminationListener.h"
 #include "Shared/AppLaunchTerminationObservation.h"
 #include "Shared/BundleVersion.h"
@@ -29,7 +37,6 @@ using namespace Gantrel_Sync_Helper;
 
 namespace {
 
-constexpr const char* name = "MenuApp";
 constexpr const char* help =
     "MenuApp talks to the main application, which it finds through the agent.\n"
     "\n"
@@ -44,58 +51,75 @@ constexpr const char* help =
     "  MenuApp support         write a mail to support\n"
     "  MenuApp send-logs       write a mail to support with the last day's log\n"
     "  MenuApp --version       show the version\n"
-    "  MenuApp --help          show this\n";
+    "  MenuApp --help, -h      show this\n";
 
-int fail(const std::string& sentence) {
-  complain(name, sentence);
-  return 1;
-}
-
-// The main application's listener, asked from the agent. Says what is wrong when it gives none.
-std::shared_ptr<NSXPCConnection> connectToMainApp() {
+// As the agent answers: none without an answer, null when no main application has registered.
+std::optional<EndpointRef> askForMainApp() {
   const auto agent = EndPointHandler::initWithServiceName(agentAppBundleIdentifier);
   agent->connect();
-  const auto endpoint = agent->retrieveEndpoint(communicationIdentifier());
-  if (!endpoint) {
-    complain(name, whyNoAgent());
-    return nullptr;
-  }
-  if (!*endpoint) {
-    complain(name, "the main application is not running: the agent knows no endpoint of it.");
-    return nullptr;
-  }
-  const auto connection = NSXPCConnection::initWithListenerEndpoint(*endpoint);
+  return agent->retrieveEndpoint(communicationIdentifier());
+}
+
+std::shared_ptr<NSXPCConnection> connectTo(const EndpointRef& endpoint) {
+  auto connection = NSXPCConnection::initWithListenerEndpoint(endpoint);
   connection->resume();
   return connection;
 }
 
-// The upcoming meetings. The answer also tells that every message sent before has arrived, since a
-// connection's messages are delivered in order.
-std::optional<std::vector<Meeting>> fetchMeetings(
-    const std::shared_ptr<NSXPCConnection>& connection) {
+// Says what is wrong when it gives none.
+std::shared_ptr<NSXPCConnection> connectToMainApp() {
+  const auto endpoint = askForMainApp();
+  if (!endpoint) {
+    complain(whyNoAgent());
+    return nullptr;
+  }
+  if (!*endpoint) {
+    complain("the main application is not running: the agent knows no endpoint of it.");
+    return nullptr;
+  }
+  return connectTo(*endpoint);
+}
+
+// What the main application answers when asked for its meetings; none when it does not. The answer
+// also tells that every message sent before has arrived, since a connection's messages are
+// delivered in order.
+std::optional<Value> fetchMeetings(const std::shared_ptr<NSXPCConnection>& connection) {
   std::optional<Value> answer;
   connection->synchronousRemoteObjectProxyWithErrorHandler<Communication>({})
       ->fetchUpcomingMeetings([&](Value value) { answer = std::move(value); });
-  if (!answer) {
-    complain(name, "the main application is not running any more: it does not answer.");
-    return std::nullopt;
+  return answer;
+}
+
+int complainOfNoAnswer() {
+  return complain("the main application that the agent knows has ended: it does not answer.");
+}
+
+Text yearOf(const NSDate& date) {
+  NSDateFormatter formatter;
+  formatter.setCalendar(NSCalendar::autoupdatingCurrentCalendar());
+  formatter.setDateFormat("y"_text);
+  return formatter.stringFromDate(date).value_or(Text());
+}
+
+int show(const Value& answer) {
+  const auto meetings = meetingsFromValue(answer);
+  if (!meetings) return complain("the main application's answer is not a list of meetings.");
+  if (meetings->empty()) say("no upcoming meetings");
+  const Text thisYear = yearOf(now());
+  for (const Meeting& meeting : *meetings) {
+    const Text year = yearOf(meeting.start);
+    say(compactDayNameDateAndTimeForMenuIconApp(meeting.start).utf8() +
+        (year == thisYear ? "" : " (" + year.utf8() + ")") + "  " + meeting.title.utf8() + " (" +
+        meeting.identifier.utf8() + ")");
   }
-  auto meetings = meetingsFromValue(*answer);
-  if (!meetings) complain(name, "the main application's answer is not a list of meetings.");
-  return meetings;
+  return 0;
 }
 
 int showUpcoming() {
   const auto connection = connectToMainApp();
   if (!connection) return 1;
-  const auto meetings = fetchMeetings(connection);
-  if (!meetings) return 1;
-  if (meetings->empty()) say("no upcoming meetings");
-  for (const Meeting& meeting : *meetings) {
-    say(compactDayNameDateAndTimeForMenuIconApp(meeting.start).utf8() + "  " +
-        meeting.title.utf8() + " (" + meeting.identifier.utf8() + ")");
-  }
-  return 0;
+  const auto answer = fetchMeetings(connection);
+  return answer ? show(*answer) : complainOfNoAnswer();
 }
 
 // Calls come on the observation's queue, one at a time.
@@ -122,55 +146,105 @@ int watch() {
         (launched ? " launched" : " ended"));
   });
   const AppLaunchTerminationObservation observation(listenerFor(teller), {GApp::main, GApp::menu});
-  if (!observation) return fail(whyNoAgent());
+  if (!observation) return complain(whyNothingIsSeen());
+  endWhenNobodyReads();
   const auto& counts = observation.countsAtStart();
   say("running: " + std::to_string(counts.at(GApp::main)) + " main, " +
       std::to_string(counts.at(GApp::menu)) + " menu-bar");
   NSRunLoop::currentRunLoop().run();
 }
 
-// Returns once the main application runs, and so can be reached. False when that cannot be told.
-bool waitForMainApp() {
-  std::promise<void> launched;
-  const auto teller =
-      std::make_shared<LaunchTeller>([&, told = false](GApp, bool isLaunch) mutable {
-        if (isLaunch && !std::exchange(told, true)) launched.set_value();
-      });
+int waitAndShowUpcoming() {
+  std::mutex mutex;
+  std::condition_variable changed;
+  int changes = 0;  // protected by mutex
+  const auto teller = std::make_shared<LaunchTeller>([&](GApp, bool) {
+    const std::lock_guard lock(mutex);
+    ++changes;
+    changed.notify_one();
+  });
   const AppLaunchTerminationObservation observation(listenerFor(teller), {GApp::main});
-  if (!observation) return false;
-  if (observation.countsAtStart().at(GApp::main) == 0) launched.get_future().wait();
-  return true;
-}
-
-const char* nameOf(CommandState state) {
-  switch (state) {
-    case CommandState::none:
-      return "none";
-    case CommandState::executing:
-      return "executing";
-    case CommandState::failed:
-      return "failed";
-    case CommandState::finished:
-      return "finished";
+  if (!observation) return complain(whyNothingIsSeen());
+  endWhenNobodyReads();
+  const auto changesNow = [&] {
+    const std::lock_guard lock(mutex);
+    return changes;
+  };
+  for (;;) {
+    const int before = changesNow();
+    const bool runs =
+        !NSRunningApplication::runningApplicationsWithBundleIdentifier(mainAppBundleIdentifier)
+             .empty();
+    if (runs) {
+      const auto endpoint = askForMainApp();
+      if (!endpoint) return complain(whyNoAgent());
+      const auto answer = *endpoint ? fetchMeetings(connectTo(*endpoint)) : std::nullopt;
+      if (answer) return show(*answer);
+    }
+    std::unique_lock lock(mutex);
+    const auto isChanged = [&] { return changes != before; };
+    // One that runs and is not found will be in a moment: it registers again after the agent, or
+    // another main application, has ended.
+    if (runs) {
+      changed.wait_for(lock, std::chrono::milliseconds(100), isChanged);
+    } else {
+      changed.wait(lock, isChanged);
+    }
   }
-  return "";
 }
 
-// Carries a command out and shows each state that it reaches.
+// Why the opener's work was not done, and what can be done without it.
+std::string whyNotOpened(const std::string& instead) {
+  const std::string missing = missingOpener();
+  return (missing.empty() ? "the desktop's opener failed, as without a desktop or program for it"
+                          : missing) +
+         "; " + instead + ".";
+}
+
+std::string pageInstead(std::string_view address) {
+  return whyNotOpened("the address is " + std::string(address));
+}
+
+std::string mailInstead() {
+  return whyNotOpened("the address is " + std::string(Addresses::supportMail));
+}
+
+std::string logInstead() {
+  const auto log = writeLogForSupport();
+  if (log) {
+    return whyNotOpened("attach " + *log + " to a mail to " + std::string(Addresses::supportMail));
+  }
+  return "there is no log to send: the journal holds no line that the product's applications wrote "
+         "in the last day, or the file for it, gantrel/log.txt in the folder for states, cannot be "
+         "written.";
+}
+
+// Carries a command out, and says how it goes and what came of it. `instead` is the reason, and
+// what to do, if nothing did.
 template <class Command>
-int carryOut() {
+int carryOut(const std::string& what, const std::function<std::string()>& instead) {
   Command command;
-  command.setStateUpdated(std::make_shared<const std::function<void(CommandState)>>(
-      [](CommandState state) { say(nameOf(state)); }));
+  if constexpr (std::is_base_of_v<StateUpdatableCommandProtocol, Command>) {
+    command.setStateUpdated(
+        std::make_shared<const std::function<void(CommandState)>>([&](CommandState state) {
+          if (state == CommandState::executing) say("opening " + what);
+        }));
+  }
   ExecutableCommandProtocol& executable = command;
-  executable.execute();
-  return command.state() == CommandState::finished ? 0 : 1;
+  if (!executable.execute()) return complain(what + " could not be opened: " + instead());
+  say("opened " + what);
+  return 0;
 }
 
 int showVersion() {
   const auto version = appVersion(NSBundle::mainBundle());
-  if (!version) return fail("the application's Info.plist tells no version.");
+  if (!version) return complain("the application's Info.plist tells no version.");
   say(version->utf8());
+  return 0;
+}
+
+int showHelp() {
+  sayText(help);
   return 0;
 }
 
@@ -178,57 +252,99 @@ int send(const std::function<void(Communication&)>& message, const std::string& 
   const auto connection = connectToMainApp();
   if (!connection) return 1;
   message(*connection->remoteObjectProxy<Communication>());
-  if (!fetchMeetings(connection)) return 1;
+  if (!fetchMeetings(connection)) return complainOfNoAnswer();
   say(done);
   return 0;
+}
+
+// What is asked for: an action that gives the exit status, and whether it is done as a running
+// menu-bar application, for whoever watches.
+struct Asked {
+  std::function<int()> action;
+  bool isRunning = true;
+};
+
+Asked refuse(const std::string& sentence) {
+  complain(sentence);
+  return {};
+}
+
+// Without an action when it is not to be understood, which has been said then.
+Asked understand(const std::string& command, const std::vector<std::string>& arguments) {
+  const bool isAlone = arguments.empty();
+  if (command == "open") {
+    if (arguments.size() != 1) return refuse("open takes the ID of one meeting.");
+    const auto identifier = Text::fromUtf8(arguments[0]);
+    if (!identifier) return refuse("a meeting's ID is text in UTF-8.");
+    return {[=] {
+      return send([&](Communication& mainApp) { mainApp.openMeetingWithId(*identifier); },
+                  "asked the main application to open meeting " + identifier->utf8());
+    }};
+  }
+  if (command == "syncing") {
+    if (arguments.size() != 1 || (arguments[0] != "on" && arguments[0] != "off")) {
+      return refuse("syncing takes on or off.");
+    }
+    return {[on = arguments[0] == "on"] {
+      return send(
+          [&](Communication& mainApp) {
+            on ? mainApp.displaySyncing() : mainApp.displayNotSyncing();
+          },
+          std::string("told the main application that synchronisation is ") + (on ? "on" : "off"));
+    }};
+  }
+  if (command == "upcoming" && !isAlone) {
+    if (arguments != std::vector<std::string>{"--wait"}) {
+      return refuse("upcoming takes nothing but --wait.");
+    }
+    return {waitAndShowUpcoming};
+  }
+  const std::map<std::string, Asked> simple = {
+      {"--help", {showHelp, false}},
+      {"-h", {showHelp, false}},
+      {"--version", {showVersion, false}},
+      {"upcoming", {showUpcoming}},
+      {"watch", {watch}},
+      {"new", {[] {
+         return send([](Communication& mainApp) { mainApp.createNewMeeting(); },
+                     "asked the main application to create a meeting");
+       }}},
+      {"help-centre", {[] {
+         return carryOut<OpenHelpCenterCommand>("the help centre",
+                                                [] { return pageInstead(Addresses::helpCenter); });
+       }}},
+      {"feedback", {[] {
+         return carryOut<FeedbackAndSupportCommand>("the page for feedback and support", [] {
+           return pageInstead(Addresses::feedbackAndSupport);
+         });
+       }}},
+      {"support", {[] { return carryOut<SupportCommand>("a mail to support", mailInstead); }}},
+      {"send-logs", {[] {
+         return carryOut<SendLogsToSupportCommand>("a mail to support with the log", logInstead);
+       }}},
+  };
+  const auto known = simple.find(command);
+  if (known == simple.end()) {
+    return refuse("it does not know that command; MenuApp --help shows those it knows.");
+  }
+  return isAlone ? known->second : refuse(command + " takes no argument.");
 }
 
 }  // namespace
 
 int main(int argumentCount, char** argumentVector) {
-  const std::vector<std::string> arguments(argumentVector + 1, argumentVector + argumentCount);
+  openStandardStreams();
+  std::vector<std::string> arguments(argumentVector + 1, argumentVector + argumentCount);
+  if (arguments.empty()) arguments = {"--help"};
+  const std::string command = arguments.front();
+  arguments.erase(arguments.begin());
+  const Asked asked = understand(command, arguments);
+  if (!asked.action) return 1;
+
   const std::string problem = problemWithOwnBundle();
-  if (!problem.empty()) return fail(problem);
-
-  const std::string command = arguments.empty() ? "--help" : arguments[0];
-  const std::size_t count = arguments.size();
-  if (command == "--help" && count <= 1) {
-    std::fputs(help, stdout);
-    return 0;
+  if (!problem.empty()) return complain(problem);
+  if (asked.isRunning && !NSRunningApplication::currentApplication()) {
+    return complain(whyNotRunning());
   }
-  if (command == "--version" && count == 1) return showVersion();
-
-  // From here on this is a running menu-bar application, for whoever watches.
-  if (!NSRunningApplication::currentApplication()) return fail(whyNoAgent());
-  if (command == "upcoming" && count == 1) return showUpcoming();
-  if (command == "upcoming" && count == 2 && arguments[1] == "--wait") {
-    return waitForMainApp() ? showUpcoming() : fail(whyNoAgent());
-  }
-  if (command == "watch" && count == 1) return watch();
-  if (command == "feedback" && count == 1) return carryOut<FeedbackAndSupportCommand>();
-  if (command == "support" && count == 1) return carryOut<SupportCommand>();
-  if (command == "send-logs" && count == 1) return carryOut<SendLogsToSupportCommand>();
-  if (command == "help-centre" && count == 1) {
-    OpenHelpCenterCommand().execute();
-    return 0;
-  }
-  if (command == "open" && count == 2) {
-    const auto identifier = Text::fromUtf8(arguments[1]);
-    if (!identifier) return fail("a meeting's identifier is text in UTF-8.");
-    return send([&](Communication& mainApp) { mainApp.openMeetingWithId(*identifier); },
-                "asked the main application to open meeting " + arguments[1]);
-  }
-  if (command == "new" && count == 1) {
-    return send([](Communication& mainApp) { mainApp.createNewMeeting(); },
-                "asked the main application to create a meeting");
-  }
-  if (command == "syncing" && count == 2 && (arguments[1] == "on" || arguments[1] == "off")) {
-    const bool on = arguments[1] == "on";
-    return send(
-        [&](Communication& mainApp) {
-          on ? mainApp.displaySyncing() : mainApp.displayNotSyncing();
-        },
-        "told the main application that synchronisation is " + arguments[1]);
-  }
-  return fail("it does not know that command; MenuApp --help shows those it knows.");
+  return asked.action();
 }

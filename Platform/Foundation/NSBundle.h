@@ -25,6 +25,9 @@ class NSBundle {
   // The same for another executable, given by its path.
   static NSBundle bundleOfExecutable(const std::string& path);
 
+  // The folder X.app; empty when there is none.
+  const std::string& bundlePath() const { return path_; }
+
   // None when Info.plist is missing, broken, or anything but a dictionary.
   std::optional<Dictionary> infoDictionary() const;
 

@@ -1,20 +1,38 @@
 #include "Platform/Runtime/StandardStreams.h"
 
 #include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
 #include <unistd.h>
 
+#include <cerrno>
+
+#include "Platform/Runtime/BackgroundThread.h"
 #include "Platform/Runtime/Stop.h"
 
 namespace Platform {
 
 void openStandardStreams() {
-  int opened;
-  // The lowest free number each time.
-  do {
-    opened = ::open("/dev/null", O_RDWR);
-  } while (opened >= 0 && opened <= STDERR_FILENO);
-  if (opened < 0) stopProcess(ExitStatus::software);
-  ::close(opened);
+  for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    if (::fcntl(stream, F_GETFD) >= 0) continue;
+    // The lowest free number is the one that is taken.
+    const int opened = ::open("/dev/null", stream == STDOUT_FILENO ? O_RDONLY : O_RDWR);
+    if (opened < 0) stopProcess(ExitStatus::software);
+  }
+}
+
+void endWhenNobodyReads() {
+  startBackgroundThread("gantrel-reader", [] {
+    // Errors and the end of a connection are told unasked.
+    pollfd output{STDOUT_FILENO, 0, 0};
+    int told;
+    do {
+      told = ::poll(&output, 1, -1);
+    } while (told < 0 && errno == EINTR);
+    if (told <= 0) return;
+    ::kill(::getpid(), SIGPIPE);
+    ::_exit(1);
+  });
 }
 
 }  // namespace Platform

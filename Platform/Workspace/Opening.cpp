@@ -145,7 +145,7 @@ bool openMail(const Mail& mail) {
 std::string missingOpener() {
   for (const char* const opener : {addressOpener, mailOpener}) {
     if (!isOnPath(opener)) {
-      return std::string(opener) + " is not installed: it comes with the package xdg-utils";
+      return std::string(opener) + " is not installed (package xdg-utils)";
     }
   }
   return {};

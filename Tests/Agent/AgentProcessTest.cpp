@@ -7,6 +7,7 @@
 #include "Platform/XPC/Socket.h"
 #include "Shared/Communication.h"
 #include "Tests/Support/AgentTest.h"
+#include "Tests/Support/StandInOpeners.h"
 
 namespace Gantrel_Sync_Helper {
 namespace {
@@ -18,6 +19,7 @@ using TestSupport::executableOf;
 
 const std::string theAgent = executableOf("GantrelAgent");
 const std::string mainApp = executableOf("MainApp");
+const std::string menuApp = executableOf("MenuApp");
 const std::string meetingsFile = GANTREL_SOURCE_DIR "/Examples/MainApp/Meetings.plist";
 
 // A program's exit status, and what it wrote to its standard output and standard error.
@@ -167,29 +169,79 @@ TEST_F(Agents, LeaveNobodyWaitingWhenTheyGo) {
   EXPECT_EQ(handler->retrieveEndpoint("a"_text), std::nullopt);
 }
 
+// One sentence about it, and an exit status that tells.
+void expectComplaint(const std::vector<std::string>& command, const std::string& about,
+                     const std::vector<std::string>& environment = {}) {
+  const auto [status, output, errors] = run(command, environment);
+  EXPECT_EQ(std::tuple(status, output), std::tuple(1, "")) << errors;
+  EXPECT_TRUE(isOneLine(errors) && errors.find(about) != std::string::npos) << errors;
+}
+
 TEST_F(Agents, AreExplainedToPeopleByTheExamples) {
-  const std::string menuApp = executableOf("MenuApp");
-  const auto complains = [&](const std::vector<std::string>& command, const std::string& about,
-                             const std::vector<std::string>& environment = {}) {
-    const auto [status, output, errors] = run(command, environment);
-    EXPECT_EQ(std::tuple(status, output), std::tuple(1, "")) << errors;
-    EXPECT_TRUE(isOneLine(errors) && errors.find(about) != std::string::npos) << errors;
-  };
-  complains({menuApp, "upcoming"}, "the agent is not running");
-  complains({mainApp, GANTREL_BUILD_DIR "/MainApp.app/Contents/Info.plist"},
-            "not a list of meetings");
-  complains({menuApp, "open", "\xff"}, "UTF-8");
-  complains({menuApp, "new"}, "/nowhere\\x1b", {"XDG_RUNTIME_DIR=/nowhere\x1b[31m"});
+  expectComplaint({mainApp, GANTREL_BUILD_DIR "/MainApp.app/Contents/Info.plist"},
+                  "not a list of meetings");
+  expectComplaint({menuApp, "open", "\xff"}, "UTF-8");
+  expectComplaint({menuApp, "open"}, "takes the ID");
+  expectComplaint({menuApp, "syncing", "maybe"}, "takes on or off");
+  expectComplaint({menuApp, "upcomming"}, "does not know");
+  EXPECT_TRUE(std::filesystem::is_empty(directory.path())) << "ran as an application";
+  EXPECT_NE(std::get<1>(run({mainApp, "--help"})).find("MEETINGS"), std::string::npos);
+  expectComplaint({menuApp, "upcoming"}, "not running: systemctl --user start");
+  expectComplaint({menuApp, "new"}, "/nowhere\\x1b", {"XDG_RUNTIME_DIR=/nowhere\x1b[31m"});
   const std::filesystem::path open = directory.path() + "/open";
   std::filesystem::create_directory(open);
   std::filesystem::permissions(open, std::filesystem::perms(0755));
-  complains({menuApp, "new"}, "open to other users", {"XDG_RUNTIME_DIR=" + open.string()});
+  expectComplaint({menuApp, "new"}, "open to other users", {"XDG_RUNTIME_DIR=" + open.string()});
+
   ChildProcess agent = startAgent();
-  complains({menuApp, "upcoming"}, "the main application is not running");
-  ChildProcess application({mainApp, meetingsFile});
-  ASSERT_TRUE(application.readLine());
+  expectComplaint({menuApp, "upcoming"}, "the main application is not running");
+  if (!TestSupport::isSanitized) {  // a sanitizer takes descriptors to look at memory
+    expectComplaint({"bash", "-c", "exec 3>&- 4>&-; ulimit -n 5; exec \"$0\" watch", menuApp},
+                    "inotify");
+  }
+  const std::filesystem::path applications = directory.path() + "/gantrel/applications";
+  std::filesystem::permissions(applications, std::filesystem::perms(0755));
+  expectComplaint({menuApp, "upcoming"}, "chmod 700 " + applications.string());
+}
+
+TEST_F(Agents, LeadToAMainApplicationAlsoWhenTheLastToRegisterHasEnded) {
+  ChildProcess agent = startAgent();
+  ChildProcess first({mainApp, meetingsFile});
+  ASSERT_TRUE(first.readLine());
+  ChildProcess second({mainApp, meetingsFile});
+  ASSERT_TRUE(second.readLine());
   EXPECT_EQ(std::get<0>(run({menuApp, "new"})), 0);
-  EXPECT_NE(std::get<1>(run({menuApp, "upcoming"})).find("New meeting"), std::string::npos);
+  EXPECT_EQ(second.readLine(), "creates meeting new-1");
+  second.signal(SIGKILL);
+  second.wait();
+  const auto [status, output, errors] = run({menuApp, "upcoming", "--wait"});
+  EXPECT_EQ(std::tuple(status, errors), std::tuple(0, ""));
+  EXPECT_NE(output.find(" (2035)  Weekly planning (weekly)\n"), std::string::npos) << output;
+}
+
+TEST_F(Agents, HaveExamplesThatEndWhenNobodyCanReadThem) {
+  ChildProcess agent = startAgent();
+  for (const char* const line : {"\"$0\" --help", "\"$0\" watch", "\"$1\" \"$2\"", "\"$1\" -h"}) {
+    for (const char* const nowhere : {" >/dev/full", " >&-"}) {
+      expectComplaint({"bash", "-c", std::string(line) + nowhere, menuApp, mainApp, meetingsFile},
+                      "cannot be written");
+    }
+  }
+  EXPECT_EQ(run({"bash", "-c", "set -o pipefail; \"$0\" watch | head -1", menuApp}),
+            std::tuple(128 + SIGPIPE, "running: 0 main, 1 menu-bar\n", ""));
+}
+
+TEST(Examples, SayWhatCameOfOpeningSomething) {
+  TestSupport::StandInOpeners openers;
+  expectComplaint({menuApp, "help-centre"}, "not installed");
+  openers.add("xdg-open", "");
+  EXPECT_EQ(run({menuApp, "help-centre"}), std::tuple(0, "opened the help centre\n", ""));
+  openers.add("xdg-open", "exit 3");
+  openers.add("xdg-email", "exit 3");
+  expectComplaint({menuApp, "help-centre"}, "failed");
+  const auto [status, output, errors] = run({menuApp, "support"});
+  EXPECT_EQ(std::tuple(status, output), std::tuple(1, "opening a mail to support\n"));
+  EXPECT_TRUE(isOneLine(errors) && errors.find("support@") != std::string::npos) << errors;
 }
 
 }  // namespace
