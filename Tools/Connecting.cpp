@@ -7,9 +7,10 @@
 #include <unistd.h>
 
 #include <array>
-#include <atomic>
 #include <cerrno>
 #include <cstddef>
+#include <future>
+#include <iterator>
 #include <span>
 #include <thread>
 #include <utility>
@@ -49,10 +50,13 @@ ssize_t put(int to, std::span<const std::byte> bytes) {
   return count < 0 && errno == ENOTSOCK ? ::write(to, bytes.data(), bytes.size()) : count;
 }
 
-// Copies until the input ends, or either side fails.
-Relayed relay(int from, int to) {
+// Copies until the input ends, or either side fails; while there is no input, until `peer` ends.
+Relayed relay(int from, int to, int peer = -1) {
   std::vector<std::byte> buffer(256 << 10);
   for (;;) {
+    pollfd events[] = {{from, POLLIN, 0}, {peer, 0, 0}};
+    if (::poll(events, std::size(events), -1) < 0) continue;
+    if (events[0].revents == 0) return Relayed::all;
     const ssize_t count = ::read(from, buffer.data(), buffer.size());
     if (count == 0) return Relayed::all;
     if (count < 0 && errno == EINTR) continue;
@@ -66,21 +70,24 @@ Relayed relay(int from, int to) {
   }
 }
 
+// Sends what there is, and then the sign that this was all. False when the peer did not take it.
+bool sendFrom(int input, int peer) {
+  const bool isSent = relay(input, peer, peer) != Relayed::writtenInPart;
+  ::shutdown(peer, SHUT_WR);
+  return isSent;
+}
+
 Status connectStandard(int peer) {
-  static std::atomic<bool> hasWrittenAll = true;
-  std::thread([peer] {
-    hasWrittenAll = relay(STDIN_FILENO, peer) != Relayed::writtenInPart;
-    ::shutdown(peer, SHUT_WR);
-  }).detach();
+  auto isSent = std::async(std::launch::async, sendFrom, STDIN_FILENO, peer);
   const Relayed answered = relay(peer, STDOUT_FILENO);
+  if (answered == Relayed::writtenInPart) ::shutdown(peer, SHUT_RDWR);
+  // The peer may still read when it has nothing more to say.
+  const bool isTaken = isSent.get() && answered != Relayed::readInPart;
+  int error = 0;
+  socklen_t size = sizeof error;
+  ::getsockopt(peer, SOL_SOCKET, SO_ERROR, &error, &size);
   if (answered == Relayed::writtenInPart) fail(Status::ended, "standard output is closed.");
-  // A peer that has shut its own side only may still read.
-  pollfd end{peer, 0, 0};
-  while (answered == Relayed::all && ::poll(&end, 1, -1) < 0 && errno == EINTR) {
-  }
-  if (answered == Relayed::all && (end.revents & POLLERR) == 0 && hasWrittenAll) {
-    return Status::done;
-  }
+  if (isTaken && error == 0) return Status::done;
   fail(Status::ended, "the other side ended before it had read everything.");
 }
 
@@ -93,9 +100,8 @@ Status connectProgram(const std::vector<std::string>& command, UniqueFd peer) {
   const pid_t program = start(command, peer.get(), input.get(), Group::same);
   if (program == 0) return Status::cannotRun;
   input.reset();
-  relay(output.get(), peer.get());
+  sendFrom(output.get(), peer.get());
   output.reset();  // a program that still writes, to a peer that has gone, learns of it
-  ::shutdown(peer.get(), SHUT_WR);
   int status = 0;
   while (::waitpid(program, &status, 0) < 0 && errno == EINTR) {
   }
@@ -109,9 +115,7 @@ Status connect(const Options& options, const Text& identifier,
                const std::vector<std::string>& command) {
   if (!command.empty()) requireProgram(command[0]);
   UniqueFd peer = connectedTo(identifier, options.patience());
-  // Its last use may be after this thread's, so it ends with the process.
-  if (command.empty()) return connectStandard(peer.release());
-  return connectProgram(command, std::move(peer));
+  return command.empty() ? connectStandard(peer.get()) : connectProgram(command, std::move(peer));
 }
 
 }  // namespace Gantrel_Sync_Helper

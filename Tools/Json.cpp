@@ -4,9 +4,11 @@
 #include <unicode/utf8.h>
 
 #include <algorithm>
+#include <charconv>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
+#include <iterator>
 #include <nlohmann/json.hpp>
 #include <utility>
 
@@ -159,7 +161,9 @@ Json jsonFrom(const Value& value) {
 std::string textFromDate(NSDate date) {
   const double seconds = date.timeIntervalSince1970;
   char text[64];
-  std::snprintf(text, sizeof text, "@%.17g", seconds);
+  const auto number = std::to_chars(text + 1, std::end(text) - 1, seconds);
+  text[0] = '@';
+  *number.ptr = '\0';
   const double whole = std::floor(seconds);
   const double micros = std::round((seconds - whole) * micro);
   if (!(std::abs(seconds) < endOfTime) || whole + micros / micro != seconds) return text;

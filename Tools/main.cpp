@@ -103,7 +103,7 @@ int main(int count, char** arguments) {
   if (command->mostWords == any) words = chosen->remaining();
   if (words.size() < command->fewestWords || words.size() > command->mostWords) {
     fail(Status::usage,
-         "its usage is: gantrel " + chosen->get_name() + " [OPTIONS] " + command->words);
+         "its usage is: gantrel " + chosen->get_name() + " [OPTIONS] " + command->words + ".");
   }
   const auto identifier = typed(words.empty() ? "" : words[0], "the identifier");
   return static_cast<int>(command->run(options, identifier, words));
