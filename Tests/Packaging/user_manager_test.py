@@ -90,6 +90,16 @@ class InstalledUnits(unittest.TestCase):
         run("systemd-analyze", "--user", "security", "--offline=true", "--threshold=61",
             "/usr/lib/systemd/user/gantrel-agent.service", env=ENVIRONMENT)
         self.assertIn("Weekly planning", run(*AS_USER, "MenuApp", "upcoming", env=ENVIRONMENT))
+        # The command sees in the journal who is registered, and what happens next.
+        [journal_folder] = map(str, Path("/run/log/journal").iterdir())
+        self.assertRegex(
+            eventually(lambda: run(*AS_USER, "gantrel", "list", "--log", journal_folder, env=ENVIRONMENT)),
+            r"^(com\.\S+)\tserved\t\d+\tMainApp\t\1\n$")
+        clock = subprocess.Popen([*AS_USER, "gantrel", "wait", "clock", "--log", journal_folder], env=ENVIRONMENT)
+        self.addCleanup(clock.kill)
+        server = subprocess.Popen([*AS_USER, "gantrel", "serve", "clock", "date"], env=ENVIRONMENT)
+        self.addCleanup(server.kill)
+        self.assertEqual(clock.wait(PATIENCE), 0)
         os.kill(first, signal.SIGKILL)
         self.main_app_registers()
         second = eventually(agent)

@@ -19,8 +19,9 @@ EXAMPLES = os.environ["GANTREL_EXAMPLES"]  # the folder with MainApp.app
 SOURCE = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 MAIN_APP = "com.gantrel.Gantrel"
 FETCH = "fetchUpcomingMeetings:"
-REGISTRATION = ("2026-03-05T14:07:00.000000Z registerListenerEndpoint forIdentifier=%s (GantrelAgent/Agent:57 "
-                "registerListenerEndpoint(_:forIdentifier:completionHandler:))\n")
+REGISTERED = "registerListenerEndpoint(_:forIdentifier:completionHandler:)"
+REGISTRATION = "2026-03-05T14:07:00.000000Z registerListenerEndpoint forIdentifier=%s (GantrelAgent/Agent:57 " + \
+    REGISTERED + ")\n"
 
 
 class Gantrel(AgentTestCase):
@@ -85,6 +86,35 @@ class Gantrel(AgentTestCase):
         self.assertEqual(self.run_tool("find", "n0000")[:2], (2, "n0000\tgone\t-\t-\t-\n"))
         self.assertEqual([self.run_tool("remove", "n0000")[0] for _ in range(2)], [0, 1])
 
+    def test_learns_from_the_journal_what_this_users_agent_has_registered_since_it_last_started(self):
+        connection = Connection(self.path)
+        entries = []
+
+        def add(function, message, user=os.getuid(), program="GantrelAgent"):
+            entries.append(b"".join(f"{field}\n".encode() for field in (
+                f"__REALTIME_TIMESTAMP={1700000000000000 + len(entries)}", f"__MONOTONIC_TIMESTAMP={len(entries) + 1}",
+                "_BOOT_ID=0123456789abcdef0123456789abcdef", f"_UID={user}", f"_COMM={program}",
+                "CODE_FILE=GantrelAgent/Agent", f"CODE_FUNC={function}", "MESSAGE"))
+                + struct.pack("<Q", len(message)) + message + b"\n\n")
+
+        def add_registration(identifier, **fields):
+            self.assertTrue(self.register(connection, identifier.decode(errors="replace")))
+            add(REGISTERED, b"registerListenerEndpoint forIdentifier=" + identifier, **fields)
+
+        add_registration(b"before")
+        add("resume()", b"Agent resume")
+        for identifier in b"", b"a\0\n", b"twice", b"\xff", b"twice":
+            add_registration(identifier)
+        add("init(serviceName:)", b"Agent init of a second one")
+        add_registration(b"another's", user=os.getuid() + 1)
+        add_registration(b"forged", program="sh")
+        journal = os.path.join(self.folder, "journal")
+        os.mkdir(journal)
+        subprocess.run(["/lib/systemd/systemd-journal-remote", "--output", journal + "/x.journal", "-"],
+                       input=b"".join(entries), check=True, capture_output=True)
+        rows = self.run_tool("list", "--log", journal)[1].splitlines()
+        self.assertEqual([row.split("\t")[0] for row in rows], ["\\u{}", "a\\x00\\x0a", "twice"])
+
     def test_says_in_one_sentence_what_is_wrong_and_in_the_status_what_kind_it_is(self):
         main = self.start(os.path.join(SOURCE, "Examples/MainApp/Meetings.plist"),
                           program=os.path.join(EXAMPLES, "MainApp.app/Contents/Linux/MainApp"))
@@ -114,12 +144,16 @@ class Gantrel(AgentTestCase):
         ]:
             self.assert_fails(status, sentence, *arguments)
         main.send_signal(signal.SIGSTOP)
+        os.waitid(os.P_PID, main.pid, os.WSTOPPED)
         self.assert_fails(6, "in time", "call", "--timeout", "0.1", MAIN_APP, FETCH)
         self.assert_fails(6, "in time", "send", "--timeout", "0.1", MAIN_APP, "createNewMeeting")
-        caller = self.start("call", MAIN_APP, FETCH)
         main.kill()
-        self.assertEqual(caller.wait(PATIENCE), 5)
+        main.wait()
         self.assert_fails(2, "gone", "call", MAIN_APP, FETCH)
+        self.register(Connection(self.path), "own")
+        caller = self.start("call", "own", FETCH)
+        self.listener.accept()[0].recv(1)
+        self.assertEqual(caller.wait(PATIENCE), 5)
         self.agent.kill()
         self.agent.wait()
         self.assert_fails(3, "not running", "call", MAIN_APP, FETCH)
