@@ -12,7 +12,7 @@ import sys
 import unittest
 from pathlib import Path
 
-from staged import STAGE, eventually, run, socket_path
+from staged import PATIENCE, STAGE, eventually, run, socket_path
 
 SKIPPED = 77  # as told to ctest
 USER = 47110  # nobody's

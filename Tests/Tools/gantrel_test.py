@@ -5,11 +5,12 @@ import os
 import pty
 import select
 import signal
+import socket
+import struct
 import subprocess
 import threading
 import time
 import unittest
-from unittest import mock
 
 import gantrel
 from agent_test_case import *
@@ -27,7 +28,12 @@ REGISTRATION = "2026-03-05T14:07:00.000000Z registerListenerEndpoint forIdentifi
 class Gantrel(AgentTestCase):
     def setUp(self):
         super().setUp()
-        self.enterContext(mock.patch.dict(os.environ, XDG_RUNTIME_DIR=self.folder))
+        name = os.path.join(self.folder, "raw")
+        self.socket = self.enterContext(socket.socket(socket.AF_UNIX))
+        self.socket.bind(name)
+        self.endpoint = os.open(name, os.O_PATH | os.O_CLOEXEC)
+        self.addCleanup(os.close, self.endpoint)
+        self.socket.listen()
         self.log = os.path.join(self.folder, "log")
         with open(self.log, "ab") as log:
             self.start_agent(stderr=log)
@@ -58,7 +64,6 @@ class Gantrel(AgentTestCase):
         names = [f"n{i:04}" for i in range(997)] + ["", "\0\t\x1b[31m\\", "cafe\u0301"]
         for name in names:
             self.assertTrue(self.register(connection, name))
-        gone, self.endpoint = self.endpoint, os.dup(self.endpoint)
         self.assertTrue(eventually(lambda: "cafe\u0301" in open(self.log, encoding="utf-8").read()))
         with open(self.log, "ab") as log:  # what is damaged is passed over
             log.write(b"\xff\xfe (GantrelAgent/Agent:57 x)\n" + (REGISTRATION % "a\\xff").encode() + b"unfinished")
@@ -74,15 +79,15 @@ class Gantrel(AgentTestCase):
         listed = json.loads(self.run_tool("list", "--json", "--log", self.log)[1])
         self.assertEqual({entry["identifier"] for entry in listed}, set(names))
         # Looking has not connected: nobody waits to be accepted. What is shown can be typed.
-        self.listener.setblocking(False)
-        self.assertRaises(BlockingIOError, self.listener.accept)
-        self.listener.listen(0)
-        waiting = [Connection(f"/proc/self/fd/{gone}")]
+        self.socket.setblocking(False)
+        self.assertRaises(BlockingIOError, self.socket.accept)
+        self.socket.listen(0)
+        waiting = [Connection(f"/proc/self/fd/{self.endpoint}")]
         for identifier in *shown, "caf\u00e9":
             self.assertEqual(self.run_tool("find", identifier)[:2],
                              (6, "\t".join([identifier, "not answering", str(os.getpid()), name, "-"]) + "\n"))
         del waiting
-        self.listener.close()
+        self.socket.close()
         self.assertEqual(self.run_tool("find", "n0000")[:2], (2, "n0000\tgone\t-\t-\t-\n"))
         self.assertEqual([self.run_tool("remove", "n0000")[0] for _ in range(2)], [0, 1])
 
@@ -152,7 +157,7 @@ class Gantrel(AgentTestCase):
         self.assert_fails(2, "gone", "call", MAIN_APP, FETCH)
         self.register(Connection(self.path), "own")
         caller = self.start("call", "own", FETCH)
-        self.listener.accept()[0].recv(1)
+        self.socket.accept()[0].recv(1)
         self.assertEqual(caller.wait(PATIENCE), 5)
         self.agent.kill()
         self.agent.wait()
