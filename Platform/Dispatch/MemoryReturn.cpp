@@ -20,7 +20,10 @@ constexpr int looksForEach = 4;
 
 }  // namespace
 
-MemoryReturn::MemoryReturn() : atRest_(residentBytes()) {}
+MemoryReturn::MemoryReturn() : atRest_(residentBytes()) {
+  // By default each worker has an arena of its own, and in each some block in use keeps pages.
+  ::mallopt(M_ARENA_MAX, 2);
+}
 
 void MemoryReturn::expect() {
   looks_ = looksForEach;

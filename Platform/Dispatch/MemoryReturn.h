@@ -18,7 +18,7 @@ namespace Platform {
 // Never destroyed. Any thread.
 class MemoryReturn {
  public:
-  // Takes the process's size of now for its size at rest.
+  // Takes the process's size of now for its size at rest. Before any other thread allocates.
   MemoryReturn();
 
   // Somebody has gone, so memory is about to be free.
