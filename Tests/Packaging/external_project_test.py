@@ -31,10 +31,11 @@ class ExternalProject(unittest.TestCase):
         # A block of code that begins with a file's name as a comment is that file.
         for name, code in re.findall(r"^```\w+\n((?:// |# )[\w.]+\n)(.*?)^```", page, re.M | re.S):
             (cls.folder / name.split()[1]).write_text(code)
-        console = re.search(r"^```console\n(.*?build/ask.*?)^```", page, re.M | re.S)[1]
-        cls.told = [line for line in console.splitlines() if not line.startswith("$")]
+        consoles = [re.search(rf"^```console\n([^`]*build/{name}.*?)^```", page, re.M | re.S)[1]
+                    for name in ("ask", "later")]
+        cls.told = [re.findall(r"^[^$].*", console, re.M) for console in consoles]
 
-    def assert_that_they_find_each_other(self, offer, ask):
+    def assert_that_they_find_each_other(self, offer, ask, *others):
         runtime_directory = self.enterContext(tempfile.TemporaryDirectory())
         environment = {**ENVIRONMENT, "XDG_RUNTIME_DIR": runtime_directory}
 
@@ -47,13 +48,14 @@ class ExternalProject(unittest.TestCase):
         start(PREFIX / "lib/gantrel/GantrelAgent.app/Contents/Linux/GantrelAgent")
         eventually(lambda: os.path.exists(socket_path(runtime_directory)))
         registered = start(*offer).stdout.readline()
-        self.assertEqual((registered + run(*ask, env=environment)).splitlines(), self.told)
+        told = registered + "".join(run(*command, env=environment) for command in (ask, *others))
+        self.assertEqual(told.splitlines(), sum(self.told[:1 + len(others)], []))
 
     def test_builds_with_find_package(self):
         build = self.folder / "build"
         run("cmake", "-G", "Ninja", "-S", self.folder, "-B", build, f"-DCMAKE_PREFIX_PATH={PREFIX}")
         run("cmake", "--build", build)
-        self.assert_that_they_find_each_other([build / "offer"], [build / "ask"])
+        self.assert_that_they_find_each_other([build / "offer"], [build / "ask"], [build / "later"])
 
     def test_builds_with_pkg_config_and_speaks_with_python(self):
         for name in "offer", "ask":
