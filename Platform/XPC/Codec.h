@@ -220,8 +220,8 @@ RequireWireType<T> requireTypeOf(T Structure::*);
 
 }  // namespace Detail
 
-// The types that an interface may use. To add one, add its pair here. What has none is not turned
-// into what has one.
+// The types that an interface may use. To add one, add its pair here; an application's own has its
+// pair beside it, in its own namespace. What has none is not turned into what has one.
 template <class T>
 void encode(Encoder& encoder, const T& value) = delete;
 void encode(Encoder& encoder, bool boolean);

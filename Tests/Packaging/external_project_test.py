@@ -1,4 +1,4 @@
-"""A project of somebody else's, the one of Documentation/quickstart.md, against an installed copy."""
+"""A project of somebody else's, the one of Documentation/quickstart.md and README.md, against an installed copy."""
 
 import concurrent.futures
 import itertools
@@ -24,7 +24,7 @@ def flags(what):
 class ExternalProject(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
-        page = (SOURCE / "Documentation/quickstart.md").read_text()
+        page = "".join((SOURCE / name).read_text() for name in ("Documentation/quickstart.md", "README.md"))
         folder = tempfile.TemporaryDirectory()
         cls.addClassCleanup(folder.cleanup)
         cls.folder = Path(folder.name)
@@ -58,12 +58,13 @@ class ExternalProject(unittest.TestCase):
         self.assert_that_they_find_each_other([build / "offer"], [build / "ask"], [build / "later"])
 
     def test_builds_with_pkg_config_and_speaks_with_python(self):
-        for name in "offer", "ask":
+        for name in "offer", "ask", "hello":
             run("g++", "-std=c++20", f"{name}.cpp", "-o", name, *flags("--cflags"), *flags("--libs"),
                 cwd=self.folder)
         commands = [[[self.folder / name], [sys.executable, self.folder / f"{name}.py"]] for name in ("offer", "ask")]
-        for offer, ask in itertools.product(*commands):
+        for offer, ask in [*itertools.product(*commands), ([self.folder / "hello", "offer"], [self.folder / "hello"])]:
             self.assert_that_they_find_each_other(offer, ask)
+        run("g++", "-std=c++20", "-fsyntax-only", "-include", "Meeting.h", "-x", "c++", os.devnull, *flags("--cflags"), cwd=self.folder)
 
     def test_has_types_in_python_that_a_strict_checker_accepts(self):
         for checked in [PYTHON / "gantrel"], [self.folder / "offer.py", self.folder / "ask.py"]:
