@@ -35,6 +35,7 @@ std::optional<Connection::Error> Connection::waitForCall(std::uint64_t serial, O
   const auto end = limit ? Clock::now() + *limit : Clock::time_point::max();
   {
     const WorkerPool::BlockingRegion region;
+    if (!region) return Error::refused;
     Lock lock(mutex_);
     if (const auto error = submit(std::move(frame), Kind::call)) return error;
     calls_.add(call);

@@ -10,7 +10,7 @@ enum class NSXPCConnectionError {
   interrupted,   // the service is not there, or went away before it answered
   invalid,       // the connection is over, or was never resumed
   refused,       // the peer knows no such message, did not like its arguments, or dropped the reply
-                 // block
+                 // block; or so many handlers wait in this process that no thread is left
   replyInvalid,  // the answer is not of the interface's types, or an endpoint of it did not arrive
   timedOut,      // no answer came within the time limit; one that comes later is dropped
 };
