@@ -26,7 +26,7 @@ class PeerShare {
 
  private:
   static constexpr std::size_t most = 16 << 10;       // bytes
-  static constexpr std::size_t requestLoad = 1 << 7;  // bytes, more or less
+  static constexpr std::size_t requestLoad = 1 << 6;  // bytes, more or less
 
   std::size_t load(std::size_t unread) const { return unread + underWay_ * requestLoad; }
 
