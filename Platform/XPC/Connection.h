@@ -135,6 +135,7 @@ class Connection final : public ReadinessHandler,
   void endLink(Ending ending);
   void endAll(Error error, bool isFinal);
   void endCalls(Error error, std::function<void()> then);
+  void deliverInbox(Lock& lock);
   void endIfAllIsAnswered();
   std::shared_ptr<void> endDraining();
   bool isLink(std::uint64_t number) const { return link_ && link_->origin().link == number; }

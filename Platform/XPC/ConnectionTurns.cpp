@@ -137,22 +137,19 @@ void Connection::scheduleTurnAfter(std::chrono::milliseconds delay, bool Turn::*
 void Connection::turn() {
   bool hasRead = false;
   std::shared_ptr<void> kept;  // released after the lock
-  {
-    Lock lock(mutex_);
-    turn_.isScheduled = false;
-    turn_.isRunning = true;
-    flush();
-    const bool mayLinger = std::exchange(turn_.mayLinger, false);
-    if (link_ && phase_ == Phase::open) {
-      hasRead =
-          std::exchange(turn_.mayRead, false) ? read(lock, Wait::no) : mayLinger && linger(lock);
-      turn_.mayLinger = hasRead && !inbox_.waiting.empty();
-    } else if (link_ && phase_ == Phase::draining) {
-      kept = endDraining();
-    }
+  Lock lock(mutex_);
+  turn_.isScheduled = false;
+  turn_.isRunning = true;
+  flush();
+  const bool mayLinger = std::exchange(turn_.mayLinger, false);
+  if (link_ && phase_ == Phase::open) {
+    hasRead =
+        std::exchange(turn_.mayRead, false) ? read(lock, Wait::no) : mayLinger && linger(lock);
+    turn_.mayLinger = hasRead && !inbox_.waiting.empty();
+  } else if (link_ && phase_ == Phase::draining) {
+    kept = endDraining();
   }
-  deliverInbox();
-  const Lock lock(mutex_);
+  deliverInbox(lock);
   turn_.isRunning = false;
   endIfAllIsAnswered();
   goOnIfRoom();
@@ -253,17 +250,21 @@ void Connection::inputHasEnded(bool peerMayRead) {
 // Delivering
 
 void Connection::deliverInbox() {
+  Lock lock(mutex_);
+  deliverInbox(lock);
+}
+
+void Connection::deliverInbox(Lock& lock) {
   ClosingTogether dropped;
-  for (bool goesOn = true; goesOn;) {
-    std::vector<Incoming>& delivering = inbox_.delivering;
-    {
-      const Lock lock(mutex_);
-      if (inbox_.waiting.empty()) return;
-      delivering.swap(inbox_.waiting);
-    }
+  std::vector<Incoming>& delivering = inbox_.delivering;
+  for (bool goesOn = true; goesOn && !inbox_.waiting.empty();) {
+    delivering.swap(inbox_.waiting);
+    lock.unlock();
     goesOn = std::ranges::all_of(delivering,
                                  [this](Incoming& incoming) { return deliverOrEnd(incoming); });
     delivering.clear();
+    ClosingTogether::closeNow();
+    lock.lock();
   }
 }
 

@@ -20,7 +20,9 @@ class ForeignDescriptors {
   ForeignDescriptors() = default;
   ForeignDescriptors(ForeignDescriptors&& other) noexcept;
   ForeignDescriptors& operator=(ForeignDescriptors&& other) noexcept;
-  ~ForeignDescriptors() { close({}); }
+  ~ForeignDescriptors() {
+    if (!descriptors_.empty()) close({});
+  }
 
   void add(UniqueFd descriptor);
   void add(ForeignDescriptors others);

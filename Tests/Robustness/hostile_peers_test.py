@@ -244,11 +244,11 @@ class HostilePeers(AgentTestCase):
         self.assertLess(open_descriptors(self.agent), most / 4 + 16 * 253)
 
     def test_ask_without_reading(self):
-        peers = [Connection(self.path) for _ in range(20)]
+        peers = [Connection(self.path) for _ in range(200)]
         request = frame([CALL, 1, RETRIEVE, ["no"]])
         for peer in peers:
             peer.socket.setblocking(False)
-        sent, since = 20 * [0], self.answers.value
+        sent, since = 200 * [0], self.answers.value
         # Until nothing goes while the bystander gets many answers: the agent has stopped reading.
         while self.answers.value < since + 1000:
             for number, peer in enumerate(peers):
