@@ -2,6 +2,7 @@
 
 import array
 import contextlib
+import errno
 import os
 import re
 import socket
@@ -56,12 +57,16 @@ class Connection(Channel):
 
     def send_raw(self, data, descriptors=()):
         """How many of the bytes went, and the descriptors with them; 0 when it would have to wait or the
-        agent has ended the connection."""
+        agent has ended the connection, None when the user has no room for more descriptors under way."""
         rights = [(socket.SOL_SOCKET, socket.SCM_RIGHTS, array.array("i", descriptors))]
         try:
             return self.socket.sendmsg([data], rights if descriptors else [])
         except (BlockingIOError, BrokenPipeError, ConnectionResetError):
             return 0
+        except OSError as error:
+            if error.errno != errno.ETOOMANYREFS:
+                raise
+            return None
 
     def receive(self):
         return super().receive(time.monotonic() + PATIENCE)
