@@ -164,13 +164,13 @@ std::string textFromDate(NSDate date) {
   const auto number = std::to_chars(text + 1, std::end(text) - 1, seconds);
   text[0] = '@';
   *number.ptr = '\0';
-  const double whole = std::floor(seconds);
-  const double micros = std::round((seconds - whole) * micro);
-  if (!(std::abs(seconds) < endOfTime) || whole + micros / micro != seconds) return text;
+  if (!(std::abs(seconds) < endOfTime)) return text;
+  const double rounded = std::round(seconds * micro);
+  const double whole = std::floor(rounded / micro);
   GDateTime* const second = g_date_time_new_from_unix_utc(static_cast<gint64>(whole));
   if (!second) return text;
   char* const day = g_date_time_format(second, "%Y-%m-%dT%H:%M:%S");
-  std::snprintf(text, sizeof text, "%s.%06d", day, static_cast<int>(micros));
+  std::snprintf(text, sizeof text, "%s.%06d", day, static_cast<int>(rounded - whole * micro));
   g_free(day);
   g_date_time_unref(second);
   std::string shortest = text;

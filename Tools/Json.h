@@ -15,8 +15,8 @@
 
 namespace Gantrel_Sync_Helper {
 
-// A date as ISO 8601 in UTC, to the microsecond; one that this does not give exactly, or that is
-// outside of the years 1 to 9999, as "@" and its seconds since 1970. Read with any offset.
+// A date as ISO 8601 in UTC, to the microsecond; one outside of the years 1 to 9999 as "@" and its
+// seconds since 1970. Read with any offset.
 std::string textFromDate(Platform::NSDate date);
 std::optional<Platform::NSDate> dateFromText(const std::string& text);
 
