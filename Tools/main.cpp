@@ -2,6 +2,7 @@
 
 #include <CLI/CLI.hpp>
 #include <functional>
+#include <limits>
 #include <string>
 #include <vector>
 
@@ -29,7 +30,7 @@ Words behind(std::ptrdiff_t count, const Words& words) {
   return {words.begin() + count, words.end()};
 }
 
-constexpr std::size_t any = -1;
+constexpr auto any = std::numeric_limits<std::size_t>::max();
 const Command commands[] = {
     {"list", "", 0, 0, "json log timeout", "list what is registered, and who serves it",
      [](auto& options, auto&, auto&) { return list(options); }},
