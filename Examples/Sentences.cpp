@@ -66,7 +66,7 @@ std::string whyNoAgent() {
     case ConnectOutcome::connected:
       break;
   }
-  return "the agent runs, but went away before it answered: try again.";
+  return "the agent is there, but gave no answer in time: try again.";
 }
 
 std::string whyNoListener() {

@@ -76,15 +76,16 @@ void EndPointHandler::removeEndpoint(const Text& identifier) {
 }
 
 std::optional<bool> EndPointHandler::registerEndpoint(const EndpointRef& endpoint,
-                                                      const Text& identifier) {
+                                                      const Text& identifier, TimeLimit limit) {
   return awaitReply<bool>(
-      [&](Reply<bool> reply) { registerEndpoint(endpoint, identifier, std::move(reply)); });
+      [&](Reply<bool> reply) { registerEndpoint(endpoint, identifier, std::move(reply)); }, limit);
 }
 
-std::optional<EndpointRef> EndPointHandler::retrieveEndpoint(const Text& identifier) {
+std::optional<EndpointRef> EndPointHandler::retrieveEndpoint(const Text& identifier,
+                                                             TimeLimit limit) {
   using Found = std::optional<EndpointRef>;
   const auto answer = awaitReply<Found>(
-      [&](Reply<Found> reply) { retrieveEndpoint(identifier, std::move(reply)); });
+      [&](Reply<Found> reply) { retrieveEndpoint(identifier, std::move(reply)); }, limit);
   return answer ? Found(answer->value_or(nullptr)) : std::nullopt;
 }
 

@@ -10,6 +10,7 @@
 // else has registered the identifier meanwhile. Destroying a handle sends nothing.
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <optional>
 
@@ -60,14 +61,17 @@ class EndPointHandler {
                         Platform::Reply<std::optional<Platform::EndpointRef>> reply);
   void removeEndpoint(const Platform::Text& identifier);
 
-  // The same, waiting for the answer on the calling thread, which may be any. None when there is no
-  // answer: the agent is not there, went away or refused, or there is no proxy. Any proxy must call
-  // the reply block or drop it. Also what was registered without an answer is registered when the
-  // agent is there again, until it is removed.
+  // The same, waiting for the answer on the calling thread, which may be any, for `limit` at most,
+  // or without end. None when there is no answer by then: the agent is not there, went away or
+  // refused, or there is no proxy. Any proxy must call the reply block or drop it. Also what was
+  // registered without an answer is registered when the agent is there again, until it is removed.
+  using TimeLimit = std::optional<std::chrono::milliseconds>;
   std::optional<bool> registerEndpoint(const Platform::EndpointRef& endpoint,
-                                       const Platform::Text& identifier);
+                                       const Platform::Text& identifier,
+                                       TimeLimit limit = std::nullopt);
   // The inner value is null when nothing is stored under the identifier.
-  std::optional<Platform::EndpointRef> retrieveEndpoint(const Platform::Text& identifier);
+  std::optional<Platform::EndpointRef> retrieveEndpoint(const Platform::Text& identifier,
+                                                        TimeLimit limit = std::nullopt);
 
  private:
   std::optional<Platform::Text> serviceName_;

@@ -53,11 +53,14 @@ constexpr const char* help =
     "  MenuApp --version       show the version\n"
     "  MenuApp --help, -h      show this\n";
 
+// How long to wait for another process before telling the user that it does not answer.
+constexpr std::chrono::seconds patience(5);
+
 // As the agent answers: none without an answer, null when no main application has registered.
 std::optional<EndpointRef> askForMainApp() {
   const auto agent = EndPointHandler::initWithServiceName(agentAppBundleIdentifier);
   agent->connect();
-  return agent->retrieveEndpoint(communicationIdentifier());
+  return agent->retrieveEndpoint(communicationIdentifier(), patience);
 }
 
 std::shared_ptr<NSXPCConnection> connectTo(const EndpointRef& endpoint) {
@@ -80,18 +83,28 @@ std::shared_ptr<NSXPCConnection> connectToMainApp() {
   return connectTo(*endpoint);
 }
 
-// What the main application answers when asked for its meetings; none when it does not. The answer
+// What the main application answers when asked for its meetings, or why it does not. The answer
 // also tells that every message sent before has arrived, since a connection's messages are
 // delivered in order.
-std::optional<Value> fetchMeetings(const std::shared_ptr<NSXPCConnection>& connection) {
-  std::optional<Value> answer;
-  connection->synchronousRemoteObjectProxyWithErrorHandler<Communication>({})
-      ->fetchUpcomingMeetings([&](Value value) { answer = std::move(value); });
-  return answer;
+struct Fetched {
+  std::optional<Value> meetings;
+  NSXPCConnectionError error = NSXPCConnectionError::invalid;
+};
+
+Fetched fetchMeetings(const std::shared_ptr<NSXPCConnection>& connection) {
+  Fetched fetched;
+  connection
+      ->synchronousRemoteObjectProxyWithErrorHandler<Communication>(
+          [&](NSXPCConnectionError error) { fetched.error = error; }, patience)
+      ->fetchUpcomingMeetings([&](Value value) { fetched.meetings = std::move(value); });
+  return fetched;
 }
 
-int complainOfNoAnswer() {
-  return complain("the main application that the agent knows has ended: it does not answer.");
+int complainOfNoAnswer(NSXPCConnectionError error) {
+  return complain(error == NSXPCConnectionError::timedOut
+                      ? "the main application runs, but has not answered for " +
+                            std::to_string(patience.count()) + " seconds."
+                      : "the main application that the agent knows has ended: it does not answer.");
 }
 
 Text yearOf(const NSDate& date) {
@@ -118,8 +131,8 @@ int show(const Value& answer) {
 int showUpcoming() {
   const auto connection = connectToMainApp();
   if (!connection) return 1;
-  const auto answer = fetchMeetings(connection);
-  return answer ? show(*answer) : complainOfNoAnswer();
+  const Fetched fetched = fetchMeetings(connection);
+  return fetched.meetings ? show(*fetched.meetings) : complainOfNoAnswer(fetched.error);
 }
 
 // Calls come on the observation's queue, one at a time.
@@ -178,8 +191,8 @@ int waitAndShowUpcoming() {
     if (runs) {
       const auto endpoint = askForMainApp();
       if (!endpoint) return complain(whyNoAgent());
-      const auto answer = *endpoint ? fetchMeetings(connectTo(*endpoint)) : std::nullopt;
-      if (answer) return show(*answer);
+      const Fetched fetched = *endpoint ? fetchMeetings(connectTo(*endpoint)) : Fetched{};
+      if (fetched.meetings) return show(*fetched.meetings);
     }
     std::unique_lock lock(mutex);
     const auto isChanged = [&] { return changes != before; };
@@ -252,7 +265,8 @@ int send(const std::function<void(Communication&)>& message, const std::string& 
   const auto connection = connectToMainApp();
   if (!connection) return 1;
   message(*connection->remoteObjectProxy<Communication>());
-  if (!fetchMeetings(connection)) return complainOfNoAnswer();
+  const Fetched fetched = fetchMeetings(connection);
+  if (!fetched.meetings) return complainOfNoAnswer(fetched.error);
   say(done);
   return 0;
 }

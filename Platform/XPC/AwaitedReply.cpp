@@ -5,18 +5,22 @@
 namespace Platform {
 namespace {
 
-thread_local bool waitsHere = false;
+thread_local const AwaitedReply::Scope* scopeHere = nullptr;
 
 }  // namespace
 
-AwaitedReply::Scope::Scope() : isInner_(std::exchange(waitsHere, true)) {}
+AwaitedReply::Scope::Scope(Limit limit) : outer_(std::exchange(scopeHere, this)), limit_(limit) {}
 
 AwaitedReply::Scope::~Scope() {
-  waitsHere = isInner_;
+  scopeHere = outer_;
 }
 
 bool AwaitedReply::isWaitingHere() {
-  return waitsHere;
+  return scopeHere != nullptr;
+}
+
+AwaitedReply::Limit AwaitedReply::limitHere() {
+  return scopeHere ? scopeHere->limit_ : std::nullopt;
 }
 
 bool AwaitedReply::begin() {
@@ -30,11 +34,13 @@ void AwaitedReply::end() {
   ended_.notify_one();
 }
 
-void AwaitedReply::wait() {
+void AwaitedReply::wait(Limit limit) {
   std::unique_lock lock(mutex_);
   if (isOver_) return;
   const WorkerPool::BlockingRegion waiting;
-  ended_.wait(lock, [this] { return isOver_; });
+  const auto isOver = [this] { return isOver_; };
+  if (limit && !ended_.wait_for(lock, *limit, isOver) && !std::exchange(hasBegun_, true)) return;
+  ended_.wait(lock, isOver);
 }
 
 }  // namespace Platform

@@ -8,6 +8,7 @@
 // that very connection.
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <memory>
 #include <mutex>
@@ -21,24 +22,30 @@ namespace Platform {
 // The waiting, without the answer's type.
 class AwaitedReply {
  public:
-  // While one lives, calls through proxies wait on this thread.
+  using Limit = std::optional<std::chrono::milliseconds>;  // none: without end
+
+  // While one lives, calls through proxies wait on this thread, each for `limit` at most.
   class Scope {
    public:
-    Scope();
+    explicit Scope(Limit limit);
     ~Scope();
     Scope(const Scope&) = delete;
     Scope& operator=(const Scope&) = delete;
 
    private:
-    const bool isInner_;
+    const Scope* const outer_;
+    const Limit limit_;
+    friend class AwaitedReply;
   };
   static bool isWaitingHere();
+  static Limit limitHere();  // none outside
 
   // True once: then the answer may be written, before `end`. Any thread.
   bool begin();
   void end();
-  // Returns after `end`. Any thread.
-  void wait();
+  // Returns after `end`, or when the limit is reached and nobody has begun; then nobody will. Any
+  // thread.
+  void wait(Limit limit);
 
  private:
   std::mutex mutex_;
@@ -48,9 +55,9 @@ class AwaitedReply {
   bool isOver_ = false;
 };
 
-// None when the reply block went without having been called.
+// None when the reply block went without having been called, or not within the limit.
 template <class Value, class Call>
-std::optional<Value> awaitReply(Call call) {
+std::optional<Value> awaitReply(Call call, AwaitedReply::Limit limit = std::nullopt) {
   struct Awaited {
     AwaitedReply reply;
     std::optional<Value> value;
@@ -65,14 +72,14 @@ std::optional<Value> awaitReply(Call call) {
   };
   const auto answer = std::make_shared<Awaited>();
   {
-    const AwaitedReply::Scope scope;
+    const AwaitedReply::Scope scope(limit);
     call(Reply<Value>([block = std::make_shared<Block>(answer)](Value value) {
       if (!block->answer->reply.begin()) return;
       block->answer->value = std::move(value);
       block->answer->reply.end();
     }));
   }
-  answer->reply.wait();
+  answer->reply.wait(limit);
   return std::move(answer->value);
 }
 

@@ -174,10 +174,11 @@ class RemoteProxy : public Interface {
     };
     if (!waiting_.waits && !AwaitedReply::isWaitingHere()) {
       connection_->sendCall(serial, std::move(frame), std::move(onReply), onError_);
-    } else if (const auto error =
-                   connection_->waitForCall(serial, std::move(frame), onReply, waiting_.limit)) {
-      if (onError_) (*onError_)(*error);
+      return;
     }
+    const auto limit = waiting_.waits ? waiting_.limit : AwaitedReply::limitHere();
+    const auto error = connection_->waitForCall(serial, std::move(frame), onReply, limit);
+    if (error && onError_) (*onError_)(*error);
   }
 
   const std::shared_ptr<NSXPCConnection> connection_;

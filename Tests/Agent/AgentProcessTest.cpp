@@ -217,6 +217,10 @@ TEST_F(Agents, LeadToAMainApplicationAlsoWhenTheLastToRegisterHasEnded) {
   const auto [status, output, errors] = run({menuApp, "upcoming", "--wait"});
   EXPECT_EQ(std::tuple(status, errors), std::tuple(0, ""));
   EXPECT_NE(output.find(" (2035)  Weekly planning (weekly)\n"), std::string::npos) << output;
+  first.signal(SIGSTOP);
+  expectComplaint({menuApp, "upcoming"}, "runs, but has not answered for 5 seconds");
+  agent.signal(SIGSTOP);
+  expectComplaint({menuApp, "new"}, "no answer in time");
 }
 
 TEST_F(Agents, HaveExamplesThatEndWhenNobodyCanReadThem) {
