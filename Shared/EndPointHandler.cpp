@@ -75,14 +75,15 @@ void EndPointHandler::removeEndpoint(const Text& identifier) {
   if (const auto proxy = remoteObjectProxy()) proxy->removeListenerEndpoint(identifier);
 }
 
-std::optional<bool> EndPointHandler::registerEndpoint(const EndpointRef& endpoint,
-                                                      const Text& identifier, TimeLimit limit) {
+std::optional<bool> EndPointHandler::registerWithin(const EndpointRef& endpoint,
+                                                    const Text& identifier,
+                                                    std::optional<Milliseconds> limit) {
   return awaitReply<bool>(
       [&](Reply<bool> reply) { registerEndpoint(endpoint, identifier, std::move(reply)); }, limit);
 }
 
-std::optional<EndpointRef> EndPointHandler::retrieveEndpoint(const Text& identifier,
-                                                             TimeLimit limit) {
+std::optional<EndpointRef> EndPointHandler::retrieveWithin(const Text& identifier,
+                                                           std::optional<Milliseconds> limit) {
   using Found = std::optional<EndpointRef>;
   const auto answer = awaitReply<Found>(
       [&](Reply<Found> reply) { retrieveEndpoint(identifier, std::move(reply)); }, limit);

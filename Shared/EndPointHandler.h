@@ -65,15 +65,34 @@ class EndPointHandler {
   // or without end. None when there is no answer by then: the agent is not there, went away or
   // refused, or there is no proxy. Any proxy must call the reply block or drop it. Also what was
   // registered without an answer is registered when the agent is there again, until it is removed.
-  using TimeLimit = std::optional<std::chrono::milliseconds>;
+  std::optional<bool> registerEndpoint(const Platform::EndpointRef& endpoint,
+                                       const Platform::Text& identifier) {
+    return registerWithin(endpoint, identifier, std::nullopt);
+  }
+  template <class Rep, class Period>
   std::optional<bool> registerEndpoint(const Platform::EndpointRef& endpoint,
                                        const Platform::Text& identifier,
-                                       TimeLimit limit = std::nullopt);
+                                       std::chrono::duration<Rep, Period> limit) {
+    return registerWithin(endpoint, identifier, std::chrono::ceil<Milliseconds>(limit));
+  }
   // The inner value is null when nothing is stored under the identifier.
+  std::optional<Platform::EndpointRef> retrieveEndpoint(const Platform::Text& identifier) {
+    return retrieveWithin(identifier, std::nullopt);
+  }
+  template <class Rep, class Period>
   std::optional<Platform::EndpointRef> retrieveEndpoint(const Platform::Text& identifier,
-                                                        TimeLimit limit = std::nullopt);
+                                                        std::chrono::duration<Rep, Period> limit) {
+    return retrieveWithin(identifier, std::chrono::ceil<Milliseconds>(limit));
+  }
 
  private:
+  using Milliseconds = std::chrono::milliseconds;
+  std::optional<bool> registerWithin(const Platform::EndpointRef& endpoint,
+                                     const Platform::Text& identifier,
+                                     std::optional<Milliseconds> limit);
+  std::optional<Platform::EndpointRef> retrieveWithin(const Platform::Text& identifier,
+                                                      std::optional<Milliseconds> limit);
+
   std::optional<Platform::Text> serviceName_;
   std::shared_ptr<Platform::NSXPCConnection> agentConnection_;
   std::shared_ptr<EndPointHandling> remoteObjectProxy_;

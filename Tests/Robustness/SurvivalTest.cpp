@@ -288,7 +288,7 @@ TEST_F(Applications, LearnWhenAServiceAppearsAlsoWithoutRoomForAWatchAndInAFolde
 TEST_F(Applications, MayRegisterBeforeThereIsAnAgentAndAwakenIt) {
   EXPECT_EQ(handler->registerEndpoint(listener->endpoint(), "waiting"_text), std::nullopt);
   const auto asynchronous = connect();
-  asynchronous->registerEndpoint(listener->endpoint(), "asynchronous"_text, Reply<bool>());
+  asynchronous->registerEndpoint(listener->endpoint(), "asynchronous"_text, {});
   const UniqueFd socket = bindTo(socketPath());
   ASSERT_TRUE(listenOn(socket.get()));
   pollfd visitor{socket.get(), POLLIN, 0};
