@@ -182,8 +182,10 @@ void Connection::flush() {
   updateInterest();
 }
 
+// A peer that is over its share is read again when it has room, or when an answer of it is awaited.
 void Connection::goOnIfRoom() {
-  if (!link_ || link_->state != Link::State::paused || !link_->hasRoomAgain()) return;
+  if (!link_ || link_->state != Link::State::paused) return;
+  if (!link_->hasRoomAgain() && calls_.areEmpty()) return;
   link_->state = Link::State::open;
   turn_.mayRead = true;
   scheduleTurn();
