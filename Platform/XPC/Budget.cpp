@@ -44,7 +44,7 @@ bool BudgetPart::reach(std::size_t bytes) {
 }
 
 void BudgetPart::giveBack() {
-  if (bytes_ == 0 && !isFavoured_) return;
+  if (bytes_ == 0) return;
   Budget& all = budget();
   const std::lock_guard lock(all.mutex);
   all.taken -= std::exchange(bytes_, 0);

@@ -20,7 +20,9 @@ class BudgetPart {
       : bytes_(std::exchange(other.bytes_, 0)),
         isFavoured_(std::exchange(other.isFavoured_, false)) {}
   BudgetPart& operator=(BudgetPart&& other) noexcept;
-  ~BudgetPart() { giveBack(); }
+  ~BudgetPart() {
+    if (bytes_ != 0) giveBack();
+  }
 
   // Makes it as large as `bytes`, unless it is. False when there is no room: then try again some
   // time later.
