@@ -182,7 +182,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }
     // Part of a chunk's descriptors may have been lost on the way.
     const auto arrived = (data[at + 1] & 0xF0) == 0xF0 ? Arrived::some : Arrived::all;
-    reader.bytesBeforeManyDescriptors(input.subspan(at + 2, length));
+    reader.bytesWithFewDescriptors(input.subspan(at + 2, length));
     std::vector<Frame> frames;
     const bool isSound =
         reader.feed(input.subspan(at + 2, length), std::move(descriptors), arrived, frames);
@@ -192,7 +192,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       asCaller(frame);
       asValue(frame);
     }
-    if (!isSound || reader.hasUndeclaredDescriptors()) break;
+    if (!isSound || reader.undeclaredDescriptors() != 0) break;
     at += 2 + length;
   }
   return 0;

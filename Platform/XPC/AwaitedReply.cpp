@@ -1,5 +1,7 @@
 #include "Platform/XPC/AwaitedReply.h"
 
+#include <algorithm>
+
 #include "Platform/Dispatch/WorkerPool.h"
 
 namespace Platform {
@@ -37,9 +39,12 @@ void AwaitedReply::end() {
 void AwaitedReply::wait(Limit limit) {
   std::unique_lock lock(mutex_);
   if (isOver_) return;
+  constexpr std::chrono::milliseconds longest = std::chrono::hours(24 * 365);
   const WorkerPool::BlockingRegion waiting;
   const auto isOver = [this] { return isOver_; };
-  if (limit && !ended_.wait_for(lock, *limit, isOver) && !std::exchange(hasBegun_, true)) return;
+  const bool isGivenUp =
+      !waiting || (limit && !ended_.wait_for(lock, std::min(*limit, longest), isOver));
+  if (isGivenUp && !std::exchange(hasBegun_, true)) return;
   ended_.wait(lock, isOver);
 }
 

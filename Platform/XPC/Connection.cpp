@@ -72,6 +72,7 @@ void Connection::close() {
   if (phase_ == Phase::open && link_ && link_->hasUnsent()) {
     phase_ = Phase::draining;
     ends_.keepAlive = shared_from_this();
+    link_->stopReceiving();
     scheduleTurn();
   } else {
     phase_ = Phase::over;
@@ -121,7 +122,7 @@ ConnectOutcome Connection::dial() {
   }
   dialer_.setTrying(outcome == ConnectOutcome::tryLater);
   if (dialer_.isTrying()) {
-    WorkerPool::shared().after(std::max(retryDelay, dialer_.restLeft()), queue_,
+    WorkerPool::shared().after(std::max(retryDelay, dialer_.restLeft()), clockQueue(),
                                [self = shared_from_this()] { self->retryDialing(); });
   }
   return outcome;
@@ -135,6 +136,12 @@ void Connection::retryDialing() {
   }
   flush();
   calls_.wakeAll();
+}
+
+const dispatch_queue_t& Connection::clockQueue() {
+  static const dispatch_queue_t* const queue =
+      new dispatch_queue_t(dispatch_queue_create("NSXPCConnection.clock", DISPATCH_QUEUE_SERIAL));
+  return *queue;
 }
 
 // The end of the socket is always of interest; input only when somebody is to be told of it who
@@ -162,7 +169,8 @@ void Connection::updateInterest() {
   // Once of interest, input stays so until a waiting call takes over: changing it costs a call.
   const bool hasListener = exported_.isThere() || calls_.anyHasBlocks();
   link_->isReadByPool = !calls_.anyWaits() && (hasListener || link_->isReadByPool);
-  link_->watchFor(eventsOfInterest(), weak_from_this());
+  const bool onlyToSend = isLookedAfter && link_->hasWatch();
+  link_->watchFor(onlyToSend ? EPOLLERR | EPOLLOUT : eventsOfInterest(), weak_from_this());
 }
 
 void Connection::flush() {
@@ -193,7 +201,8 @@ void Connection::goOnIfRoom() {
 
 void Connection::sendSoon() {
   const bool endsSoon = link_ && link_->state == Link::State::halfShut;
-  if (endsSoon || (WorkerPool::isWorker() && !turn_.isLingering)) {
+  // A turn does not come while a handler waits for an answer.
+  if (endsSoon || (WorkerPool::isWorker() && !turn_.isLingering && !calls_.anyWaits())) {
     scheduleTurn();
   } else {
     flush();
@@ -234,14 +243,15 @@ void Connection::requestIsDone(std::uint64_t link) {
 
 bool Connection::waitUntilSent(std::chrono::milliseconds limit) {
   const WorkerPool::BlockingRegion region;
-  const auto end = std::chrono::steady_clock::now() + limit;
+  const auto end = std::chrono::steady_clock::now() +
+                   std::min<std::chrono::milliseconds>(limit, std::chrono::hours(24));
   Lock lock(mutex_);
-  for (;;) {
-    flush();
-    const std::shared_ptr<Link> link = link_;
-    if (phase_ != Phase::open || (!link && !dialer_.isTrying()))
-      return !link && phase_ == Phase::open;
-    if (link && !link->hasUnsent()) return true;
+  flush();
+  if (phase_ == Phase::open && !link_ && !dialer_.isTrying()) return true;  // nothing was sent
+  for (std::shared_ptr<Link> link = link_;; flush()) {
+    if (!link) link = link_;  // the one that it is sent on
+    if (phase_ != Phase::open || link != link_ || (!link && !dialer_.isTrying())) return false;
+    if (link && !link->hasUnsent()) return !link->hasLostUnsent();
     const auto left =
         std::chrono::ceil<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
     if (left.count() <= 0) return false;

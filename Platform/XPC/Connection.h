@@ -138,6 +138,8 @@ class Connection final : public ReadinessHandler,
   void deliverInbox(Lock& lock);
   void endIfAllIsAnswered();
   std::shared_ptr<void> endDraining();
+  // For what is to be done later, also while a handler takes its time on queue_.
+  static const dispatch_queue_t& clockQueue();
   bool isLink(std::uint64_t number) const { return link_ && link_->origin().link == number; }
 
   // These run on queue_, without the lock.

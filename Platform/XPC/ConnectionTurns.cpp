@@ -15,6 +15,7 @@ namespace {
 
 constexpr auto retryDelay = std::chrono::milliseconds(10);
 constexpr auto lingerTime = std::chrono::milliseconds(10);
+constexpr std::chrono::milliseconds longestLimit = std::chrono::hours(24 * 365);
 constexpr auto withoutEnd = std::chrono::milliseconds(-1);
 
 using Clock = std::chrono::steady_clock;
@@ -32,6 +33,7 @@ std::optional<Connection::Error> Connection::waitForCall(std::uint64_t serial, O
                                                          const DecodeReply& onReply, Limit limit) {
   WaitingCall call{serial};
   ClosingTogether::closeNow();
+  if (limit) limit = std::min(*limit, longestLimit);
   const auto end = limit ? Clock::now() + *limit : Clock::time_point::max();
   {
     const WorkerPool::BlockingRegion region;
@@ -45,7 +47,7 @@ std::optional<Connection::Error> Connection::waitForCall(std::uint64_t serial, O
       const auto left = limit ? timeUntil(end) : withoutEnd;
       if (left.count() == 0) {
         call.end(Error::timedOut);
-      } else if (link_ && !turn_.isReading && !turn_.isHeldBack) {
+      } else if (link_ && !turn_.isReading) {
         readForWaitingCall(lock, left);
       } else if (limit) {
         call.wake.wait_until(lock, end);
@@ -125,7 +127,7 @@ void Connection::scheduleTurn() {
 
 void Connection::scheduleTurnAfter(std::chrono::milliseconds delay, bool Turn::*reason) {
   if (std::exchange(turn_.*reason, true)) return;
-  WorkerPool::shared().after(delay, queue_, [self = shared_from_this(), reason] {
+  WorkerPool::shared().after(delay, clockQueue(), [self = shared_from_this(), reason] {
     const Lock lock(self->mutex_);
     self->turn_.*reason = false;
     self->turn_.mayRead = true;
@@ -183,7 +185,10 @@ bool Connection::read(Lock& lock, Wait wait) {
     turn_.isMissed = true;
     return false;
   }
-  if (link_->state == State::halfShut || turn_.isHeldBack) return false;
+  if (link_->state == State::halfShut) return false;
+  // Nobody who waits is put off, nor the end of a peer that is going.
+  const bool mayHoldBack = link_->state != State::hungUp && !calls_.anyWaits();
+  if (mayHoldBack && turn_.isHeldBack) return false;
   // While an answer of our own is awaited reading goes on, or two peers in backlog would starve.
   // Of a peer that is going, no more can come than is there.
   if (link_->state != State::hungUp && calls_.areEmpty() && link_->isOverShare()) {
@@ -194,7 +199,7 @@ bool Connection::read(Lock& lock, Wait wait) {
   const std::shared_ptr<Link> link = link_;
   lock.unlock();
   thread_local std::vector<Frame> frames;  // empty but here
-  const Reception reception = link->receive(wait, frames);
+  const Reception reception = link->receive(wait, mayHoldBack, frames);
   const bool hasEnded = reception.outcome == Reception::Outcome::ended;
   const bool peerMayRead = hasEnded && link->peerMayRead();
   lock.lock();
@@ -275,7 +280,9 @@ bool Connection::deliverOrEnd(Incoming& incoming) {
   if (incoming.frame.descriptors.hasUnclaimed()) closeUnclaimed(incoming);
   if (isSound) return true;
   const Lock lock(mutex_);
-  if (isLink(incoming.origin.link)) endLink(Ending::fault);
+  // What was the last link's is not held against the next.
+  if (!isLink(incoming.origin.link)) return !inbox_.isClosed;
+  endLink(Ending::fault);
   return false;
 }
 

@@ -9,6 +9,7 @@
 #include <mutex>
 #include <utility>
 
+#include "Platform/Dispatch/WorkerPool.h"
 #include "Platform/Runtime/BackgroundThread.h"
 
 namespace Platform {
@@ -51,14 +52,25 @@ class Closers {
     {
       const std::lock_guard lock(mutex_);
       line_.push_back(std::move(batch));
-      if (threads_ == mostClosers) return;
-      ++threads_;
     }
-    // Without a thread to be had, whoever dropped them waits.
-    if (!startBackgroundThread("gantrel-closer", [this] { work(); })) work();
+    startOne();
   }
 
  private:
+  void startOne() {
+    {
+      const std::lock_guard lock(mutex_);
+      if (line_.empty() || threads_ == mostClosers) return;
+      ++threads_;
+    }
+    if (startBackgroundThread("gantrel-closer", [this] { work(); })) return;
+    {
+      const std::lock_guard lock(mutex_);
+      --threads_;
+    }
+    WorkerPool::shared().after(std::chrono::milliseconds(100), clock_, [this] { startOne(); });
+  }
+
   void work() {
     std::unique_lock lock(mutex_);
     while (!line_.empty()) {
@@ -71,6 +83,8 @@ class Closers {
     --threads_;
   }
 
+  const dispatch_queue_t clock_ =
+      dispatch_queue_create("ForeignDescriptors", DISPATCH_QUEUE_SERIAL);
   std::mutex mutex_;
   // Protected by mutex_:
   std::deque<Batch> line_;

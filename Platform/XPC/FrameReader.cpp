@@ -83,17 +83,18 @@ bool FrameReader::completeFrame(Arrived arrived, std::vector<Frame>& frames) {
   return true;
 }
 
-bool FrameReader::hasUndeclaredDescriptors() const {
-  if (headerBytes_ == 0) return descriptors_.size() != 0;
+std::size_t FrameReader::undeclaredDescriptors() const {
+  if (headerBytes_ == 0) return descriptors_.size();
+  if (isInHeader()) return 0;  // not known yet
   const std::size_t declared = lacksDescriptors_ ? 0 : declaredDescriptors_;
-  return !isInHeader() && descriptors_.size() > declared;
+  return descriptors_.size() - std::min(descriptors_.size(), declared);
 }
 
 bool FrameReader::mayGrow(std::size_t bytes) {
   return !isInLargeFrame() || part_.reach(std::min(payload_.size() + bytes, payloadBytes_));
 }
 
-std::size_t FrameReader::bytesBeforeManyDescriptors(std::span<const std::byte> next) const {
+std::size_t FrameReader::bytesWithFewDescriptors(std::span<const std::byte> next) const {
   std::array<std::byte, Wire::headerSize> header = header_;
   std::size_t known = headerBytes_;
   std::size_t place = isInHeader() ? 0 : payloadBytes_ - payload_.size();
@@ -103,7 +104,8 @@ std::size_t FrameReader::bytesBeforeManyDescriptors(std::span<const std::byte> n
     std::copy_n(next.begin() + static_cast<std::ptrdiff_t>(place), count,
                 header.begin() + static_cast<std::ptrdiff_t>(known));
     const Header frame = parsed(header.data());
-    if (known + count < header.size() || frame.descriptors > Wire::fewDescriptors) return place;
+    if (known + count < header.size()) return place;
+    if (frame.descriptors > Wire::fewDescriptors) return 0;
     place += count + frame.payloadBytes;
     known = 0;
   }

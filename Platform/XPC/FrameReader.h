@@ -29,17 +29,18 @@ class FrameReader {
   bool feed(std::span<const std::byte> bytes, ForeignDescriptors descriptors, Arrived arrived,
             std::vector<Frame>& frames);
 
-  // Whether descriptors are here that no frame begun so far has declared.
-  bool hasUndeclaredDescriptors() const;
+  // How many descriptors are here that no frame begun so far has declared.
+  std::size_t undeclaredDescriptors() const;
 
   // Whether so many more bytes may be received now, as far as the frame that has begun decides. A
   // large one takes them from the process's budget.
   bool mayGrow(std::size_t bytes);
   bool isInLargeFrame() const { return !isInHeader() && payloadBytes_ > Wire::largePayload; }
 
-  // How many of the bytes that are to be received next come before a frame with more than a few
-  // descriptors, and before one of which that cannot be told yet.
-  std::size_t bytesBeforeManyDescriptors(std::span<const std::byte> next) const;
+  // How many of the bytes that are to be received next may be received without a frame's more than
+  // a few descriptors: none when one of them has, since the kernel gives them with the first bytes
+  // of the call that sent them; and not those of which it cannot be told yet.
+  std::size_t bytesWithFewDescriptors(std::span<const std::byte> next) const;
 
  private:
   struct Header {

@@ -40,35 +40,45 @@ void Link::askForSender() {
   tellSenders(socket_.get(), true);
 }
 
-Reception Link::receive(Wait wait, std::vector<Frame>& frames) {
+Reception Link::receive(Wait wait, bool mayHoldBack, std::vector<Frame>& frames) {
   using Outcome = Reception::Outcome;
-  auto buffer = bufferOfThisThread();
-  if (!reader_.isInLargeFrame()) buffer = buffer.first(usualReception);
-  if (!reader_.mayGrow(buffer.size())) return {Outcome::heldBack};
-  if (descriptorsAreScarce()) {
-    const auto next = peek(socket_.get(), buffer);
-    const std::size_t room = reader_.bytesBeforeManyDescriptors(next);
+  const auto all = bufferOfThisThread();
+  auto buffer = reader_.isInLargeFrame() ? all : all.first(usualReception);
+  if (mayHoldBack && !reader_.mayGrow(buffer.size())) return {Outcome::heldBack};
+  // Whether there may be more that belongs to what is received, when the buffer is filled.
+  bool mayBeCut = true;
+  const bool areScarce = mayHoldBack && descriptorsAreScarce();
+  if (areScarce) {
+    const auto next = peek(socket_.get(), all);
+    const std::size_t room = reader_.bytesWithFewDescriptors(next);
     if (room == 0 && !next.empty()) return {Outcome::heldBack};
-    if (room != 0) buffer = buffer.first(room);
+    if (room != 0) buffer = all.first(room);
+    if (!next.empty()) mayBeCut = room != next.size() || room == all.size();
   }
   Received received = Platform::receive(socket_.get(), buffer, wait);
   if (received.outcome == Received::Outcome::nothingYet) return {Outcome::nothingYet};
   if (received.outcome == Received::Outcome::ended) return {Outcome::ended};
   if (std::exchange(asksForSender_, false)) tellSenders(socket_.get(), false);
   const bool isFull = received.bytes == buffer.size();
+  const bool isCut = isFull && mayBeCut;
   // Whose descriptors were lost can be told only when all is here that was sent with them.
-  if (received.lostDescriptors && isFull) return {Outcome::fault};
+  if (received.lostDescriptors && isCut) return {Outcome::fault};
   const bool isSound =
       reader_.feed(buffer.first(received.bytes), std::move(received.descriptors),
                    received.lostDescriptors ? Arrived::some : Arrived::all, frames);
-  // When all that was sent with these descriptors is here, a frame must have claimed them.
-  if (!isSound || (!isFull && reader_.hasUndeclaredDescriptors())) return {Outcome::fault};
+  // When all that was sent with these descriptors is here, a frame must have claimed them. Else its
+  // header is near, unless somebody wants to fill this process with descriptors.
+  const std::size_t mayBeUndeclared = !isCut      ? 0
+                                      : areScarce ? Wire::fewDescriptors
+                                                  : 3 * Wire::mostDescriptors;
+  if (!isSound || reader_.undeclaredDescriptors() > mayBeUndeclared) return {Outcome::fault};
   return {Outcome::data, isFull, received.sender};
 }
 
 void Link::waitForSocket(short events, std::chrono::milliseconds atMost) {
+  constexpr std::chrono::milliseconds longest = std::chrono::hours(1);
   pollfd socket{socket_.get(), events, 0};
-  ::poll(&socket, 1, static_cast<int>(atMost.count()));
+  ::poll(&socket, 1, static_cast<int>(std::min(atMost, longest).count()));
 }
 
 void Link::setPatience(std::chrono::microseconds patience) {
@@ -79,6 +89,10 @@ void Link::setPatience(std::chrono::microseconds patience) {
 
 void Link::shutDown() {
   ::shutdown(socket_.get(), SHUT_RDWR);
+}
+
+void Link::stopReceiving() {
+  ::shutdown(socket_.get(), SHUT_RD);
 }
 
 bool Link::watchFor(std::uint32_t events, const std::weak_ptr<ReadinessHandler>& handler) {

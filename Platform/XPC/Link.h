@@ -52,8 +52,9 @@ class Link {
   // Has the next reception tell which process sent it.
   void askForSender();
 
-  // Receives once and appends the frames that this completes.
-  Reception receive(Wait wait, std::vector<Frame>& frames);
+  // Receives once and appends the frames that this completes. `mayHoldBack` says whether it may be
+  // put off for want of room in the process.
+  Reception receive(Wait wait, bool mayHoldBack, std::vector<Frame>& frames);
   // Waits for one of the events, as of poll(2); a negative time is without end.
   void waitForSocket(short events, std::chrono::milliseconds atMost);
   bool peerMayRead() const { return mayPeerRead(socket_.get()); }
@@ -63,13 +64,16 @@ class Link {
 
   // Ends it for both sides, and wakes a thread that reads.
   void shutDown();
+  // Lets the peer know that nothing more is read.
+  void stopReceiving();
 
   void append(OutgoingFrame frame) { outbox_.append(std::move(frame)); }
   // Sends what the socket takes.
   Outbox::Result flush() { return outbox_.flush(socket_.get()); }
   Outbox::Result lastFlush() const { return outbox_.lastResult(); }
   bool hasUnsent() const { return !outbox_.isEmpty(); }
-  void dropUnsent() { outbox_.clear(); }
+  void dropUnsent() { outbox_.lose(); }
+  bool hasLostUnsent() const { return outbox_.hasLost(); }
   void rest() { outbox_.rest(); }
 
   // Watches the socket for `events`, once; the handler's connection is told of one. False when the

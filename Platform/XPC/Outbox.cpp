@@ -116,6 +116,11 @@ void Outbox::dropSent() {
   endpointsSent_ = 0;
 }
 
+void Outbox::lose() {
+  hasLost_ = hasLost_ || !isEmpty();
+  clear();
+}
+
 void Outbox::clear() {
   lastResult_ = Result::done;
   bytes_.clear();

@@ -29,7 +29,9 @@ class Outbox {
   std::size_t load() const {
     return bytes_.size() - sent_ + (endpoints_.size() - endpointsSent_) * sizeof(Waiting);
   }
-  void clear();
+  // The peer is gone.
+  void lose();
+  bool hasLost() const { return hasLost_; }
   // Gives back memory that only a busy connection needs.
   void rest();
 
@@ -42,6 +44,7 @@ class Outbox {
 
   Result sendAll(int socket);
   void dropSent();
+  void clear();
   void keepAtMost(std::size_t bytes);
 
   std::vector<std::byte> bytes_;
@@ -51,6 +54,7 @@ class Outbox {
   std::size_t descriptorsSent_ = 0;  // to this socket
   bool bufferIsSmall_ = false;       // this socket's
   Result lastResult_ = Result::done;
+  bool hasLost_ = false;  // something that waited never went
 };
 
 }  // namespace Platform

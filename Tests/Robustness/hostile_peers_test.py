@@ -223,6 +223,12 @@ class HostilePeers(AgentTestCase):
             self.assertLess(memory(self.agent), self.memory + 350 * MIB)
         other = Connection(self.path)
         self.assertIsNone(other.retrieve(60_000 * "x"))
+        held = open_descriptors(self.agent)
+        for _ in range(20):  # who goes meanwhile is let go
+            gone = Connection(self.path)
+            gone.send_raw(frame(b"", length=255 * MIB))
+            gone.socket.close()
+        self.assertTrue(eventually(lambda: open_descriptors(self.agent) == held))
         for peer in peers:
             peer.socket.close()
         self.assertIsNone(other.retrieve(MIB * "x"))
@@ -230,7 +236,7 @@ class HostilePeers(AgentTestCase):
         # An ordinary user's descriptors under way are limited, too.
         crowd = [Connection(self.path) for _ in range(min(100, self.most * 3 // 4 // 253))]
         for peer in crowd:
-            peer.send_raw(frame(b"", 253, 100), 253 * [self.endpoint])
+            peer.send_raw(frame([REFUSAL, 1]) + frame(b"", 253, 100), 253 * [self.endpoint])
         self.assertTrue(self.register(other, "meanwhile"))
         other.send([MESSAGE, REMOVE, ["meanwhile"]])
         self.assertLess(open_descriptors(self.agent), self.most / 4 + 16 * 253)

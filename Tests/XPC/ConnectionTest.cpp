@@ -280,15 +280,17 @@ TEST_F(Connections, TakeAFaultOfANamedServiceForAnInterruption) {
       isSound ? ::write(peer.get(), nil, sizeof nil) : ::write(peer.get(), none, sizeof none);
     }
   });
-  std::vector<std::optional<NSXPCConnectionError>> ends;
-  for (int call = 0; call < 2; ++call) {
-    ends.emplace_back();
-    raw.connection
-        ->synchronousRemoteObjectProxyWithErrorHandler<Peer>([&](auto e) { ends.back() = e; })
-        ->echo(1, [&](Value) { EXPECT_NE(NSXPCConnection::answeringProcess(), 0u); });
-  }
+  // Asked again at once, where a handler waits on the connection's queue.
+  std::promise<NSXPCConnectionError> interrupted;
+  raw.connection
+      ->remoteObjectProxyWithErrorHandler<Peer>([&](NSXPCConnectionError error) {
+        raw.connection->synchronousRemoteObjectProxyWithErrorHandler<Peer>({})->echo(
+            1, [&](Value) { EXPECT_NE(NSXPCConnection::answeringProcess(), 0u); });
+        interrupted.set_value(error);
+      })
+      ->echo(1, [](Value) { FAIL() << "the answer was none"; });
+  EXPECT_EQ(interrupted.get_future().get(), NSXPCConnectionError::interrupted);
   answering.join();
-  EXPECT_EQ(ends, (decltype(ends){NSXPCConnectionError::interrupted, std::nullopt}));
   EXPECT_TRUE(TestSupport::eventually([&] { return losses > 0; }));
   raw.connection->setLinkLossHandler({});
   raw.connection->invalidate();
