@@ -1,9 +1,13 @@
 // What the example applications say to people. Everything that comes from outside is escaped.
 #pragma once
 
+#include <chrono>
 #include <string>
 
 namespace Gantrel_Sync_Helper {
+
+// How long to wait for another process before telling the user that it does not answer.
+inline constexpr std::chrono::seconds patience(5);
 
 // Writes to standard output: a line, or a text of several that is our own. When that cannot be
 // done, the process ends with status 1 and says so on standard error. Any thread.

@@ -135,7 +135,7 @@ int main(int argumentCount, char** arguments) {
 
   const auto agent = EndPointHandler::initWithServiceName(agentAppBundleIdentifier);
   agent->connect();
-  if (agent->registerEndpoint(listener->endpoint(), communicationIdentifier()) != true) {
+  if (agent->registerEndpoint(listener->endpoint(), communicationIdentifier(), patience) != true) {
     return complain(whyNoAgent());
   }
   // Checked in only now, so that whoever sees this application launch can reach it.

@@ -53,9 +53,6 @@ constexpr const char* help =
     "  MenuApp --version       show the version\n"
     "  MenuApp --help, -h      show this\n";
 
-// How long to wait for another process before telling the user that it does not answer.
-constexpr std::chrono::seconds patience(5);
-
 // As the agent answers: none without an answer, null when no main application has registered.
 std::optional<EndpointRef> askForMainApp() {
   const auto agent = EndPointHandler::initWithServiceName(agentAppBundleIdentifier);
@@ -101,10 +98,18 @@ Fetched fetchMeetings(const std::shared_ptr<NSXPCConnection>& connection) {
 }
 
 int complainOfNoAnswer(NSXPCConnectionError error) {
-  return complain(error == NSXPCConnectionError::timedOut
-                      ? "the main application runs, but has not answered for " +
-                            std::to_string(patience.count()) + " seconds."
-                      : "the main application that the agent knows has ended: it does not answer.");
+  switch (error) {
+    case NSXPCConnectionError::timedOut:
+      return complain("the main application runs, but has not answered for " +
+                      std::to_string(patience.count()) + " seconds.");
+    case NSXPCConnectionError::refused:
+    case NSXPCConnectionError::replyInvalid:
+      return complain("the main application runs, but does not know what it was asked.");
+    case NSXPCConnectionError::interrupted:
+    case NSXPCConnectionError::invalid:
+      break;
+  }
+  return complain("the main application that the agent knows has ended: it does not answer.");
 }
 
 Text yearOf(const NSDate& date) {

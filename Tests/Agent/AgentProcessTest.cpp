@@ -221,6 +221,7 @@ TEST_F(Agents, LeadToAMainApplicationAlsoWhenTheLastToRegisterHasEnded) {
   expectComplaint({menuApp, "upcoming"}, "runs, but has not answered for 5 seconds");
   agent.signal(SIGSTOP);
   expectComplaint({menuApp, "new"}, "no answer in time");
+  expectComplaint({mainApp, meetingsFile}, "no answer in time");
 }
 
 TEST_F(Agents, HaveExamplesThatEndWhenNobodyCanReadThem) {
