@@ -86,7 +86,9 @@ Status connectStandard(int peer) {
   int error = 0;
   socklen_t size = sizeof error;
   ::getsockopt(peer, SOL_SOCKET, SO_ERROR, &error, &size);
-  if (answered == Relayed::writtenInPart) fail(Status::ended, "standard output is closed.");
+  if (answered == Relayed::writtenInPart) {
+    fail(Status::unwritten, "standard output cannot be written.");
+  }
   if (isTaken && error == 0) return Status::done;
   fail(Status::ended, "the other side ended before it had read everything.");
 }

@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "Platform/Runtime/KeyValueObserving.h"
+#include "Platform/Runtime/StandardStreams.h"
 #include "Platform/Runtime/Value.h"
 #include "Platform/Workspace/RunningApplicationsObservation.h"
 #include "Tools/AgentLog.h"
@@ -133,6 +134,7 @@ Status monitor(const Options& options) {
   const auto log = AgentLog::open(options.log, problem);
   if (!log) fail(Status::noLog, problem);
   log->skipToEnd();
+  endWhenNobodyReads();
   const auto teller = std::make_shared<LaunchTeller>();
   RunningApplicationsObservation observation(teller, nullptr);
   if (!observation) complain("launches and ends of applications cannot be observed here.");

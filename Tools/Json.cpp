@@ -71,7 +71,9 @@ class Reader {
       : findEndpoint_(findEndpoint), problem_(problem) {}
 
   Value value(const Json& json, int depth = 0) {
-    if (depth > Wire::deepestNesting) return wrong("is nested too deeply");
+    if (json.is_structured() && depth >= Wire::deepestNesting) {
+      return wrong("is nested too deeply");
+    }
     if (json.is_null()) return {};
     if (json.is_boolean()) return json.get<bool>();
     if (json.is_number_unsigned()) return json.get<std::uint64_t>();

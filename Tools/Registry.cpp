@@ -58,8 +58,14 @@ std::vector<Entry> Registry::entries(const std::vector<Text>& identifiers) {
 }
 
 void Registry::registerEndpoint(const EndpointRef& endpoint, const Text& identifier) {
-  agent_->registerEndpoint(endpoint, identifier, {});
-  retrieve(identifier);  // messages are carried out in order
+  const auto end = std::chrono::steady_clock::now() + patience_;
+  const auto isStored = agent_->registerEndpoint(endpoint, identifier, patience_);
+  if (isStored == true) return;
+  isLate_ = !isStored && std::chrono::steady_clock::now() >= end;
+  if (isLate_) failWithoutAnswer();
+  retrieve(identifier);  // says why, where the agent is not there
+  fail(Status::refused, "the agent has refused to register " + shown(identifier) +
+                            ": it may have no room for more.");
 }
 
 void Registry::remove(const Text& identifier) {

@@ -5,8 +5,10 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <string_view>
 
 #include "Platform/Runtime/Escaped.h"
@@ -70,6 +72,13 @@ bool isTerminal() {
   return is;
 }
 
+void printText(const std::string& text) {
+  const bool isTaken = std::fwrite(text.data(), 1, text.size(), stdout) == text.size();
+  if (isTaken && std::fflush(stdout) == 0) return;
+  complain(std::string("standard output cannot be written: ") + std::strerror(errno) + ".");
+  std::_Exit(static_cast<int>(Status::unwritten));  // other threads may be at work
+}
+
 void print(const Row& row) {
   std::string line;
   for (const Cell& cell : row) {
@@ -82,8 +91,7 @@ void print(const Row& row) {
     line.append(cell.width - std::min(cell.width, widthOf(cell.text)), ' ');
   }
   line += '\n';
-  std::fwrite(line.data(), 1, line.size(), stdout);
-  std::fflush(stdout);
+  printText(line);
 }
 
 void printTable(const Row& heading, std::vector<Row> rows) {

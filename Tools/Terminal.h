@@ -22,6 +22,7 @@ enum class Status : int {
   noLog = 7,  // of the agent
   usage = 64,
   badArgument = 65,  // no UTF-8, no JSON, or more than the wire takes
+  unwritten = 74,    // standard output is full or closed
   cannotRun = 126,   // a command, though it is there
   notFound = 127,    // a command to be run
 };
@@ -58,6 +59,8 @@ inline constexpr const char* yellow = "33";
 
 bool isTerminal();  // standard output
 
+// Output that cannot be written ends the process, with a sentence. Any thread.
+void printText(const std::string& text);
 void print(const Row& row);
 // The heading is for a terminal only.
 void printTable(const Row& heading, std::vector<Row> rows);

@@ -3,10 +3,12 @@
 #include <CLI/CLI.hpp>
 #include <functional>
 #include <limits>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include "Platform/Runtime/Escaped.h"
+#include "Platform/Runtime/StandardStreams.h"
 #include "Tools/Commands.h"
 
 using namespace Gantrel_Sync_Helper;
@@ -79,6 +81,7 @@ void addOptions(CLI::App& parser, const std::string& names, Options& options) {
 }  // namespace
 
 int main(int count, char** arguments) {
+  Platform::openStandardStreams();
   CLI::App parser("Look at what the Gantrel agent knows, and try it: see gantrel(1).", "gantrel");
   parser.require_subcommand(1);
   parser.set_version_flag("--version", GANTREL_VERSION);
@@ -94,7 +97,12 @@ int main(int count, char** arguments) {
   try {
     parser.parse(count, arguments);
   } catch (const CLI::ParseError& error) {
-    if (error.get_exit_code() == 0) return parser.exit(error);
+    if (error.get_exit_code() == 0) {
+      std::ostringstream asked;  // for the help or the version
+      parser.exit(error, asked);
+      printText(asked.str());
+      return 0;
+    }
     fail(Status::usage, Platform::escaped(error.what()) + ": see gantrel --help.");
   }
   const CLI::App* const chosen = parser.get_subcommands().front();

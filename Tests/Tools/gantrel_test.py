@@ -3,6 +3,7 @@
 import json
 import os
 import pty
+import resource
 import select
 import signal
 import socket
@@ -124,6 +125,7 @@ class Gantrel(AgentTestCase):
         main = self.start(os.path.join(SOURCE, "Examples/MainApp/Meetings.plist"),
                           program=os.path.join(EXAMPLES, "MainApp.app/Contents/Linux/MainApp"))
         main.stdout.readline()
+        idle = open_descriptors(self.agent)
         meetings = json.loads(self.run_tool("call", MAIN_APP, FETCH)[1])
         self.assertEqual(meetings[0], {"id": "weekly", "title": "Weekly planning", "start": "date:2035-03-05T14:07:00Z"})
         self.assertRegex(self.run_tool("find", MAIN_APP)[1],
@@ -141,13 +143,26 @@ class Gantrel(AgentTestCase):
             (64, "gantrel call .OPTIONS. ID SELECTOR", "call", "a"),
             (65, "colons", "call", MAIN_APP, FETCH, "1"),
             (65, "no JSON from byte 3 on", "send", MAIN_APP, "openMeetingWithId:", '"x'),
-            (65, "nested", "call", MAIN_APP, "a::", "[" * 34 + "]" * 34),
+            (4, "refused", "call", MAIN_APP, "a::", "[" * 32 + "]" * 32),
+            (65, "nested", "call", MAIN_APP, "a::", "[" * 33 + "]" * 33),
             (65, "UTF-8", "call", MAIN_APP, "a::", b'"\xff"'),
             (65, "UTF-8", "find", b"\xff"),
             (65, "backslash", "find", "\\q"),
             (127, "no command", "serve", "a", "/nowhere"),
         ]:
             self.assert_fails(status, sentence, *arguments)
+        for arguments in ["--help"], ["find", MAIN_APP], ["monitor", "--log", self.log]:
+            with open("/dev/full", "wb") as full:
+                unread = self.start(*arguments, stdout=full)
+            while unread.poll() is None:  # something for the monitor to tell
+                self.run_tool("find", MAIN_APP)
+            self.assertEqual(unread.returncode, 74)
+            self.assertRegex(unread.stderr.read(), rb"\Agantrel: standard output cannot be written: [^\n]*\.\n\Z")
+        self.assertTrue(eventually(lambda: open_descriptors(self.agent) == idle))
+        most = resource.prlimit(self.agent.pid, resource.RLIMIT_NOFILE)
+        resource.prlimit(self.agent.pid, resource.RLIMIT_NOFILE, (idle + 1, most[1]))  # the connection, and no endpoint
+        self.assert_fails(4, "refused to register full", "serve", "full", "cat")
+        resource.prlimit(self.agent.pid, resource.RLIMIT_NOFILE, most)
         main.send_signal(signal.SIGSTOP)
         os.waitid(os.P_PID, main.pid, os.WSTOPPED)
         self.assert_fails(6, "in time", "call", "--timeout", "0.1", MAIN_APP, FETCH)
