@@ -78,8 +78,7 @@ class JournalLog final : public AgentLog {
     match({});
   }
 
-  // Whether there is any line of the agent's.
-  bool isOfUse() {
+  bool isOfUse() override {
     return sd_journal_seek_tail(journal_.get()) >= 0 && sd_journal_previous(journal_.get()) > 0;
   }
 
@@ -143,6 +142,15 @@ class JournalLog final : public AgentLog {
 class FileLog final : public AgentLog {
  public:
   explicit FileLog(const std::string& path) : path_(path), file_(path) {}
+
+  bool isOfUse() override {
+    std::string line;
+    while (std::getline(file_, line) && line.find(source) == line.npos) {
+    }
+    const bool isFound = !file_.fail();
+    file_.clear();
+    return isFound;
+  }
 
   void skipToEnd() override { file_.seekg(0, std::ios::end); }
 

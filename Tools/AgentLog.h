@@ -24,10 +24,14 @@ struct LogEvent {
 class AgentLog {
  public:
   // The log in `path`, a file or a folder of journal files; without one, the machine's journal.
-  // Null when it cannot be read, or nothing of the agent is in it; `problem` is then a sentence.
+  // Null when it cannot be read, or is a journal and nothing of the agent is in it; `problem` is
+  // then a sentence.
   static std::unique_ptr<AgentLog> open(const std::optional<std::string>& path,
                                         std::string& problem);
   virtual ~AgentLog() = default;
+
+  // Whether there is any line of the agent's. It leaves off anywhere.
+  virtual bool isOfUse() = 0;
 
   // The identifiers in the registrations since the agent last started, each once, in order.
   std::vector<Platform::Text> registered();

@@ -69,6 +69,9 @@ Status call(const Options& options, Expecting expecting, const Text& identifier,
   checkSelector(selector, expecting, arguments.size());
   Registry registry(options.patience());
   const Array values = valuesOf(arguments, registry);
+  if (!UntypedProxy::isSendable(selector, values)) {
+    fail(Status::badArgument, "the arguments are together larger than a message may be.");
+  }
   const EndpointRef endpoint = registry.require(identifier);
   if (!look(*endpoint).isBound) failAsGone(identifier);
   const auto connection = NSXPCConnection::initWithListenerEndpoint(endpoint);

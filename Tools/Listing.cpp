@@ -58,6 +58,9 @@ Status list(const Options& options) {
   std::string problem;
   const auto log = AgentLog::open(options.log, problem);
   if (!log) fail(Status::noLog, problem);
+  if (!log->isOfUse()) {
+    fail(Status::noLog, "no line of the agent is in " + escaped(*options.log) + ".");
+  }
   auto identifiers = log->registered();
   std::sort(identifiers.begin(), identifiers.end());
   Registry registry(options.patience());

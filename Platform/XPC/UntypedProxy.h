@@ -21,6 +21,13 @@ class UntypedProxy {
   explicit UntypedProxy(std::shared_ptr<NSXPCConnection> connection)
       : connection_(std::move(connection)) {}
 
+  // Whether a message with these is not larger than the wire takes.
+  static bool isSendable(std::string_view selector, const Array& arguments) {
+    Encoder encoder = NSXPCConnection::beginMessage(selector);
+    encodeAll(encoder, arguments);
+    return encoder.finish().isSendable();
+  }
+
   void send(std::string_view selector, const Array& arguments) const {
     Encoder encoder = NSXPCConnection::beginMessage(selector);
     encodeAll(encoder, arguments);
