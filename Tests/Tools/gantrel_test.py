@@ -162,7 +162,8 @@ class Gantrel(AgentTestCase):
             self.assertRegex(unread.stderr.read(), rb"\Agantrel: standard output cannot be written: [^\n]*\.\n\Z")
         self.assertTrue(eventually(lambda: open_descriptors(self.agent) == idle))
         most = resource.prlimit(self.agent.pid, resource.RLIMIT_NOFILE)
-        resource.prlimit(self.agent.pid, resource.RLIMIT_NOFILE, (idle + 1, most[1]))  # the connection, and no endpoint
+        free = min(set(range(idle + 1)) - {int(number) for number in os.listdir(f"/proc/{self.agent.pid}/fd")})
+        resource.prlimit(self.agent.pid, resource.RLIMIT_NOFILE, (free + 1, most[1]))  # a connection, and no endpoint
         self.assert_fails(4, "refused to register full", "serve", "full", "cat")
         resource.prlimit(self.agent.pid, resource.RLIMIT_NOFILE, most)
         main.send_signal(signal.SIGSTOP)
