@@ -35,7 +35,7 @@ void raiseDescriptorLimit() {
 // Left alone, the C library keeps up to 64 MiB for each of its arenas once it has seen a large
 // block. A service that rests gives back what its largest message took.
 void returnLargeMemory() {
-  ::mallopt(M_MMAP_THRESHOLD, 16 << 20);
+  ::mallopt(M_MMAP_THRESHOLD, 4 << 20);
   ::mallopt(M_TRIM_THRESHOLD, 16 << 20);
 }
 
