@@ -31,7 +31,9 @@ OutgoingFrame valueFrame(const Value& value) {
 
 Frame received(OutgoingFrame frame) {
   frame.bytes.erase(frame.bytes.begin(), frame.bytes.begin() + Wire::headerSize);
-  return {.payload = std::move(frame.bytes), .descriptors = {}};
+  Frame arrived;
+  arrived.payload = std::move(frame.bytes);
+  return arrived;
 }
 
 Value meetings(std::int64_t count) {
