@@ -5,8 +5,6 @@
 #include "Benchmarks/Broker/CapnpEndpoint.h"
 #include "Benchmarks/Broker/Contender.h"
 
-using Platform::UniqueFd;
-
 namespace Benchmark {
 namespace {
 

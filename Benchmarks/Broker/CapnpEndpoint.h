@@ -14,12 +14,12 @@ inline constexpr unsigned descriptorsPerMessage = 1;
 
 class CapnpEndpoint final : public Capnp::Endpoint::Server {
  public:
-  explicit CapnpEndpoint(Platform::UniqueFd descriptor) : descriptor_(std::move(descriptor)) {}
+  explicit CapnpEndpoint(Descriptor descriptor) : descriptor_(std::move(descriptor)) {}
 
   kj::Maybe<int> getFd() override { return descriptor_.get(); }
 
  private:
-  const Platform::UniqueFd descriptor_;
+  const Descriptor descriptor_;
 };
 
 }  // namespace Benchmark

@@ -8,7 +8,6 @@
 #include "Benchmarks/Broker/CapnpEndpoint.h"
 
 using namespace Benchmark;
-using Platform::UniqueFd;
 
 namespace {
 

@@ -1,25 +1,23 @@
-// The floor's client: blocking sendmsg and recvmsg. With many requests in flight it asks anew, by
-// one call, for as many endpoints as the last recvmsg brought.
+// The bare floor's client: blocking sendmsg and recvmsg. With many requests in flight it asks anew,
+// by one call, for as many endpoints as the last recvmsg brought.
 #include <sys/socket.h>
 
 #include "Benchmarks/Broker/Contender.h"
 #include "Benchmarks/Broker/FloorFrames.h"
 #include "Benchmarks/Broker/Sockets.h"
 
-using Platform::UniqueFd;
-
 namespace Benchmark {
 namespace {
 
 class FloorClient : public Client {
  public:
-  explicit FloorClient(UniqueFd socket) : socket_(std::move(socket)) {}
+  explicit FloorClient(Descriptor socket) : socket_(std::move(socket)) {}
 
   bool retrieve(const std::string& identifier) override {
     return retrieveEndpoint(identifier).isValid();
   }
 
-  UniqueFd retrieveEndpoint(const std::string& identifier) {
+  Descriptor retrieveEndpoint(const std::string& identifier) {
     call(FrameKind::retrieve, identifier);
     return reader_.takeDescriptor();
   }
@@ -36,7 +34,7 @@ class FloorClient : public Client {
                               unsigned inFlight) override {
     std::vector<char> requests;
     for (unsigned i = 0; i < inFlight; ++i) {
-      appendFrame(requests, FrameKind::retrieve, identifier);
+      appendFrame(requests, {FrameKind::retrieve, 0, identifier});
     }
     const std::size_t requestSize = requests.size() / inFlight;
 
@@ -62,7 +60,7 @@ class FloorClient : public Client {
  private:
   void call(FrameKind kind, std::string_view payload, std::span<const int> descriptors = {}) {
     request_.clear();
-    appendFrame(request_, kind, payload);
+    appendFrame(request_, {kind, 0, payload});
     send(request_, descriptors);
     if (!reader_.wait()) fail("the broker is gone");
   }
@@ -71,7 +69,7 @@ class FloorClient : public Client {
     if (!sendAll(socket_.get(), bytes, descriptors)) fail("cannot send");
   }
 
-  const UniqueFd socket_;
+  const Descriptor socket_;
   FrameReader reader_{socket_.get()};
   std::vector<char> request_;
 };
@@ -85,9 +83,9 @@ void host(const std::string& address, const std::string& identifier, void (*read
   FloorClient(connectTo(address)).registerEndpoint(identifier, listener.endpoint.get());
   ready();
   std::vector<char> answer;
-  appendFrame(answer, FrameKind::reply);
+  appendFrame(answer, {FrameKind::reply, 0, {}});
   for (;;) {
-    const UniqueFd peer(::accept4(listener.socket.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    const Descriptor peer(::accept4(listener.socket.get(), nullptr, nullptr, SOCK_CLOEXEC));
     FrameReader reader(peer.get());
     while (reader.wait() && sendAll(peer.get(), answer)) {
     }
@@ -96,7 +94,7 @@ void host(const std::string& address, const std::string& identifier, void (*read
 
 void meet(const std::string& address, const std::string& identifier) {
   FloorClient broker(connectTo(address));
-  const UniqueFd endpoint = broker.retrieveEndpoint(identifier);
+  const Descriptor endpoint = broker.retrieveEndpoint(identifier);
   if (!endpoint.isValid()) fail("nothing to meet");
   FloorClient peer(connectToEndpoint(endpoint.get()));
   peer.retrieve("hello");  // the first message; whoever hosts answers any frame with an empty reply

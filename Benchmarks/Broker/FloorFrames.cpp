@@ -7,32 +7,34 @@
 #include <cerrno>
 #include <cstring>
 
-using Platform::UniqueFd;
-
 namespace Benchmark {
 namespace {
 
 constexpr std::size_t descriptorsPerCall = 253;  // SCM_MAX_FD of the kernel
 constexpr std::size_t readSize = 64 << 10;
+constexpr std::size_t mostLength = 256 << 20;
 
 struct Header {
   std::uint32_t length;
   FrameKind kind;
+  std::uint64_t serial;
 };
 
+// What the agent's frames hold beside the identifier, less the serial.
 constexpr std::size_t envelopeSize(FrameKind kind) {
-  return kind == FrameKind::retrieve || kind == FrameKind::registration ? 54 : 10;
+  return kind == FrameKind::retrieve || kind == FrameKind::registration ? 46 : 2;
 }
 
 }  // namespace
 
-void appendFrame(std::vector<char>& out, FrameKind kind, std::string_view payload) {
-  const std::size_t envelope = envelopeSize(kind);
-  const Header header{static_cast<std::uint32_t>(envelope + payload.size()), kind};
-  const auto* const bytes = reinterpret_cast<const char*>(&header);
-  out.insert(out.end(), bytes, bytes + sizeof header);
-  out.resize(out.size() + envelope);
-  out.insert(out.end(), payload.begin(), payload.end());
+void appendFrame(std::vector<char>& out, const Frame& frame) {
+  const std::size_t envelope = envelopeSize(frame.kind);
+  const Header header{static_cast<std::uint32_t>(envelope + frame.payload.size()), frame.kind,
+                      frame.serial};
+  const std::size_t start = out.size();
+  out.resize(start + sizeof header + header.length);
+  std::memcpy(out.data() + start, &header, sizeof header);
+  frame.payload.copy(out.data() + start + sizeof header + envelope, frame.payload.size());
 }
 
 bool sendAll(int socket, std::span<const char> bytes, std::span<const int> descriptors) {
@@ -70,6 +72,7 @@ bool FrameReader::receive() {
   if (end_ >= sizeof(Header)) {
     Header header;
     std::memcpy(&header, buffer_.data(), sizeof header);
+    if (header.length > mostLength) return false;
     buffer_.resize(std::max(buffer_.size(), sizeof header + header.length));
   }
 
@@ -101,10 +104,11 @@ std::optional<Frame> FrameReader::next() {
   if (end_ - begin_ < sizeof header) return std::nullopt;
   std::memcpy(&header, buffer_.data() + begin_, sizeof header);
   if (end_ - begin_ - sizeof header < header.length) return std::nullopt;
+  if (header.length < envelopeSize(header.kind)) return std::nullopt;
   std::string_view payload(buffer_.data() + begin_ + sizeof header, header.length);
   payload.remove_prefix(envelopeSize(header.kind));
   begin_ += sizeof header + header.length;
-  return Frame{header.kind, payload};
+  return Frame{header.kind, header.serial, payload};
 }
 
 std::optional<Frame> FrameReader::wait() {
@@ -114,9 +118,9 @@ std::optional<Frame> FrameReader::wait() {
   }
 }
 
-UniqueFd FrameReader::takeDescriptor() {
+Descriptor FrameReader::takeDescriptor() {
   if (descriptors_.empty()) return {};
-  UniqueFd descriptor = std::move(descriptors_.front());
+  Descriptor descriptor = std::move(descriptors_.front());
   descriptors_.pop_front();
   return descriptor;
 }

@@ -1,7 +1,8 @@
-// The floor's wire: what bare sendmsg and recvmsg need to carry the same requests and replies.
+// The floors' wire: what bare sendmsg and recvmsg need to carry the same requests and replies.
 //
-// A frame is a Header and `length` bytes. A request carries the identifier, a reply nothing; the
-// one descriptor of a registration or of a retrieved endpoint rides along as SCM_RIGHTS.
+// A frame is a Header and `length` bytes, as many as the agent's takes. A request carries the
+// identifier, a reply nothing; the one descriptor of a registration or of a retrieved endpoint
+// rides along as SCM_RIGHTS.
 #pragma once
 
 #include <cstddef>
@@ -12,7 +13,7 @@
 #include <string_view>
 #include <vector>
 
-#include "Platform/Runtime/UniqueFd.h"
+#include "Benchmarks/Broker/Descriptor.h"
 
 namespace Benchmark {
 
@@ -20,10 +21,11 @@ enum class FrameKind : std::uint32_t { retrieve, registration, reply, replyWithE
 
 struct Frame {
   FrameKind kind;
+  std::uint64_t serial;      // of the request, repeated by its reply
   std::string_view payload;  // valid until the next call of FrameReader::receive
 };
 
-void appendFrame(std::vector<char>& out, FrameKind kind, std::string_view payload = {});
+void appendFrame(std::vector<char>& out, const Frame& frame);
 
 // Blocks until all is sent; the descriptors ride with the first byte. False when the peer is gone.
 bool sendAll(int socket, std::span<const char> bytes, std::span<const int> descriptors = {});
@@ -40,14 +42,14 @@ class FrameReader {
   // Blocks for one frame. None when the peer is gone.
   std::optional<Frame> wait();
   // The oldest descriptor that arrived; an invalid one when there is none.
-  Platform::UniqueFd takeDescriptor();
+  Descriptor takeDescriptor();
 
  private:
   const int socket_;
   std::vector<char> buffer_;
   std::size_t begin_ = 0;  // of what is not yet taken
   std::size_t end_ = 0;
-  std::deque<Platform::UniqueFd> descriptors_;
+  std::deque<Descriptor> descriptors_;
 };
 
 }  // namespace Benchmark

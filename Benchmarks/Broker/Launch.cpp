@@ -9,7 +9,7 @@
 
 namespace Benchmark {
 
-void becomeServer(Platform::UniqueFd listener, const std::string& name, char* const* command) {
+void becomeServer(Descriptor listener, const std::string& name, char* const* command) {
   const int handed = 3;
   // dup2 onto itself would keep close-on-exec.
   const bool placed = listener.get() == handed ? ::fcntl(handed, F_SETFD, 0) == 0

@@ -3,13 +3,12 @@
 
 #include <string>
 
-#include "Platform/Runtime/UniqueFd.h"
+#include "Benchmarks/Broker/Descriptor.h"
 
 namespace Benchmark {
 
 // Becomes `command` (an argument vector that ends with null), which finds `listener` as its first
 // handed descriptor under `name`; see sd_listen_fds(3).
-[[noreturn]] void becomeServer(Platform::UniqueFd listener, const std::string& name,
-                               char* const* command);
+[[noreturn]] void becomeServer(Descriptor listener, const std::string& name, char* const* command);
 
 }  // namespace Benchmark

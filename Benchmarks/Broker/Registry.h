@@ -7,17 +7,17 @@
 #include <string_view>
 #include <unordered_map>
 
-#include "Platform/Runtime/UniqueFd.h"
+#include "Benchmarks/Broker/Descriptor.h"
 
 namespace Benchmark {
 
 // Any thread. The one lock is never contended for longer than a look-up takes.
 class Registry {
  public:
-  using Endpoint = std::shared_ptr<const Platform::UniqueFd>;
+  using Endpoint = std::shared_ptr<const Descriptor>;
 
-  void put(std::string_view identifier, Platform::UniqueFd endpoint) {
-    auto shared = std::make_shared<const Platform::UniqueFd>(std::move(endpoint));
+  void put(std::string_view identifier, Descriptor endpoint) {
+    auto shared = std::make_shared<const Descriptor>(std::move(endpoint));
     const std::lock_guard lock(mutex_);
     const auto found = endpoints_.find(identifier);
     if (found != endpoints_.end()) {

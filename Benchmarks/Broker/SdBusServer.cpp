@@ -15,7 +15,6 @@
 #include "Benchmarks/Broker/SdBus.h"
 
 using namespace Benchmark;
-using Platform::UniqueFd;
 
 namespace {
 
@@ -56,7 +55,7 @@ void process(sd_bus* bus) {
   }
 }
 
-void servePeer(UniqueFd socket, Registry& registry) {
+void servePeer(Descriptor socket, Registry& registry) {
   const SdBusConnection connection = newSdBusConnection();
   sd_bus* const bus = connection.get();
   sd_id128_t id;
@@ -83,9 +82,9 @@ int main(int count, char** arguments) {
     process(connection.get());
     return EXIT_FAILURE;  // the bus is gone
   }
-  const UniqueFd listener = handedSocket();
+  const Descriptor listener = handedSocket();
   for (;;) {
-    UniqueFd socket(::accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    Descriptor socket(::accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
     if (!socket.isValid()) fail("accept");
     std::thread([&registry, socket = std::move(socket)]() mutable {
       servePeer(std::move(socket), registry);

@@ -11,8 +11,6 @@
 #include <cstdlib>
 #include <cstring>
 
-using Platform::UniqueFd;
-
 namespace Benchmark {
 namespace {
 
@@ -29,8 +27,8 @@ sockaddr_un addressOf(const std::string& path) {
   return address;
 }
 
-UniqueFd streamSocket() {
-  UniqueFd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+Descriptor streamSocket() {
+  Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   if (!socket.isValid()) fail("socket");
   return socket;
 }
@@ -42,8 +40,8 @@ void fail(const std::string& what) {
   std::exit(EXIT_FAILURE);
 }
 
-UniqueFd listenAt(const std::string& path) {
-  UniqueFd socket = streamSocket();
+Descriptor listenAt(const std::string& path) {
+  Descriptor socket = streamSocket();
   const sockaddr_un address = addressOf(path);
   if (::bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
       ::listen(socket.get(), SOMAXCONN) != 0) {
@@ -52,8 +50,8 @@ UniqueFd listenAt(const std::string& path) {
   return socket;
 }
 
-UniqueFd connectTo(const std::string& path) {
-  UniqueFd socket = streamSocket();
+Descriptor connectTo(const std::string& path) {
+  Descriptor socket = streamSocket();
   const sockaddr_un address = addressOf(path);
   if (::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
     fail("cannot connect to " + path);
@@ -61,16 +59,16 @@ UniqueFd connectTo(const std::string& path) {
   return socket;
 }
 
-UniqueFd handedSocket() {
-  return UniqueFd(firstHandedDescriptor);
+Descriptor handedSocket() {
+  return Descriptor(firstHandedDescriptor);
 }
 
 AnonymousListener makeAnonymousListener() {
   const char* const directory = std::getenv("XDG_RUNTIME_DIR");
   const std::string path =
       std::string(directory ? directory : "/tmp") + "/listener-" + std::to_string(::getpid());
-  UniqueFd socket = listenAt(path);
-  UniqueFd endpoint(::open(path.c_str(), O_PATH | O_CLOEXEC));
+  Descriptor socket = listenAt(path);
+  Descriptor endpoint(::open(path.c_str(), O_PATH | O_CLOEXEC));
   if (!endpoint.isValid() || ::unlink(path.c_str()) != 0) fail(path);
   return {std::move(socket), std::move(endpoint)};
 }
@@ -80,12 +78,12 @@ int ownEndpoint() {
   return listener.endpoint.get();
 }
 
-UniqueFd connectToEndpoint(int endpoint) {
+Descriptor connectToEndpoint(int endpoint) {
   return connectTo("/proc/self/fd/" + std::to_string(endpoint));
 }
 
-UniqueFd duplicate(int descriptor) {
-  UniqueFd copy(::fcntl(descriptor, F_DUPFD_CLOEXEC, 0));
+Descriptor duplicate(int descriptor) {
+  Descriptor copy(::fcntl(descriptor, F_DUPFD_CLOEXEC, 0));
   if (!copy.isValid()) fail("cannot duplicate a descriptor");
   return copy;
 }

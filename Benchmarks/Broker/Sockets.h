@@ -3,23 +3,23 @@
 
 #include <string>
 
-#include "Platform/Runtime/UniqueFd.h"
+#include "Benchmarks/Broker/Descriptor.h"
 
 namespace Benchmark {
 
 // Ends the process with `what` and the text of errno.
 [[noreturn]] void fail(const std::string& what);
 
-Platform::UniqueFd listenAt(const std::string& path);
-Platform::UniqueFd connectTo(const std::string& path);
+Descriptor listenAt(const std::string& path);
+Descriptor connectTo(const std::string& path);
 
 // What the service manager's protocol hands to a server: the first descriptor after standard error.
-Platform::UniqueFd handedSocket();
+Descriptor handedSocket();
 
 // A listener without a name, and the endpoint by which others reach it: an O_PATH descriptor.
 struct AnonymousListener {
-  Platform::UniqueFd socket;
-  Platform::UniqueFd endpoint;
+  Descriptor socket;
+  Descriptor endpoint;
 };
 AnonymousListener makeAnonymousListener();
 
@@ -27,10 +27,10 @@ AnonymousListener makeAnonymousListener();
 int ownEndpoint();
 
 // A connection to the listener behind an endpoint.
-Platform::UniqueFd connectToEndpoint(int endpoint);
+Descriptor connectToEndpoint(int endpoint);
 
 // A private copy of a descriptor that somebody else will close.
-Platform::UniqueFd duplicate(int descriptor);
+Descriptor duplicate(int descriptor);
 
 // As many descriptors as the system lets this process have.
 void raiseDescriptorLimit();

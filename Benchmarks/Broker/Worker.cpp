@@ -30,7 +30,6 @@
 #include "Benchmarks/Broker/Sockets.h"
 
 using namespace Benchmark;
-using Platform::UniqueFd;
 
 namespace {
 
@@ -69,14 +68,14 @@ Clock::time_point after(double seconds) {
 }
 
 int launch(char** arguments) {
-  UniqueFd listener = listenAt(arguments[0]);
+  Descriptor listener = listenAt(arguments[0]);
   ready();
   becomeServer(std::move(listener), arguments[1], arguments + 2);
 }
 
 int startup(char** arguments) {
   const std::string address = arguments[0];
-  UniqueFd listener = listenAt(address);
+  Descriptor listener = listenAt(address);
   // The child notes the time just before its exec.
   void* const shared = ::mmap(nullptr, sizeof(Clock::time_point), PROT_READ | PROT_WRITE,
                               MAP_SHARED | MAP_ANONYMOUS, -1, 0);

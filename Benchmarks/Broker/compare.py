@@ -9,7 +9,7 @@ import os
 import resource
 import time
 
-from contenders import BY_NAME, OURS, Log, Server, finish, startup
+from contenders import BY_NAME, LOGGING, OURS, Log, Server, finish, startup
 from report import Limit, Question, Ratio, Sample, report
 
 ROUNDS = 9
@@ -20,7 +20,7 @@ LARGE_LENGTH = 1_000_000
 STARTUPS = 20
 REST = 10  # seconds without a system call
 
-FLOOR, GATHERED, SDBUS, BUS = "floor", "gathered", "sd-bus", "bus"
+FLOOR, GATHERED, SDBUS, BUS = "bare", "bare-gathered", "sd-bus", "bus"
 WAITING = [name for name in BY_NAME if name != GATHERED]  # gathering is for many in flight
 FIRST, *OTHERS = sorted(os.sched_getaffinity(0))
 SECOND = OTHERS[0] if OTHERS else FIRST
@@ -47,10 +47,10 @@ def interleaved(subjects, measure, rounds=ROUNDS):
 
 @contextlib.contextmanager
 def serving(names, processors, log=None):
-    """A server of each, by name, on these processors; ours logs to `log`."""
+    """A server of each, by name, on these processors; those that log do so to `log`."""
     os.sched_setaffinity(0, processors)
     with contextlib.ExitStack() as stack:
-        yield {name: stack.enter_context(Server(BY_NAME[name], log if name == OURS else None))
+        yield {name: stack.enter_context(Server(BY_NAME[name], log if name in LOGGING else None))
                for name in names}
 
 

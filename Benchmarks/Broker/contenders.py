@@ -39,9 +39,12 @@ def agent_service_name():
 AGENT = agent_service_name()
 
 BY_NAME = {contender.name: contender for contender in (
-    Contender("floor", "bare sockets", "bench_floor_client", (program("bench_floor_server"), "1")),
-    Contender("gathered", "bare sockets, replies gathered", "bench_floor_client",
-              (program("bench_floor_server"), "64")),
+    Contender("bare", "bare sockets: the physical limit", "bench_floor_client",
+              (program("bench_floor_server"), "bare", "1")),
+    Contender("bare-gathered", "bare sockets, replies gathered: the physical limit",
+              "bench_floor_client", (program("bench_floor_server"), "bare", "64")),
+    Contender("fair", "the least that an honest broker does, replies gathered", "bench_fair_client",
+              (program("bench_floor_server"), "fair", "64")),
     Contender("sd-bus", "sd-bus, peer to peer", "bench_sdbus_client",
               (program("bench_sdbus_server"),)),
     Contender("bus", "sd-bus through dbus-daemon", "bench_sdbus_client",
@@ -54,6 +57,7 @@ BY_NAME = {contender.name: contender for contender in (
               socket=f"gantrel/{AGENT}.socket", handed_name=AGENT),
 )}
 OURS = "gantrel"
+LOGGING = (OURS, "fair")  # who logs each request
 
 
 class Log:
@@ -108,8 +112,7 @@ class Server(Place):
     def __enter__(self):
         super().__enter__()
         errors = self.log.file if self.log else subprocess.DEVNULL
-        launch = [program(BY_NAME["floor"].client), "launch", self.socket,
-                  self.contender.handed_name]
+        launch = [program(self.contender.client), "launch", self.socket, self.contender.handed_name]
         self.address = self.socket
         self.processes = [start([*launch, *self.contender.server], self.environment, errors)]
         if self.contender.service:
