@@ -8,8 +8,11 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
+#include <ctime>
 #include <iterator>
 #include <nlohmann/json.hpp>
+#include <set>
 #include <utility>
 
 #include "Platform/Runtime/Escaped.h"
@@ -30,8 +33,8 @@ const std::string dataPrefix = "data:";
 const std::string realPrefix = "real:";
 const std::string endpointPrefix = "endpoint:";
 
-constexpr double micro = 1e6;
-constexpr double endOfTime = 253402300800;  // the year 10000, in seconds
+constexpr double beyondCalendars = 1e12;  // seconds
+constexpr int mostDigits = 9;             // of a second's fraction
 
 bool hasPrefix(const std::string& string) {
   for (const auto& prefix : {textPrefix, datePrefix, dataPrefix, realPrefix, endpointPrefix}) {
@@ -45,13 +48,6 @@ std::string base64FromData(const Data& data) {
   std::string copy = text;
   g_free(text);
   return copy;
-}
-
-std::optional<double> realFromText(const std::string& text) {
-  char* end = nullptr;
-  const double number = std::strtod(text.c_str(), &end);
-  const bool isWhole = !text.empty() && end == text.c_str() + text.size();
-  return isWhole ? std::optional(number) : std::nullopt;
 }
 
 std::optional<Data> dataFromBase64(const std::string& text) {
@@ -87,10 +83,8 @@ class Reader {
     }
     Dictionary dictionary;
     for (const auto& [key, item] : json.items()) {
-      const auto text = Text::fromUtf8(key);  // it is: the parser has checked
-      if (text && !dictionary.emplace(*text, value(item, depth + 1)).second) {
-        return wrong("has a key twice");
-      }
+      dictionary.emplace(*Text::fromUtf8(key),
+                         value(item, depth + 1));  // the parser has checked it
     }
     return dictionary;
   }
@@ -99,7 +93,8 @@ class Reader {
     const std::string rest = string.substr(string.find(':') + 1);
     if (string.starts_with(endpointPrefix)) return findEndpoint_(rest);
     if (string.starts_with(datePrefix))
-      return orWrong(dateFromText(rest), "has no date after its prefix");
+      return orWrong(dateFromText(rest),
+                     "has no date after its prefix, such as 2026-03-05T14:07:00Z");
     if (string.starts_with(dataPrefix))
       return orWrong(dataFromBase64(rest), "has no Base64 after its prefix");
     if (string.starts_with(realPrefix))
@@ -160,25 +155,30 @@ Json jsonFrom(const Value& value) {
 
 }  // namespace
 
+std::optional<double> realFromText(const std::string& text) {
+  double number = 0;
+  const char* const end = text.data() + text.size();
+  const auto [rest, error] = std::from_chars(text.data(), end, number);
+  return error == std::errc() && rest == end ? std::optional(number) : std::nullopt;
+}
+
 std::string textFromDate(NSDate date) {
   const double seconds = date.timeIntervalSince1970;
+  const double whole = std::floor(seconds);
+  const auto second = static_cast<std::time_t>(std::abs(whole) < beyondCalendars ? whole : 0);
+  std::tm day{};
+  ::gmtime_r(&second, &day);
   char text[64];
-  const auto number = std::to_chars(text + 1, std::end(text) - 1, seconds);
-  text[0] = '@';
-  *number.ptr = '\0';
-  if (!(std::abs(seconds) < endOfTime)) return text;
-  const double rounded = std::round(seconds * micro);
-  const double whole = std::floor(rounded / micro);
-  GDateTime* const second = g_date_time_new_from_unix_utc(static_cast<gint64>(whole));
-  if (!second) return text;
-  char* const day = g_date_time_format(second, "%Y-%m-%dT%H:%M:%S");
-  std::snprintf(text, sizeof text, "%s.%06d", day, static_cast<int>(rounded - whole * micro));
-  g_free(day);
-  g_date_time_unref(second);
-  std::string shortest = text;
-  shortest.resize(shortest.find_last_not_of('0') + 1);
-  if (shortest.ends_with('.')) shortest.pop_back();
-  return shortest + "Z";
+  std::snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d", day.tm_year + 1900,
+                day.tm_mon + 1, day.tm_mday, day.tm_hour, day.tm_min, day.tm_sec);
+  for (int digits = 0; digits <= mostDigits; ++digits) {
+    char fraction[16];
+    std::snprintf(fraction, sizeof fraction, "%.*f", digits, seconds - whole);
+    std::string candidate = std::string(text) + (fraction + 1) + "Z";
+    if (fraction[0] == '0' && dateFromText(candidate) == date) return candidate;
+  }
+  const auto number = std::to_chars(text, std::end(text), seconds);
+  return "@" + std::string(text, number.ptr);
 }
 
 std::optional<NSDate> dateFromText(const std::string& text) {
@@ -186,12 +186,18 @@ std::optional<NSDate> dateFromText(const std::string& text) {
     const auto seconds = realFromText(text.substr(1));
     return seconds ? std::optional(NSDate{*seconds}) : std::nullopt;
   }
-  GDateTime* const time = g_date_time_new_from_iso8601(text.c_str(), nullptr);
-  if (!time) return std::nullopt;
-  const NSDate date{static_cast<double>(g_date_time_to_unix(time)) +
-                    g_date_time_get_microsecond(time) / micro};
-  g_date_time_unref(time);
-  return date;
+  std::tm given{};
+  const char* rest = ::strptime(text.c_str(), "%Y-%m-%dT%H:%M:%S", &given);
+  if (!rest) return std::nullopt;
+  const std::size_t digits = *rest == '.' ? std::strspn(rest + 1, "0123456789") : 0;
+  const std::string fraction(rest, digits > 0 ? digits + 1 : 0);
+  std::tm zone{};
+  const char* const end = ::strptime(rest + fraction.size(), "%z", &zone);
+  std::tm there = given;  // no 60th second, no 30th of February
+  const std::time_t second = ::timegm(&there);
+  const bool isThere = there.tm_mday == given.tm_mday && there.tm_sec == given.tm_sec;
+  if (end != text.c_str() + text.size() || !isThere) return std::nullopt;
+  return NSDate{static_cast<double>(second - zone.tm_gmtoff) + realFromText(fraction).value_or(0)};
 }
 
 std::optional<Value> valueFromJson(const std::string& argument, const FindEndpoint& findEndpoint,
@@ -201,8 +207,18 @@ std::optional<Value> valueFromJson(const std::string& argument, const FindEndpoi
   if (hasPrefix(argument)) {
     value = reader.fromString(argument);
   } else {
+    std::vector<std::set<Text>> keys;  // of each object that is open
+    const auto look = [&](int, Json::parse_event_t event, Json& parsed) {
+      if (event == Json::parse_event_t::object_start) keys.emplace_back();
+      if (event == Json::parse_event_t::object_end) keys.pop_back();
+      if (event == Json::parse_event_t::key &&
+          !keys.back().insert(*Text::fromUtf8(parsed.get<std::string>())).second) {
+        problem = "has a key twice";
+      }
+      return true;
+    };
     try {
-      value = reader.value(Json::parse(argument));
+      value = reader.value(Json::parse(argument, look));
     } catch (const Json::parse_error& error) {
       problem = "is no JSON from byte " + std::to_string(error.byte) +
                 " on (a text is written '\"so\"', or text:so)";

@@ -15,8 +15,11 @@
 
 namespace Gantrel_Sync_Helper {
 
-// A date as ISO 8601 in UTC, to the microsecond; one outside of the years 1 to 9999 as "@" and its
-// seconds since 1970. Read with any offset.
+// None for anything after a number, or before it.
+std::optional<double> realFromText(const std::string& text);
+
+// A date as ISO 8601 in UTC, or as "@" and its seconds since 1970 where that would not give the
+// same instant again. Read with any offset.
 std::string textFromDate(Platform::NSDate date);
 std::optional<Platform::NSDate> dateFromText(const std::string& text);
 

@@ -10,6 +10,7 @@
 #include "Platform/Runtime/Escaped.h"
 #include "Platform/Runtime/StandardStreams.h"
 #include "Tools/Commands.h"
+#include "Tools/Json.h"
 
 using namespace Gantrel_Sync_Helper;
 
@@ -65,6 +66,14 @@ const Command commands[] = {
      [](auto& options, auto&, auto&) { return monitor(options); }},
 };
 
+// Empty when there is none.
+std::string problemWithSeconds(const std::string& text) {
+  const bool isPlain = text.find_first_not_of("0123456789.") == text.npos;
+  const double seconds = isPlain ? realFromText(text).value_or(0) : 0;
+  if (seconds > 0 && seconds <= longestPatience) return {};
+  return "it takes a plain number of seconds, above 0 and at most 1000000, such as 2.5";
+}
+
 void addOptions(CLI::App& parser, const std::string& names, Options& options) {
   const auto has = [&names](const char* name) { return names.find(name) != names.npos; };
   if (has("json")) parser.add_flag("--json", options.asJson, "for programs, as JSON");
@@ -74,7 +83,7 @@ void addOptions(CLI::App& parser, const std::string& names, Options& options) {
   }
   if (has("timeout")) {
     parser.add_option("--timeout", options.seconds, "how long to wait for others, in seconds")
-        ->check(CLI::Range(0.0, longestPatience));
+        ->check(problemWithSeconds);
   }
 }
 

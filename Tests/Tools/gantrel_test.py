@@ -146,6 +146,10 @@ class Gantrel(AgentTestCase):
             (65, "no JSON from byte 3 on", "send", MAIN_APP, "openMeetingWithId:", '"x'),
             (4, "refused", "call", MAIN_APP, "a::", "[" * 32 + "]" * 32),
             (65, "nested", "call", MAIN_APP, "a::", "[" * 33 + "]" * 33),
+            (65, "no date", "send", MAIN_APP, "a:", "date:2026-03-05T14:07:60Z"),
+            (65, "no date", "send", MAIN_APP, "a:", "date:2026-02-30T14:07:00Z"),
+            (65, "a key twice", "send", MAIN_APP, "a:", '[{"a": {"a": 1}, "e\u0301": 1, "\u00e9": 2}]'),
+            *((64, "plain number", "find", "--timeout", wrong, "a") for wrong in ("nan", "inf", "0x5", "-1", "0", "1e3")),
             (65, "larger", "send", MAIN_APP, "a:", json.dumps(["endpoint:" + MAIN_APP] * 254)),
             (65, "UTF-8", "call", MAIN_APP, "a::", b'"\xff"'),
             (65, "UTF-8", "find", b"\xff"),
@@ -186,7 +190,8 @@ class Gantrel(AgentTestCase):
         gantrel.Agent().register(listener.endpoint, "echo")
         threading.Thread(target=listener.serve_forever, daemon=True).start()
         self.addCleanup(listener.close)
-        values = ["null", "true", "[-9223372036854775808, 18446744073709551615, 1.0]", "date:2026-03-05T14:07:00.25Z",
+        values = ["null", '[true, -9223372036854775808, 18446744073709551615, 1.0]', "date:2026-03-05T14:07:00.1234567Z",
+                  '["date:0001-01-01T00:00:00Z", "date:1938-04-24T22:13:19.75Z", "date:@-0.1", "date:@253402300800"]',
                   "data:AAH/", '{"\\u0000\\u001b": "text:data:", "caf\\u00e9": "date:@1e+300", "\\u202e": "real:-inf"}',
                   "endpoint:echo"]
         status, output, error = self.run_tool("call", "echo", "echo::::::::", *values)
