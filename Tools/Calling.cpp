@@ -53,11 +53,11 @@ void checkSelector(const std::string& selector, Expecting expecting, std::size_t
       fail(Status::refused, who + " has refused: it knows no " + escaped(selector) +
                                 ", or not with these arguments.");
     case NSXPCConnectionError::replyInvalid:
-      fail(Status::refused, who + " has answered with what is no value.");
+      fail(Status::ended, who + " answered, but the answer has not arrived whole.");
     case NSXPCConnectionError::timedOut:
       fail(Status::notInTime, who + " runs, but did not answer in time.");
     default:
-      fail(Status::ended, who + " ended before it answered.");
+      fail(Status::ended, who + " ended before it answered, or sent what is not understood.");
   }
 }
 

@@ -6,7 +6,9 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <sstream>
+#include <system_error>
 
 #include "Platform/Runtime/Escaped.h"
 #include "Tools/Terminal.h"
@@ -18,13 +20,17 @@ using namespace Platform;
 void requireProgram(const std::string& name) {
   const char* const path = std::getenv("PATH");
   const bool isPath = name.find('/') != name.npos;
-  std::istringstream folders(isPath || !path ? "" : path);
-  std::string file = isPath ? name : "";
-  for (std::string folder; ::access(file.c_str(), X_OK) != 0; file = folder + "/" + name) {
-    if (!std::getline(folders, folder, ':')) {
-      fail(Status::notFound, "there is no command " + escaped(name) + " that may be run.");
-    }
+  std::istringstream folders(isPath ? "." : path ? path : "/bin:/usr/bin");
+  bool isThere = false;
+  for (std::string folder; std::getline(folders, folder, ':');) {
+    const auto file = std::filesystem::path(folder) / name;
+    std::error_code hidden;
+    const auto status = std::filesystem::status(file, hidden);
+    isThere = isThere || std::filesystem::exists(status);
+    if (std::filesystem::is_regular_file(status) && ::access(file.c_str(), X_OK) == 0) return;
   }
+  if (isThere) fail(Status::cannotRun, "the command " + escaped(name) + " may not be run.");
+  fail(Status::notFound, "there is no command " + escaped(name) + ".");
 }
 
 pid_t start(const std::vector<std::string>& command, int input, int output, Group group) {

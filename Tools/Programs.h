@@ -8,7 +8,8 @@
 
 namespace Gantrel_Sync_Helper {
 
-// Ends the process with a sentence when there is no such program.
+// Ends the process with a sentence, and a shell's status, when there is no such program, or it may
+// not be run.
 void requireProgram(const std::string& name);
 
 enum class Group { same, own };  // whom an interrupt of the terminal reaches

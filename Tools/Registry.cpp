@@ -4,6 +4,8 @@
 
 #include "Platform/Runtime/Escaped.h"
 #include "Platform/Runtime/RuntimeDirectory.h"
+#include "Platform/XPC/NamedService.h"
+#include "Platform/XPC/Socket.h"
 #include "Shared/GApp.h"
 
 namespace Gantrel_Sync_Helper {
@@ -17,10 +19,7 @@ Registry::Registry(Patience patience)
 
 std::optional<EndpointRef> Registry::tryToRetrieve(const Text& identifier) {
   std::optional<EndpointRef> answer;
-  isLate_ = false;
-  const auto onError = [this](NSXPCConnectionError error) {
-    isLate_ = error == NSXPCConnectionError::timedOut;
-  };
+  const auto onError = [this](NSXPCConnectionError error) { error_ = error; };
   agent_->agentConnection()
       ->synchronousRemoteObjectProxyWithErrorHandler<EndPointHandling>(onError, patience_)
       ->retrieveListenerEndpoint(identifier, [&](std::optional<EndpointRef> found) {
@@ -61,9 +60,9 @@ void Registry::registerEndpoint(const EndpointRef& endpoint, const Text& identif
   const auto end = std::chrono::steady_clock::now() + patience_;
   const auto isStored = agent_->registerEndpoint(endpoint, identifier, patience_);
   if (isStored == true) return;
-  isLate_ = !isStored && std::chrono::steady_clock::now() >= end;
-  if (isLate_) failWithoutAnswer();
-  retrieve(identifier);  // says why, where the agent is not there
+  error_ = NSXPCConnectionError::timedOut;
+  if (!isStored && std::chrono::steady_clock::now() >= end) failWithoutAnswer();
+  retrieve(identifier);  // says why, where this is not answered either
   fail(Status::refused, "the agent has refused to register " + shown(identifier) +
                             ": it may have no room for more.");
 }
@@ -73,19 +72,47 @@ void Registry::remove(const Text& identifier) {
   retrieve(identifier);
 }
 
-void Registry::removeIfStill(const EndpointRef& endpoint, const Text& identifier) {
-  const auto found = tryToRetrieve(identifier);
-  if (!found || !*found || !look(**found).isOfSameListener(look(*endpoint))) return;
-  agent_->removeEndpoint(identifier);
-  tryToRetrieve(identifier);
+Status Registry::removeIfStill(const EndpointRef& endpoint, const Text& identifier) {
+  auto found = tryToRetrieve(identifier);
+  const bool isStill = found && *found && look(**found).isOfSameListener(look(*endpoint));
+  if (isStill) {
+    agent_->removeEndpoint(identifier);
+    found = tryToRetrieve(identifier);
+  }
+  if (found) return Status::done;
+  const auto [status, sentence] = whyNoAnswer();
+  if (status == Status::noAgent) return Status::done;  // its entries have gone with it
+  complain("the entry " + shown(identifier) + " could not be removed: " + sentence);
+  return status;
+}
+
+Registry::Reason Registry::whyNoAnswer() const {
+  const std::string name = shown(agentAppBundleIdentifier);
+  if (error_ == NSXPCConnectionError::timedOut) {
+    return {Status::notInTime, "the agent runs, but did not answer in time."};
+  }
+  if (error_ == NSXPCConnectionError::refused || error_ == NSXPCConnectionError::replyInvalid) {
+    return {Status::ended, "whoever serves " + name + " does not answer as the agent does."};
+  }
+  const std::string problem = runtimeDirectoryProblem();
+  if (!problem.empty()) {
+    return {Status::noAgent, "the agent cannot be reached: " + escaped(problem) + "."};
+  }
+  const auto path = namedServicePath(agentAppBundleIdentifier);
+  switch (path ? connectTo(*path).outcome : ConnectOutcome::refused) {
+    case ConnectOutcome::connected:
+      return {Status::ended, "whoever serves " + name + " ended, or sent what is not understood."};
+    case ConnectOutcome::tryLater:
+      return {Status::notInTime, "the agent lets nobody in now, or no descriptor is left here."};
+    case ConnectOutcome::refused:
+      break;
+  }
+  return {Status::noAgent, "the agent is not running: nobody serves " + name + "."};
 }
 
 void Registry::failWithoutAnswer() const {
-  if (isLate_) fail(Status::notInTime, "the agent runs, but did not answer in time.");
-  const std::string problem = runtimeDirectoryProblem();
-  fail(Status::noAgent, problem.empty() ? "the agent is not running: nobody serves " +
-                                              shown(agentAppBundleIdentifier) + "."
-                                        : "the agent cannot be reached: " + escaped(problem) + ".");
+  const auto [status, sentence] = whyNoAnswer();
+  fail(status, sentence);
 }
 
 void failAsGone(const Text& identifier) {

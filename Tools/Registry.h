@@ -36,16 +36,22 @@ class Registry {
   void registerEndpoint(const Platform::EndpointRef& endpoint, const Platform::Text& identifier);
   // Returns when the agent has done it.
   void remove(const Platform::Text& identifier);
-  // The same, if the entry is for the endpoint given, and if the agent answers. Somebody else's
-  // that takes its place between the look and the removal is removed in its stead.
-  void removeIfStill(const Platform::EndpointRef& endpoint, const Platform::Text& identifier);
+  // The same, if the entry is for the endpoint given. Somebody else's that takes its place between
+  // the look and the removal is removed in its stead. Without an answer it says so, and gives the
+  // status for it.
+  Status removeIfStill(const Platform::EndpointRef& endpoint, const Platform::Text& identifier);
 
  private:
+  struct Reason {
+    Status status;
+    std::string sentence;
+  };
+  Reason whyNoAnswer() const;  // to the last question
   [[noreturn]] void failWithoutAnswer() const;
 
   const Patience patience_;
   const std::shared_ptr<EndPointHandler> agent_;
-  bool isLate_ = false;  // the last answer did not come in time
+  Platform::NSXPCConnectionError error_{};  // of the last question without an answer
 };
 
 // The sentence about an entry whose listener is gone, and the end of the process.

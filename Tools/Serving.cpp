@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -29,6 +30,8 @@ using namespace Platform;
 namespace {
 
 constexpr auto untilKilled = std::chrono::seconds(2);
+constexpr Patience untilLeftBehind =
+    std::chrono::seconds(1);  // an entry, by an agent that is silent
 constexpr auto untilTriedAgain = std::chrono::milliseconds(100);
 
 // The signals that are read instead of taken. To be made before there are other threads.
@@ -92,6 +95,7 @@ Status serve(const Options& options, const Text& identifier,
   complain("serves " + shown(identifier) + ".");
 
   Server server(command);
+  auto status = Status::done;
   int interrupts = 0;
   bool isFull = false;  // of processes or descriptors: some time later there may be room
   while (interrupts == 0 || server.hasChildren()) {
@@ -111,8 +115,9 @@ Status serve(const Options& options, const Text& identifier,
     if (!isInterrupted) continue;
     if (++interrupts == 1) {
       // First nobody finds it any more, then those who had found it are let in.
-      registry->removeIfStill(own->endpoint, identifier);
       registry.reset();
+      Registry last(std::min(options.patience(), untilLeftBehind));
+      status = last.removeIfStill(own->endpoint, identifier);
       server.acceptAll(own->socket->get());
       own.reset();
       isFull = false;
@@ -122,7 +127,7 @@ Status serve(const Options& options, const Text& identifier,
       interrupts = 2;
     }
   }
-  return Status::done;
+  return status;
 }
 
 }  // namespace Gantrel_Sync_Helper

@@ -17,7 +17,7 @@ enum class Status : int {
   gone = 2,     // registered, but nobody listens there any more
   noAgent = 3,  // the agent cannot be reached
   refused = 4,  // by the peer
-  ended = 5,    // the conversation, before it was over
+  ended = 5,    // the conversation, before it was over, or it was not to be understood
   notInTime = 6,
   noLog = 7,  // of the agent
   usage = 64,

@@ -55,6 +55,15 @@ class Gantrel(AgentTestCase):
         self.assertEqual((told, output), (status, ""), error)
         self.assertRegex(error, rf"\Agantrel: [^\n]*{sentence}[^\n]*\.\n\Z")
 
+    def assert_misunderstands(self, listening, answer, sentence, *arguments):
+        caller = self.start(*arguments)
+        while not (peer := listening.accept()[0]).recv(1):  # a look at whether somebody is there
+            pass
+        peer.sendall(answer)
+        peer.shutdown(socket.SHUT_WR)
+        self.assertEqual((caller.wait(PATIENCE), caller.stdout.read()), (5, b""))
+        self.assertIn(sentence.encode(), caller.stderr.read())
+
     def serve(self, identifier, *command):
         server = self.start("serve", identifier, *command)
         self.assertIn(b"serves", server.stderr.readline())
@@ -154,6 +163,7 @@ class Gantrel(AgentTestCase):
             (65, "UTF-8", "call", MAIN_APP, "a::", b'"\xff"'),
             (65, "UTF-8", "find", b"\xff"),
             (65, "backslash", "find", "\\q"),
+            (126, "may not be run", "serve", "a", SOURCE + "/README.md"),
             (127, "no command", "serve", "a", "/nowhere"),
         ]:
             self.assert_fails(status, sentence, *arguments)
@@ -178,12 +188,23 @@ class Gantrel(AgentTestCase):
         main.wait()
         self.assert_fails(2, "gone", "call", MAIN_APP, FETCH)
         self.register(Connection(self.path), "own")
-        caller = self.start("call", "own", FETCH)
-        self.socket.accept()[0].recv(1)
-        self.assertEqual(caller.wait(PATIENCE), 5)
+        self.assert_misunderstands(self.socket, b"", "ended", "call", "own", FETCH)
+        server = self.serve("kept", "cat")
+        self.agent.send_signal(signal.SIGSTOP)
+        server.send_signal(signal.SIGINT)
+        self.assertEqual(server.wait(PATIENCE), 6)
+        self.assertIn(b"entry kept could not be removed: the agent runs", server.stderr.read())
         self.agent.kill()
         self.agent.wait()
         self.assert_fails(3, "not running", "call", MAIN_APP, FETCH)
+        os.unlink(self.path)
+        with socket.socket(socket.AF_UNIX) as false_agent:
+            false_agent.bind(self.path)
+            false_agent.listen()
+            self.assert_misunderstands(false_agent, frame([4, 1, []]), "sent what is not understood", "find", "a")
+            self.assert_misunderstands(false_agent, frame([REFUSAL, 1]), "does not answer as the agent", "find", "a")
+            self.assert_misunderstands(false_agent, frame([REPLY, 1, [5]]), "does not answer as the agent", "remove", "a")
+            self.assert_fails(6, "the agent runs", "find", "--timeout", "0.1", "a")
 
     def test_carries_every_value_there_and_back(self):
         listener = gantrel.Listener({"echo::::::::": lambda *values: list(values)})
