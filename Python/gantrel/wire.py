@@ -83,6 +83,9 @@ class _Encoder:
         elif isinstance(item, (bytes, bytearray)):
             self.content(2, item)
         elif isinstance(item, Mapping):
+            for key in item:
+                if not isinstance(key, str):
+                    raise TypeError(f"a key of a dict is a str in a message, not {key!r}")
             if len(set(map(_canonical, item))) != len(item):
                 raise ValueError("two keys are the same text")
             self.head(5, len(item))

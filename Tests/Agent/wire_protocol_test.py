@@ -36,9 +36,12 @@ class OnTheWire(AgentTestCase):
         self.assertEqual(client.call("both:"), ["one", 2])
         [endpoint] = client.call("echo:", listener.endpoint)
         self.assertEqual(gantrel.connect(endpoint).call("echo:", 7), [7])
-        for value in 1 << 64, {"\u00e9": 1, "e\u0301": 2}, [None] * (1 << 20), object():
-            with self.assertRaises((TypeError, ValueError)):
-                client.send("echo:", value)
+        for value, error, sentence in [
+            (1 << 64, ValueError, "range"), ({"\u00e9": 1, "e\u0301": 2}, ValueError, "same text"),
+            ([None] * (1 << 20), ValueError, "too many"), (object(), TypeError, "object"), ([{1: 2}], TypeError, "key"),
+        ]:
+            self.assertRaisesRegex(error, sentence, client.send, "echo:", value)
+        self.assertEqual(client.call("echo:", 8), [8])
 
     def test_tells_refusals_from_silence_and_ends(self):
         logging.disable()
