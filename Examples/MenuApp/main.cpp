@@ -8,6 +8,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -119,16 +120,25 @@ Text yearOf(const NSDate& date) {
   return formatter.stringFromDate(date).value_or(Text());
 }
 
+// With the year, if it is not this one. A date may be any number, from whoever answers.
+std::string whenOf(const NSDate& start) {
+  const std::string when = compactDayNameDateAndTimeForMenuIconApp(start).utf8();
+  if (when.empty()) {
+    const double seconds = start.timeIntervalSince1970;
+    return (std::ostringstream() << "no day of a calendar: " << seconds << " seconds after 1970")
+        .str();
+  }
+  const Text year = yearOf(start);
+  return year == yearOf(now()) ? when : when + " (" + year.utf8() + ")";
+}
+
 int show(const Value& answer) {
   const auto meetings = meetingsFromValue(answer);
   if (!meetings) return complain("the main application's answer is not a list of meetings.");
   if (meetings->empty()) say("no upcoming meetings");
-  const Text thisYear = yearOf(now());
   for (const Meeting& meeting : *meetings) {
-    const Text year = yearOf(meeting.start);
-    say(compactDayNameDateAndTimeForMenuIconApp(meeting.start).utf8() +
-        (year == thisYear ? "" : " (" + year.utf8() + ")") + "  " + meeting.title.utf8() + " (" +
-        meeting.identifier.utf8() + ")");
+    say(whenOf(meeting.start) + "  " + meeting.title.utf8() + " (" + meeting.identifier.utf8() +
+        ")");
   }
   return 0;
 }

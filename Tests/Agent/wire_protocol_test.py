@@ -9,6 +9,7 @@ import unittest
 from agent_test_case import *
 
 MAIN_APP = AGENT.replace("GantrelAgent", "MainApp")
+MENU_APP = AGENT.replace("GantrelAgent", "MenuApp")
 MEETINGS = os.path.join(os.path.dirname(__file__), "../../Examples/MainApp/Meetings.plist")
 
 
@@ -82,6 +83,12 @@ class OnTheWire(AgentTestCase):
         client = gantrel.connect(self.broker.retrieve("com.gantrel.Gantrel"))
         [meetings] = client.call("fetchUpcomingMeetings:")
         self.assertEqual({(type(each["id"]), type(each["start"])) for each in meetings}, {(str, gantrel.Date)})
+        for number in "nan", "1e+300":
+            meeting = {"id": "x", "title": "Never", "start": gantrel.Date(number)}
+            listener, _ = self.listen(fetchUpcomingMeetings=lambda: [meeting])
+            self.broker.register(listener.endpoint, "com.gantrel.Gantrel")
+            shown = subprocess.run([MENU_APP, "upcoming"], stdout=subprocess.PIPE, text=True, check=True).stdout
+            self.assertEqual(shown, f"no day of a calendar: {number} seconds after 1970  Never (x)\n")
 
     def test_refuses_what_is_not_in_the_interface_and_nothing_else_happens(self):
         client = Connection(self.path)
