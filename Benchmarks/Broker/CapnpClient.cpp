@@ -35,11 +35,11 @@ class CapnpClient : public Client {
     request.send().wait(eventLoop().waitScope);
   }
 
-  std::uint64_t retrieveUntil(Clock::time_point deadline, const std::string& identifier,
+  std::uint64_t retrieveWhile(const GoesOn& goesOn, const std::string& identifier,
                               unsigned inFlight) override {
     std::uint64_t answered = 0;
     auto lanes = kj::heapArrayBuilder<kj::Promise<void>>(inFlight);
-    for (unsigned i = 0; i < inFlight; ++i) lanes.add(lane(deadline, identifier, answered));
+    for (unsigned i = 0; i < inFlight; ++i) lanes.add(lane(goesOn, identifier, answered));
     kj::joinPromises(lanes.finish()).wait(eventLoop().waitScope);
     return answered;
   }
@@ -59,14 +59,14 @@ class CapnpClient : public Client {
   }
 
   // One retrieval after the other.
-  kj::Promise<void> lane(Clock::time_point deadline, const std::string& identifier,
+  kj::Promise<void> lane(const GoesOn& goesOn, const std::string& identifier,
                          std::uint64_t& answered) {
     return ask(identifier)
-        .then([this, deadline, &identifier, &answered](bool found) -> kj::Promise<void> {
+        .then([this, &goesOn, &identifier, &answered](bool found) -> kj::Promise<void> {
           if (!found) fail("a reply without endpoint");
           ++answered;
-          if (Clock::now() >= deadline) return kj::READY_NOW;
-          return lane(deadline, identifier, answered);
+          if (!goesOn(answered)) return kj::READY_NOW;
+          return lane(goesOn, identifier, answered);
         });
   }
 

@@ -9,12 +9,16 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 
 namespace Benchmark {
 
 using Clock = std::chrono::steady_clock;
+
+// Asked when an answer has come; given how many have.
+using GoesOn = std::function<bool(std::uint64_t answered)>;
 
 // An application's link to the broker, used from one thread.
 class Client {
@@ -27,9 +31,9 @@ class Client {
   // Hands over an endpoint of this client's own and waits until the broker says that it holds it.
   virtual void registerEndpoint(const std::string& identifier) = 0;
 
-  // Keeps `inFlight` retrievals under way until `deadline`, then waits for those still out. Each
+  // Keeps `inFlight` retrievals under way as long as `goesOn`, then waits for those still out. Each
   // endpoint is closed as it arrives. Returns how many arrived.
-  virtual std::uint64_t retrieveUntil(Clock::time_point deadline, const std::string& identifier,
+  virtual std::uint64_t retrieveWhile(const GoesOn& goesOn, const std::string& identifier,
                                       unsigned inFlight) = 0;
 };
 

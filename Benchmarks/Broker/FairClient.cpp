@@ -39,7 +39,7 @@ class FairClient : public Client {
     call(FrameKind::registration, identifier, {&endpoint, 1});
   }
 
-  std::uint64_t retrieveUntil(Clock::time_point deadline, const std::string& identifier,
+  std::uint64_t retrieveWhile(const GoesOn& goesOn, const std::string& identifier,
                               unsigned inFlight) override {
     // The serials awaited. Answers come in the order of the requests, so the place of the one that
     // a new serial falls on is free.
@@ -64,7 +64,7 @@ class FairClient : public Client {
         arrived.push_back(reader_.takeDescriptor().release());
         if (arrived.back() < 0) fail("a reply without endpoint");
         ++answered;
-        if (Clock::now() < deadline) ask();
+        if (goesOn(answered)) ask();
       }
       closeAll(arrived);
       send({});

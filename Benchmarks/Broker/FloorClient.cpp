@@ -30,7 +30,7 @@ class FloorClient : public Client {
     call(FrameKind::registration, identifier, {&endpoint, 1});
   }
 
-  std::uint64_t retrieveUntil(Clock::time_point deadline, const std::string& identifier,
+  std::uint64_t retrieveWhile(const GoesOn& goesOn, const std::string& identifier,
                               unsigned inFlight) override {
     std::vector<char> requests;
     for (unsigned i = 0; i < inFlight; ++i) {
@@ -49,7 +49,7 @@ class FloorClient : public Client {
         ++arrived;
       }
       answered += arrived;
-      if (Clock::now() < deadline) {
+      if (goesOn(answered)) {
         send(std::span(requests).first(arrived * requestSize));
         asked += arrived;
       }

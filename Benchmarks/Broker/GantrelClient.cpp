@@ -48,20 +48,20 @@ class GantrelClient : public Client {
     if (agent_->registerEndpoint(endpoint, textOf(identifier)) != true) fail("not registered");
   }
 
-  std::uint64_t retrieveUntil(Clock::time_point deadline, const std::string& identifier,
+  std::uint64_t retrieveWhile(const GoesOn& goesOn, const std::string& identifier,
                               unsigned inFlight) override {
-    Flight flight{*agent_, textOf(identifier), deadline, std::latch(inFlight)};
+    Flight flight{*agent_, textOf(identifier), goesOn, std::latch(inFlight)};
     for (unsigned i = 0; i < inFlight; ++i) flight.ask();
     flight.landed.wait();
     return flight.answered;
   }
 
  private:
-  // The requests of one retrieveUntil: each answer asks the next.
+  // The requests of one retrieveWhile: each answer asks the next.
   struct Flight {
     EndPointHandler& agent;
     const Text identifier;
-    const Clock::time_point deadline;
+    const GoesOn& goesOn;
     std::latch landed;
     std::uint64_t answered = 0;  // on the connection's queue until all have landed
 
@@ -70,7 +70,7 @@ class GantrelClient : public Client {
         if (!endpoint) fail("a reply without endpoint");
         endpoint.reset();
         ++answered;
-        if (Clock::now() < deadline) {
+        if (goesOn(answered)) {
           ask();
         } else {
           landed.count_down();

@@ -32,9 +32,9 @@ class SdBusClient : public Client {
     SdBusMessage{reply};
   }
 
-  std::uint64_t retrieveUntil(Clock::time_point deadline, const std::string& identifier,
+  std::uint64_t retrieveWhile(const GoesOn& goesOn, const std::string& identifier,
                               unsigned inFlight) override {
-    Flight flight{*this, identifier, deadline};
+    Flight flight{*this, identifier, goesOn};
     for (unsigned i = 0; i < inFlight; ++i) flight.ask();
     while (flight.answered < flight.asked) {
       if (checked(sd_bus_process(bus(), nullptr), "the broker is gone") == 0) {
@@ -45,11 +45,11 @@ class SdBusClient : public Client {
   }
 
  private:
-  // The requests of one retrieveUntil: each answer asks the next.
+  // The requests of one retrieveWhile: each answer asks the next.
   struct Flight {
     SdBusClient& client;
     const std::string& identifier;
-    const Clock::time_point deadline;
+    const GoesOn& goesOn;
     std::uint64_t asked = 0;
     std::uint64_t answered = 0;
 
@@ -65,7 +65,7 @@ class SdBusClient : public Client {
       auto& flight = *static_cast<Flight*>(self);
       readEndpoint(reply);
       ++flight.answered;
-      if (Clock::now() < flight.deadline) flight.ask();
+      if (flight.goesOn(flight.answered)) flight.ask();
       return 0;
     }
   };

@@ -1,13 +1,15 @@
-// The measuring loops, and main of every contender's client executable:
+// The measuring loops, and main of every contender's client executable. After the command, ADDRESS:
 //
-//   launch ADDRESS NAME COMMAND...     listens at ADDRESS, says "ready", becomes the server COMMAND
-//   startup ADDRESS NAME COMMAND...    the same in a child: time from its exec to a request's
-//   answer populate ADDRESS COUNT             registers COUNT identifiers idle ADDRESS COUNT holds
-//   COUNT connections, each used once host ADDRESS                       registers a listener and
-//   answers those who meet it latency ADDRESS STEP SECONDS BYTES SPREAD
-//                                      one STEP after the other: retrieve, register or meet, of
-//                                      identifiers of BYTES, in turn SPREAD many
-//   throughput ADDRESS SECONDS FLIGHT  retrievals with FLIGHT under way
+//   launch NAME COMMAND...             listens there, says "ready", becomes the server COMMAND
+//   startup NAME COMMAND...            the same in a child: time from its exec to the first answer
+//   populate COUNT                     registers COUNT identifiers
+//   idle COUNT                         holds COUNT connections, each used once
+//   host                               registers a listener and answers those who meet it
+//   latency STEP SECONDS SPREAD        one retrieve, register or meet after the other, of SPREAD
+//                                      identifiers in turn
+//   throughput SECONDS FLIGHT BYTES    retrievals of an identifier of BYTES, FLIGHT under way
+//   exactly STEP COUNT FLIGHT          one retrieve or register after the other, or with "flight"
+//                                      retrievals with FLIGHT under way, until COUNT are done
 //
 // A command that takes time says "ready" when it is prepared and warm. The measuring ones then wait
 // for a line on standard input, the others for its end. Results are one line of JSON.
@@ -173,12 +175,41 @@ int throughput(char** arguments) {
   const auto inFlight = static_cast<unsigned>(std::strtoul(arguments[2], nullptr, 10));
   const std::string identifier = identifierOf(0, std::strtoul(arguments[3], nullptr, 10));
   client->registerEndpoint(identifier);
-  client->retrieveUntil(after(seconds * warmUpShare), identifier, inFlight);
+  const auto until = [](Clock::time_point end) {
+    return [end](std::uint64_t) { return Clock::now() < end; };
+  };
+  client->retrieveWhile(until(after(seconds * warmUpShare)), identifier, inFlight);
   awaitGo();
   const Clock::time_point start = Clock::now();
-  const std::uint64_t operations = client->retrieveUntil(after(seconds), identifier, inFlight);
+  const std::uint64_t operations =
+      client->retrieveWhile(until(after(seconds)), identifier, inFlight);
   std::printf("{\"operations\": %llu, \"seconds\": %.6f}\n",
               static_cast<unsigned long long>(operations), Seconds(Clock::now() - start).count());
+  return EXIT_SUCCESS;
+}
+
+int exactly(char** arguments) {
+  const std::unique_ptr<Client> client = contender.connect(arguments[0]);
+  const std::string_view kind = arguments[1];
+  const std::uint64_t count = std::strtoull(arguments[2], nullptr, 10);
+  const auto inFlight = static_cast<unsigned>(std::strtoul(arguments[3], nullptr, 10));
+  const std::string identifier = identifierOf(0);
+  client->registerEndpoint(identifier);
+  awaitGo();
+  std::uint64_t done = 0;
+  if (kind == "flight") {
+    done = client->retrieveWhile([count](std::uint64_t answered) { return answered < count; },
+                                 identifier, inFlight);
+  } else {
+    for (; done < count; ++done) {
+      if (kind == "register") {
+        client->registerEndpoint(identifier);
+      } else if (!client->retrieve(identifier)) {
+        fail("nothing was registered");
+      }
+    }
+  }
+  std::printf("{\"operations\": %llu}\n", static_cast<unsigned long long>(done));
   return EXIT_SUCCESS;
 }
 
@@ -195,6 +226,7 @@ const std::map<std::string_view, Command> commands{
     {"host", {host, 1}},
     {"latency", {latency, 4}},
     {"throughput", {throughput, 4}},
+    {"exactly", {exactly, 4}},
 };
 
 }  // namespace

@@ -103,10 +103,11 @@ class Place:
 class Server(Place):
     """A contender's serving processes, on the processors where the process that makes them is."""
 
-    def __init__(self, contender, log=None):
-        """Without a log, what the server says goes nowhere."""
+    def __init__(self, contender, log=None, under=()):
+        """Without a log, what the server says goes nowhere. Server and clients run `under` that command."""
         super().__init__(contender)
         self.log = log
+        self.under = under
         self.helpers = []
 
     def __enter__(self):
@@ -114,7 +115,8 @@ class Server(Place):
         errors = self.log.file if self.log else subprocess.DEVNULL
         launch = [program(self.contender.client), "launch", self.socket, self.contender.handed_name]
         self.address = self.socket
-        self.processes = [start([*launch, *self.contender.server], self.environment, errors)]
+        self.processes = [start([*launch, *self.under, *self.contender.server], self.environment,
+                                errors)]
         if self.contender.service:
             self.address = f"unix:path={self.socket}"
             self.processes.append(start([*self.contender.service, self.address], self.environment))
@@ -128,8 +130,8 @@ class Server(Place):
 
     def work(self, command, *arguments):
         """A client process that has prepared itself for a command of Worker.cpp."""
-        return start([program(self.contender.client), command, self.address, *map(str, arguments)],
-                     self.environment)
+        return start([*self.under, program(self.contender.client), command, self.address,
+                      *map(str, arguments)], self.environment)
 
     def keep(self, *command):
         """The same for a client that stays as long as the server does."""
@@ -143,10 +145,7 @@ class Server(Place):
         processor seconds per operation."""
         workers = [self.work(*command) for _ in range(clients)]
         before = self.processor_time()
-        for worker in workers:
-            worker.stdin.write("\n")
-            worker.stdin.flush()
-        results = [json.loads(worker.stdout.readline()) for worker in workers]
+        results = results_of(workers)
         cost = self.processor_time() - before
         for worker in workers:
             finish(worker)
@@ -163,6 +162,14 @@ class Server(Place):
         rollup = Path(f"/proc/{self.processes[0].pid}/smaps_rollup").read_text()
         return sum(int(line.split()[1]) for line in rollup.splitlines()
                    if line.startswith(("Private_Clean:", "Private_Dirty:")))
+
+
+def results_of(workers):
+    """Lets clients that have prepared a measuring command run it at once."""
+    for worker in workers:
+        worker.stdin.write("\n")
+        worker.stdin.flush()
+    return [json.loads(worker.stdout.readline()) for worker in workers]
 
 
 def finish(worker):

@@ -98,15 +98,20 @@ def table(summary):
     for row in summary["rows"]:
         figures = [row.get(key) for key, _ in columns]
         lines.append([row["label"], *("" if f is None else number(f) for f in figures)])
+    return "\n".join([summary["title"], *aligned(lines), *goal_lines(summary["goals"])]) + "\n"
+
+
+def aligned(lines):
+    """The cells of each line, one column below the other."""
     widths = [max(map(len, column)) for column in zip(*lines)]
-    text = [summary["title"]]
-    for line in lines:
-        text.append("  " + line[0].ljust(widths[0]) +
-                    "".join("  " + cell.rjust(width) for cell, width in zip(line[1:], widths[1:])))
-    for goal in summary["goals"]:
-        text.append(f"  {'met   ' if goal['met'] else 'MISSED'} {goal['goal']}: "
-                    f"{number(goal['measured'])}")
-    return "\n".join(text) + "\n"
+    return ["  " + line[0].ljust(widths[0]) +
+            "".join("  " + cell.rjust(width) for cell, width in zip(line[1:], widths[1:]))
+            for line in lines]
+
+
+def goal_lines(goals):
+    return [f"  {'met   ' if goal['met'] else 'MISSED'} {goal['goal']}: {number(goal['measured'])}"
+            for goal in goals]
 
 
 def number(value):
