@@ -8,6 +8,7 @@
 //   latency STEP SECONDS SPREAD        one retrieve, register or meet after the other, of SPREAD
 //                                      identifiers in turn
 //   throughput SECONDS FLIGHT BYTES    retrievals of an identifier of BYTES, FLIGHT under way
+//   machine                            what a system call takes here
 //   exactly STEP COUNT FLIGHT          one retrieve or register after the other, or with "flight"
 //                                      retrievals with FLIGHT under way, until COUNT are done
 //
@@ -213,6 +214,21 @@ int exactly(char** arguments) {
   return EXIT_SUCCESS;
 }
 
+int machine(char**) {
+  constexpr int calls = 20'000;
+  constexpr int runs = 25;
+  std::vector<double> nanoseconds;
+  while (nanoseconds.size() < runs) {
+    const Clock::time_point start = Clock::now();
+    for (int i = 0; i < calls; ++i) ::getppid();
+    const Microseconds elapsed = Clock::now() - start;
+    nanoseconds.push_back(elapsed.count() * 1000 / calls);
+  }
+  std::sort(nanoseconds.begin(), nanoseconds.end());
+  std::printf("{\"system_call_ns\": %.0f}\n", nanoseconds[runs / 2]);
+  return EXIT_SUCCESS;
+}
+
 struct Command {
   int (*run)(char** arguments);
   int arguments;  // at least so many
@@ -227,6 +243,7 @@ const std::map<std::string_view, Command> commands{
     {"latency", {latency, 4}},
     {"throughput", {throughput, 4}},
     {"exactly", {exactly, 4}},
+    {"machine", {machine, 0}},
 };
 
 }  // namespace

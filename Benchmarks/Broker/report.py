@@ -9,7 +9,7 @@ import time
 from dataclasses import dataclass
 from pathlib import Path
 
-from contenders import BUILD, OURS
+from contenders import BUILD, BY_NAME, OURS, program
 
 OUR_COLOUR, OTHER_COLOUR = 0x2A6FBB, 0x9AA5B1
 
@@ -40,6 +40,25 @@ class Ratio:
         bound = f"≤ {self.at_most:g}" if self.at_least is None else f"≥ {self.at_least:g}"
         return {"goal": f"{what}{self.of_row} {bound} × {self.to}", "measured": round(measured, 3),
                 "met": met}
+
+
+@dataclass(frozen=True)
+class Growth:
+    """A goal: the median over the rounds of how much one row is of another, divided by the same of two others."""
+
+    of: tuple  # labels
+    than: tuple
+    at_most: float
+
+    def judge(self, rows):
+        def growths(labels):
+            few, many = (rows[label] for label in labels)
+            return [more.value / less.value for less, more in zip(few, many)]
+
+        measured = statistics.median(a / b for a, b in zip(growths(self.of), growths(self.than)))
+        (few, many), (floor_few, floor_many) = self.of, self.than
+        return {"goal": f"{many} ÷ {few} ≤ {self.at_most:g} × {floor_many} ÷ {floor_few}",
+                "measured": round(measured, 3), "met": measured <= self.at_most}
 
 
 @dataclass(frozen=True)
@@ -119,9 +138,15 @@ def number(value):
 
 
 def machine():
+    """Where this runs; also said."""
     model = next((line.partition(":")[2].strip() for line in open("/proc/cpuinfo")
                   if line.startswith("model name")), platform.machine())
-    return {"processor": model, "processors": os.cpu_count(), "kernel": platform.release()}
+    run = subprocess.run([program(BY_NAME[OURS].client), "machine"], stdout=subprocess.PIPE, check=True)
+    found = {"processor": model, "processors": os.cpu_count(), "kernel": platform.release(),
+             "load": round(os.getloadavg()[0], 2), **json.loads(run.stdout)}
+    print(f"{model}, {found['processors']} processors, Linux {found['kernel']}; a system call (getppid) "
+          f"takes {found['system_call_ns']} ns; load {found['load']}\n", flush=True)
+    return found
 
 
 def picture(summaries, path):
@@ -137,9 +162,10 @@ def picture(summaries, path):
               "set lmargin 5", "set bmargin 3",
               f"set multiplot layout {lines},{columns}"]
     for summary in summaries:
+        width = 48 // len(summary["rows"])  # of a label, in letters
         script += ["$data << END"]
-        script += [f"{i} {row['median']} \"{row['label']}\" \"{number(row['median'])}\" "
-                   f"{OUR_COLOUR if row['label'] == OURS else OTHER_COLOUR}"
+        script += [f"{i} {row['median']} \"{wrapped(row['label'], width)}\" \"{number(row['median'])}\" "
+                   f"{OUR_COLOUR if row['label'].startswith(OURS) else OTHER_COLOUR}"
                    for i, row in enumerate(summary["rows"])]
         script += ["END", f"set title \"{wrapped(summary['title'])}\"",
                    f"set ylabel \"{summary['unit']}\" noenhanced",
@@ -161,13 +187,14 @@ def wrapped(title, width=52):
 
 def report(questions, rounds):
     """Prints each question's table as soon as it is answered, then writes all of them."""
+    where = machine()
     start = time.monotonic()
     summaries = []
     for question in questions:
         summaries.append(question.summary())
         print(table(summaries[-1]), flush=True)
     seconds = round(time.monotonic() - start)
-    results = {"machine": machine(), "rounds": rounds, "seconds": seconds, "questions": summaries}
+    results = {"machine": where, "rounds": rounds, "seconds": seconds, "questions": summaries}
     (BUILD / "results.json").write_text(json.dumps(results, indent=1, ensure_ascii=False) + "\n")
     picture(summaries, BUILD / "results.svg")
     missed = sum(not goal["met"] for summary in summaries for goal in summary["goals"])
