@@ -20,12 +20,23 @@ TasksKeep::~TasksKeep() {
 }
 
 void DispatchQueue::async(Task task) {
+  Waiting waiting{std::move(task), currentKeep ? currentKeep->kept_ : nullptr};
+  // Behind what others have appended, if this thread can know of it: else there is no order.
+  if (isCurrent() && !othersWait_.load(std::memory_order_relaxed)) {
+    next_.push_back(std::move(waiting));
+    return;
+  }
   {
     const std::lock_guard lock(mutex_);
-    waiting_.push_back({std::move(task), currentKeep ? currentKeep->kept_ : nullptr});
-    if (std::exchange(inLine_, true)) return;
+    if (inLine_) {
+      others_.push_back(std::move(waiting));
+      othersWait_.store(true, std::memory_order_relaxed);
+      return;
+    }
+    inLine_ = shared_from_this();
+    next_.push_back(std::move(waiting));
   }
-  WorkerPool::shared().enqueue(shared_from_this());
+  WorkerPool::shared().enqueue(this);
 }
 
 bool DispatchQueue::isCurrent() const {
@@ -33,25 +44,25 @@ bool DispatchQueue::isCurrent() const {
 }
 
 bool DispatchQueue::runWaitingTasks() {
-  std::vector<Waiting> tasks;
-  {
-    const std::lock_guard lock(mutex_);
-    tasks.swap(waiting_);
-  }
+  running_.swap(next_);
   currentQueue = this;
-  for (Waiting& next : tasks) {
-    next.task();
+  for (Waiting& waiting : running_) {
+    waiting.task();
     // What a task captured goes with it, before the next one runs.
-    next = {};
+    waiting.task = {};
+    waiting.kept.reset();
   }
+  running_.clear();
   currentQueue = nullptr;
-  tasks.clear();
-  const std::lock_guard lock(mutex_);
-  if (!waiting_.empty()) return true;
   // A queue at rest keeps room for its next few tasks, not for the longest line it ever had.
-  if (tasks.capacity() <= 64) waiting_.swap(tasks);
-  inLine_ = false;
-  return false;
+  if (running_.capacity() > 64) running_.shrink_to_fit();
+  if (!next_.empty()) return true;
+  dispatch_queue_t self;  // may be the last to hold it
+  const std::lock_guard lock(mutex_);
+  next_.swap(others_);
+  othersWait_.store(false, std::memory_order_relaxed);
+  if (next_.empty()) self.swap(inLine_);
+  return self == nullptr;
 }
 
 dispatch_queue_t dispatch_queue_create(std::string label, DispatchQueueAttribute) {

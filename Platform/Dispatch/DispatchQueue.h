@@ -5,16 +5,15 @@
 // another thread in.
 #pragma once
 
-#include <cstddef>
-#include <functional>
+#include <atomic>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
 
-namespace Platform {
+#include "Platform/Dispatch/Task.h"
 
-using Task = std::function<void()>;
+namespace Platform {
 
 enum class DispatchQueueAttribute { serial };
 inline constexpr auto DISPATCH_QUEUE_SERIAL = DispatchQueueAttribute::serial;
@@ -60,10 +59,15 @@ class DispatchQueue : public std::enable_shared_from_this<DispatchQueue> {
   };
 
   const std::string label_;
+  // Those of the next run, and of this one. Both belong to whoever runs the queue; while nobody
+  // does, to whoever puts it in line. So a task that appends to its own queue takes no lock.
+  std::vector<Waiting> next_;
+  std::vector<Waiting> running_;
   std::mutex mutex_;
   // Protected by mutex_:
-  std::vector<Waiting> waiting_;
-  bool inLine_ = false;  // at the pool, or running: whoever clears it has seen waiting_ empty
+  std::vector<Waiting> others_;            // appended by other threads meanwhile, behind next_
+  std::shared_ptr<DispatchQueue> inLine_;  // itself, while it is at the pool or runs
+  std::atomic<bool> othersWait_ = false;   // there are others_; also read without the lock
 };
 
 using dispatch_queue_t = std::shared_ptr<DispatchQueue>;

@@ -13,6 +13,7 @@
 #include <mutex>
 #include <thread>
 #include <unordered_map>
+#include <utility>
 
 #include "Platform/Dispatch/MemoryReturn.h"
 #include "Platform/Runtime/BackgroundThread.h"
@@ -30,9 +31,13 @@ constexpr std::uint64_t wakeKey = 0;
 
 struct Worker {
   int regions = 0;  // BlockingRegions alive on this thread; only it reads and writes
-  std::uint64_t busySince =
-      0;  // the keeper's period in which its task, or call of a handler, began; 0: in none
-  bool countedAsBlocked = false;
+  // The queue that this worker runs next: what the task at hand has appended to. Only the worker
+  // puts one there; the keeper takes it away when the task takes its time.
+  std::atomic<DispatchQueue*> next = nullptr;
+  // The keeper's period in which its task, or call of a handler, began; 0: in none.
+  std::atomic<std::uint64_t> busySince = 0;
+  // Written with the pool's lock held.
+  std::atomic<bool> countedAsBlocked = false;
 };
 
 thread_local Worker* thisWorker = nullptr;
@@ -54,16 +59,18 @@ struct WorkerPool::State {
   std::mutex mutex;
   // Protected by mutex:
   bool started = false;
-  std::deque<std::shared_ptr<DispatchQueue>> line;
+  std::deque<DispatchQueue*> line;  // but for those that workers have next
   std::list<Worker> workers;
-  std::size_t blocked = 0;   // workers in a BlockingRegion, or found stuck by the keeper
-  std::size_t sleeping = 0;  // workers in epoll_wait
-  std::uint64_t period = 1;  // the keeper's count
+  std::size_t blocked = 0;  // workers in a BlockingRegion, or found stuck by the keeper
   bool timerArmed = false;
   bool activity = false;  // since the keeper last looked
   std::multimap<Clock::time_point, DelayedTask> delayed;
   std::unordered_map<std::uint64_t, std::weak_ptr<ReadinessHandler>> handlers;
   std::uint64_t lastKey = wakeKey;
+  // Written with it held, and read without, for a first look:
+  std::atomic<std::size_t> inLine = 0;    // queues in the line
+  std::atomic<std::size_t> sleeping = 0;  // workers in epoll_wait
+  std::atomic<std::uint64_t> period = 1;  // the keeper's count
 
   void start();
   void wakeOne() { ::eventfd_write(wake.get(), 1); }
@@ -72,7 +79,10 @@ struct WorkerPool::State {
   void bringInAnother();
   void work(std::list<Worker>::iterator self);
   void setBlocked(Worker& worker, bool isBlocked);
+  void putInLine(DispatchQueue* queue);
+  void putNextInLine(Worker& worker);
   void runLine(std::unique_lock<std::mutex>& lock, Worker& self);
+  DispatchQueue* runOn(DispatchQueue* queue, Worker& self);
   void keep();
   void startDueTasks(std::unique_lock<std::mutex>& lock);
   void findStuckWorkers();
@@ -113,21 +123,50 @@ void WorkerPool::State::bringInAnother() {
 }
 
 void WorkerPool::State::setBlocked(Worker& worker, bool isBlocked) {
-  if (std::exchange(worker.countedAsBlocked, isBlocked) == isBlocked) return;
+  if (worker.countedAsBlocked.exchange(isBlocked) == isBlocked) return;
   isBlocked ? ++blocked : --blocked;
 }
 
+void WorkerPool::State::putInLine(DispatchQueue* queue) {
+  line.push_back(queue);
+  inLine = line.size();
+}
+
+void WorkerPool::State::putNextInLine(Worker& worker) {
+  if (DispatchQueue* const queue = worker.next.exchange(nullptr)) putInLine(queue);
+}
+
 void WorkerPool::State::runLine(std::unique_lock<std::mutex>& lock, Worker& self) {
-  while (!line.empty()) {
-    std::shared_ptr<DispatchQueue> queue = std::move(line.front());
+  for (;;) {
+    putNextInLine(self);
+    if (line.empty()) return;
+    DispatchQueue* const queue = line.front();
     line.pop_front();
-    self.busySince = period;
+    inLine = line.size();
     lock.unlock();
-    if (!queue->runWaitingTasks()) queue.reset();
+    DispatchQueue* const again = runOn(queue, self);
     lock.lock();
     self.busySince = 0;
     setBlocked(self, false);
-    if (queue) line.push_back(std::move(queue));
+    putNextInLine(self);
+    if (again) putInLine(again);
+  }
+}
+
+// Runs the queue, and then what its tasks have led to, without the lock: until there is no more of
+// it, or others stand in line. Gives the queue that has to go on behind them.
+DispatchQueue* WorkerPool::State::runOn(DispatchQueue* queue, Worker& self) {
+  for (;;) {
+    self.busySince = period.load(std::memory_order_relaxed);
+    if (self.countedAsBlocked) {
+      const std::lock_guard lock(mutex);
+      setBlocked(self, false);
+    }
+    DispatchQueue* const again = queue->runWaitingTasks() ? queue : nullptr;
+    if (inLine.load(std::memory_order_relaxed) != 0) return again;
+    queue = self.next.exchange(again);
+    if (!queue) queue = self.next.exchange(nullptr);
+    if (!queue) return nullptr;
   }
 }
 
@@ -149,7 +188,7 @@ void WorkerPool::State::work(std::list<Worker>::iterator self) {
     const auto handler = handlers.find(event.data.u64);
     if (handler == handlers.end()) continue;
     std::shared_ptr<ReadinessHandler> target = handler->second.lock();
-    self->busySince = period;
+    self->busySince = period.load();
     lock.unlock();
     if (target) target->ready(event.events);
     target.reset();  // it may be the last one, and its watch then ends under the lock
@@ -192,6 +231,7 @@ void WorkerPool::State::findStuckWorkers() {
   for (Worker& worker : workers) {
     if (worker.busySince == 0 || period - worker.busySince < 2) continue;
     setBlocked(worker, true);
+    putNextInLine(worker);
   }
   if (workers.size() == blocked) bringInAnother();
 }
@@ -214,11 +254,15 @@ bool WorkerPool::isWorker() {
   return thisWorker != nullptr;
 }
 
-void WorkerPool::enqueue(std::shared_ptr<DispatchQueue> queue) {
+void WorkerPool::enqueue(DispatchQueue* queue) {
+  const bool runsItself = thisWorker != nullptr && thisWorker->regions == 0;
+  if (runsItself && !thisWorker->next) {
+    thisWorker->next = queue;
+    return;
+  }
   const std::lock_guard lock(state_->mutex);
   state_->start();
-  state_->line.push_back(std::move(queue));
-  const bool runsItself = thisWorker != nullptr && thisWorker->regions == 0;
+  state_->putInLine(queue);
   if (!runsItself) {
     state_->armTimer();
     state_->bringInAnother();
@@ -251,8 +295,8 @@ void WorkerPool::returnMemoryAfterBursts() {
 }
 
 bool WorkerPool::canSpareWorker() {
-  const std::lock_guard lock(state_->mutex);
-  return state_->line.empty() && state_->sleeping > 0;
+  return state_->inLine.load(std::memory_order_relaxed) == 0 &&
+         state_->sleeping.load(std::memory_order_relaxed) > 0 && (!thisWorker || !thisWorker->next);
 }
 
 WorkerPool::BlockingRegion::BlockingRegion() {
@@ -260,6 +304,7 @@ WorkerPool::BlockingRegion::BlockingRegion() {
   State& state = *shared().state_;
   const std::lock_guard lock(state.mutex);
   if (thisWorker->regions++ == 0) {
+    state.putNextInLine(*thisWorker);
     state.setBlocked(*thisWorker, true);
     state.bringInAnother();
     if (state.blocked == state.workers.size()) state.setBlocked(*thisWorker, false);
@@ -273,7 +318,7 @@ WorkerPool::BlockingRegion::~BlockingRegion() {
   const std::lock_guard lock(state.mutex);
   state.setBlocked(*thisWorker, false);
   // Its task begins anew as far as the keeper is concerned.
-  thisWorker->busySince = state.period;
+  thisWorker->busySince = state.period.load();
 }
 
 Watch::Watch(Watch&& other) noexcept : fd_(std::exchange(other.fd_, -1)), key_(other.key_) {}

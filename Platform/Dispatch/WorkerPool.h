@@ -4,8 +4,8 @@
 // no queue is in line it waits for a descriptor to become ready, all workers on one epoll instance.
 // The kernel wakes exactly one of them for an event, and that thread then does everything the event
 // leads to: what a task appends to another queue is run by the same worker next, without waking
-// anybody. So a request costs no switch between threads, while events that come meanwhile go to
-// other workers.
+// anybody or taking a lock. So a request costs no switch between threads, while events that come
+// meanwhile go to other workers.
 //
 // A task may block, in two ways. In a call of this layer it says so (BlockingRegion), and another
 // worker takes over at once. In anything else, the keeper notices: a thread that sleeps on a timer,
@@ -77,7 +77,7 @@ class WorkerPool {
   void after(std::chrono::milliseconds delay, dispatch_queue_t queue, Task task);
 
   // Whether nothing is in line and another worker waits for events, so that the calling worker may
-  // stay with what it is doing, in a BlockingRegion.
+  // wait a moment for what comes next, without a BlockingRegion.
   bool canSpareWorker();
 
   // From now on, gives memory back to the system when descriptors that were watched have gone
@@ -107,7 +107,7 @@ class WorkerPool {
 
   WorkerPool();
   ~WorkerPool() = delete;
-  void enqueue(std::shared_ptr<DispatchQueue> queue);
+  void enqueue(DispatchQueue* queue);  // which keeps itself alive
 
   State* const state_;
 };
