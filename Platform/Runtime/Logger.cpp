@@ -16,10 +16,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
-#include <map>
 #include <mutex>
 #include <string>
-#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -98,39 +96,52 @@ class LineFormatter {
  public:
   void append(std::string& out, const Record& record, std::string_view message) {
     const auto sinceEpoch = record.time.time_since_epoch();
-    const auto second = std::chrono::floor<std::chrono::seconds>(sinceEpoch).count();
-    if (second != second_) {
-      second_ = second;
-      const auto calendarTime = static_cast<std::time_t>(second);
-      std::tm utc{};
-      ::gmtime_r(&calendarTime, &utc);
-      std::strftime(secondText_, sizeof secondText_, "%Y-%m-%dT%H:%M:%S", &utc);
+    const auto second = std::chrono::floor<std::chrono::seconds>(sinceEpoch);
+    if (second.count() != second_) setSecond(second.count());
+    auto micros = std::chrono::floor<std::chrono::microseconds>(sinceEpoch - second).count();
+    for (std::size_t i = 0; i < 6; ++i, micros /= 10) {
+      time_[time_.size() - 3 - i] = static_cast<char>('0' + micros % 10);
     }
-    auto micros = std::chrono::floor<std::chrono::microseconds>(sinceEpoch).count() % 1'000'000;
-    char fraction[] = ".000000Z ";
-    for (char* digit = fraction + 6; micros != 0; micros /= 10) {
-      *digit-- = static_cast<char>('0' + micros % 10);
-    }
-    out.append(secondText_).append(fraction);
+    out.append(time_);
     appendEscaped(out, message);
     out.append(placeText(record));
   }
 
  private:
-  const std::string& placeText(const Record& record) {
-    // A place is literals, and there are few: where they lie tells them apart.
-    std::string& text =
-        placeTexts_[{record.sourceFile.data(), record.function.data(), record.line}];
-    if (text.empty()) {
-      text.append(" (").append(record.sourceFile).append(":").append(std::to_string(record.line));
-      text.append(" ").append(record.function).append(")\n");
-    }
-    return text;
+  void setSecond(std::int64_t second) {
+    second_ = second;
+    const auto calendarTime = static_cast<std::time_t>(second);
+    std::tm utc{};
+    ::gmtime_r(&calendarTime, &utc);
+    char text[40];
+    time_.assign(text, std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S.000000Z ", &utc));
   }
 
+  // A place is literals, and there are few: where they lie tells them apart.
+  const std::string& placeText(const Record& record) {
+    const auto found = std::ranges::find_if(places_, [&](const Place& place) {
+      return place.function == record.function.data() && place.line == record.line &&
+             place.sourceFile == record.sourceFile.data();
+    });
+    if (found != places_.end()) return found->text;
+    std::string text = " (";
+    text.append(record.sourceFile).append(":").append(std::to_string(record.line));
+    text.append(" ").append(record.function).append(")\n");
+    places_.push_back(
+        {record.sourceFile.data(), record.function.data(), record.line, std::move(text)});
+    return places_.back().text;
+  }
+
+  struct Place {
+    const char* sourceFile;
+    const char* function;
+    unsigned line;
+    std::string text;
+  };
+
   std::int64_t second_ = -1;
-  char secondText_[32] = "";
-  std::map<std::tuple<const char*, const char*, unsigned>, std::string> placeTexts_;
+  std::string time_;
+  std::vector<Place> places_;
 };
 
 // False when the journal did not take the line.

@@ -26,7 +26,7 @@ class SipHash {
       hash.add(littleEndian(at, 8));
     }
     // The last word has the length's lowest byte at its top.
-    hash.add(littleEndian(at, bytes.size() % 8) | std::uint64_t{bytes.size()} << 56);
+    hash.add(lastBytes(bytes) | std::uint64_t{bytes.size()} << 56);
     hash.c_ ^= 0xff;
     for (int round = 0; round < 3; ++round) hash.mix();
     return hash.a_ ^ hash.b_ ^ hash.c_ ^ hash.d_;
@@ -49,6 +49,13 @@ class SipHash {
     }
     for (std::size_t i = count; i-- > 0;) word = word << 8 | static_cast<unsigned char>(bytes[i]);
     return word;
+  }
+
+  // Those behind the last whole word: read with ones before them, where there are any.
+  static std::uint64_t lastBytes(std::string_view bytes) {
+    const std::size_t count = bytes.size() % 8;
+    if (count == 0 || bytes.size() < 8) return littleEndian(bytes.data(), count);
+    return littleEndian(bytes.data() + bytes.size() - 8, 8) >> (8 * (8 - count));
   }
 
   void add(std::uint64_t word) {

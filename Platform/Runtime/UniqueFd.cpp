@@ -4,10 +4,9 @@
 
 namespace Platform {
 
-void UniqueFd::reset(int fd) {
+void UniqueFd::close(int fd) {
   // Linux frees the number even when close reports an error, so there is nothing to try again.
-  if (fd_ >= 0) ::close(fd_);
-  fd_ = fd;
+  ::close(fd);
 }
 
 }  // namespace Platform

@@ -19,10 +19,14 @@ class UniqueFd {
 
   int get() const { return fd_; }  // -1 when empty
   bool isValid() const { return fd_ >= 0; }
-  void reset(int fd = -1);
+  void reset(int fd = -1) {
+    if (const int old = std::exchange(fd_, fd); old >= 0) close(old);
+  }
   int release() { return std::exchange(fd_, -1); }
 
  private:
+  static void close(int fd);
+
   int fd_ = -1;
 };
 
