@@ -79,15 +79,17 @@ class Application final : public NSObject, public Communication {
   void displayNotSyncing() override {}
 };
 
-struct NoSender final : ReplySender {
-  void send(OutgoingFrame reply) override { require(reply.isSendable()); }
+struct Source final : RequestSource {
+  void answer(std::uint64_t, OutgoingFrame&& frame) override { require(frame.isSendable()); }
+  void requestIsDone(std::uint64_t) override {}
 };
 
 template <class Interface, class Object>
 void dispatchTo(Object& object, std::string_view selector, Decoder arguments, bool isCall) {
   static const auto interface = NSXPCInterface::interfaceWithProtocol<Interface>();
-  interface.dispatch(interface.implementer(&object), selector, arguments, isCall,
-                     std::make_shared<NoSender>());
+  static const auto source = std::make_shared<Source>();
+  IncomingRequest request(isCall ? std::optional(std::uint64_t{1}) : std::nullopt, source, 1);
+  interface.dispatch(interface.implementer(&object), selector, arguments, request);
 }
 
 // Its fields are named as in the corpus.
@@ -110,7 +112,7 @@ void readReply(Decoder decoder) {
 // Descriptors are taken out of a frame once, so each reading has its own.
 Frame copyOf(Frame& frame) {
   Frame copy;
-  copy.payload = frame.payload;
+  copy.keep({frame.payload.begin(), frame.payload.end()});
   copy.lacksDescriptors = frame.lacksDescriptors;
   for (const UniqueFd& descriptor : frame.descriptors.all()) {
     copy.descriptors.add(UniqueFd(::fcntl(descriptor.get(), F_DUPFD_CLOEXEC, 0)));

@@ -13,10 +13,8 @@ using namespace Platform;
 namespace {
 
 OutgoingFrame request(const Text& identifier) {
-  Encoder encoder;
-  encoder.head(Wire::Major::array, 4);
-  encoder.head(Wire::Major::unsignedInteger, static_cast<std::uint64_t>(Wire::Kind::call));
-  encoder.head(Wire::Major::unsignedInteger, 1000);
+  Encoder encoder(4, Wire::Kind::call);
+  encoder.unsignedInteger(1000);
   encoder.text("retrieveListenerEndpoint:completionHandler:");
   encoder.head(Wire::Major::array, 1);
   encode(encoder, identifier);
@@ -30,9 +28,8 @@ OutgoingFrame valueFrame(const Value& value) {
 }
 
 Frame received(OutgoingFrame frame) {
-  frame.bytes.erase(frame.bytes.begin(), frame.bytes.begin() + Wire::headerSize);
   Frame arrived;
-  arrived.payload = std::move(frame.bytes);
+  arrived.keep({frame.bytes.begin() + Wire::headerSize, frame.bytes.end()});
   return arrived;
 }
 

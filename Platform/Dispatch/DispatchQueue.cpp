@@ -19,22 +19,24 @@ TasksKeep::~TasksKeep() {
   currentKeep = outer_;
 }
 
-void DispatchQueue::async(Task task) {
-  Waiting waiting{std::move(task), currentKeep ? currentKeep->kept_ : nullptr};
+void DispatchQueue::async(Task&& task) {
+  if (currentKeep && currentKeep->kept_) {
+    task = [kept = currentKeep->kept_, inner = std::move(task)]() mutable { inner(); };
+  }
   // Behind what others have appended, if this thread can know of it: else there is no order.
   if (isCurrent() && !othersWait_.load(std::memory_order_relaxed)) {
-    next_.push_back(std::move(waiting));
+    next_.push_back(std::move(task));
     return;
   }
   {
     const std::lock_guard lock(mutex_);
     if (inLine_) {
-      others_.push_back(std::move(waiting));
+      others_.push_back(std::move(task));
       othersWait_.store(true, std::memory_order_relaxed);
       return;
     }
     inLine_ = shared_from_this();
-    next_.push_back(std::move(waiting));
+    next_.push_back(std::move(task));
   }
   WorkerPool::shared().enqueue(this);
 }
@@ -46,11 +48,9 @@ bool DispatchQueue::isCurrent() const {
 bool DispatchQueue::runWaitingTasks() {
   running_.swap(next_);
   currentQueue = this;
-  for (Waiting& waiting : running_) {
-    waiting.task();
-    // What a task captured goes with it, before the next one runs.
-    waiting.task = {};
-    waiting.kept.reset();
+  for (Task& task : running_) {
+    task();
+    task.reset();  // what it captured goes with it, before the next one runs
   }
   running_.clear();
   currentQueue = nullptr;
@@ -69,7 +69,7 @@ dispatch_queue_t dispatch_queue_create(std::string label, DispatchQueueAttribute
   return std::make_shared<DispatchQueue>(std::move(label));
 }
 
-void dispatch_async(const dispatch_queue_t& queue, Task task) {
+void dispatch_async(const dispatch_queue_t& queue, Task&& task) {
   queue->async(std::move(task));
 }
 

@@ -42,7 +42,7 @@ class DispatchQueue : public std::enable_shared_from_this<DispatchQueue> {
   const std::string& label() const { return label_; }
 
   // Appends and returns at once.
-  void async(Task task);
+  void async(Task&& task);
 
   // Whether the calling thread is running a task of this queue.
   bool isCurrent() const;
@@ -53,19 +53,14 @@ class DispatchQueue : public std::enable_shared_from_this<DispatchQueue> {
   // Runs the tasks that wait now, and says whether others have come meanwhile. Pool threads only.
   bool runWaitingTasks();
 
-  struct Waiting {
-    Task task;
-    std::shared_ptr<void> kept;
-  };
-
   const std::string label_;
   // Those of the next run, and of this one. Both belong to whoever runs the queue; while nobody
   // does, to whoever puts it in line. So a task that appends to its own queue takes no lock.
-  std::vector<Waiting> next_;
-  std::vector<Waiting> running_;
+  std::vector<Task> next_;
+  std::vector<Task> running_;
   std::mutex mutex_;
   // Protected by mutex_:
-  std::vector<Waiting> others_;            // appended by other threads meanwhile, behind next_
+  std::vector<Task> others_;               // appended by other threads meanwhile, behind next_
   std::shared_ptr<DispatchQueue> inLine_;  // itself, while it is at the pool or runs
   std::atomic<bool> othersWait_ = false;   // there are others_; also read without the lock
 };
@@ -76,6 +71,6 @@ using dispatch_queue_t = std::shared_ptr<DispatchQueue>;
 dispatch_queue_t dispatch_queue_create(std::string label, DispatchQueueAttribute attribute);
 
 // Appends a task and returns at once.
-void dispatch_async(const dispatch_queue_t& queue, Task task);
+void dispatch_async(const dispatch_queue_t& queue, Task&& task);
 
 }  // namespace Platform

@@ -44,6 +44,9 @@ class Task {
   explicit operator bool() const { return does_ != nullptr; }
   // There must be something to call.
   void operator()() { does_->call(place_); }
+  void reset() noexcept {
+    if (const Table* const does = std::exchange(does_, nullptr)) does->end(place_);
+  }
 
  private:
   // Enough for a request to the agent.
@@ -70,10 +73,6 @@ class Task {
     other.does_->move(other.place_, place_);
     does_ = std::exchange(other.does_, nullptr);
   }
-  void reset() noexcept {
-    if (const Table* const does = std::exchange(does_, nullptr)) does->end(place_);
-  }
-
   const Table* does_ = nullptr;
   alignas(void*) std::byte place_[room];
 };

@@ -26,8 +26,7 @@ AwaitedReply::Limit AwaitedReply::limitHere() {
 }
 
 bool AwaitedReply::begin() {
-  const std::lock_guard lock(mutex_);
-  return !std::exchange(hasBegun_, true);
+  return !hasBegun_ && !hasBegun_.exchange(true);
 }
 
 void AwaitedReply::end() {
@@ -37,14 +36,14 @@ void AwaitedReply::end() {
 }
 
 void AwaitedReply::wait(Limit limit) {
-  std::unique_lock lock(mutex_);
   if (isOver_) return;
+  std::unique_lock lock(mutex_);
   constexpr std::chrono::milliseconds longest = std::chrono::hours(24 * 365);
   const WorkerPool::BlockingRegion waiting;
-  const auto isOver = [this] { return isOver_; };
+  const auto isOver = [this] { return isOver_.load(); };
   const bool isGivenUp =
       !waiting || (limit && !ended_.wait_for(lock, std::min(*limit, longest), isOver));
-  if (isGivenUp && !std::exchange(hasBegun_, true)) return;
+  if (isGivenUp && !hasBegun_.exchange(true)) return;
   ended_.wait(lock, isOver);
 }
 

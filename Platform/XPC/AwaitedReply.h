@@ -8,6 +8,7 @@
 // that very connection.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <memory>
@@ -48,11 +49,10 @@ class AwaitedReply {
   void wait(Limit limit);
 
  private:
+  std::atomic<bool> hasBegun_ = false;
+  std::atomic<bool> isOver_ = false;  // set with mutex_ held, for who waits
   std::mutex mutex_;
   std::condition_variable ended_;
-  // Protected by mutex_:
-  bool hasBegun_ = false;
-  bool isOver_ = false;
 };
 
 // None when the reply block went without having been called, or not within the limit.
@@ -62,22 +62,25 @@ std::optional<Value> awaitReply(Call call, AwaitedReply::Limit limit = std::null
     AwaitedReply reply;
     std::optional<Value> value;
   };
-  // What the copies of the reply block share.
-  struct Block {
-    explicit Block(std::shared_ptr<Awaited> awaited) : answer(std::move(awaited)) {}
-    ~Block() {
-      if (answer->reply.begin()) answer->reply.end();
+  class Block final : public Reply<Value>::Block {
+   public:
+    explicit Block(std::shared_ptr<Awaited> awaited) : answer_(std::move(awaited)) {}
+    ~Block() override {
+      if (answer_->reply.begin()) answer_->reply.end();
     }
-    const std::shared_ptr<Awaited> answer;
+    void call(Value value) override {
+      if (!answer_->reply.begin()) return;
+      answer_->value = std::move(value);
+      answer_->reply.end();
+    }
+
+   private:
+    const std::shared_ptr<Awaited> answer_;
   };
   const auto answer = std::make_shared<Awaited>();
   {
     const AwaitedReply::Scope scope(limit);
-    call(Reply<Value>([block = std::make_shared<Block>(answer)](Value value) {
-      if (!block->answer->reply.begin()) return;
-      block->answer->value = std::move(value);
-      block->answer->reply.end();
-    }));
+    call(Reply<Value>(std::make_shared<Block>(answer)));
   }
   answer->reply.wait(limit);
   return std::move(answer->value);

@@ -1,9 +1,4 @@
 // The codec: values of the interfaces to bytes and back, one encode/decode pair per type.
-//
-// Decoding distinguishes two faults. A payload that is not of the wire's format is malformed, and
-// its connection has no future. A well-formed item of another type than the interface declares is
-// an argument of the wrong class: the message is refused and nothing else happens. After either,
-// decoding goes on without effect, so callers ask once, at the end.
 #pragma once
 
 #include <algorithm>
@@ -14,7 +9,6 @@
 #include <map>
 #include <memory>
 #include <optional>
-#include <span>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -22,151 +16,12 @@
 #include <vector>
 
 #include "Platform/Runtime/Text.h"
-#include "Platform/Runtime/UniqueFd.h"
 #include "Platform/Runtime/Value.h"
-#include "Platform/XPC/Budget.h"
+#include "Platform/XPC/Decoder.h"
+#include "Platform/XPC/Encoder.h"
 #include "Platform/XPC/Fields.h"
-#include "Platform/XPC/ForeignDescriptors.h"
-#include "Platform/XPC/NSXPCListenerEndpoint.h"
-#include "Platform/XPC/Wire.h"
 
 namespace Platform {
-
-using EndpointRef = std::shared_ptr<NSXPCListenerEndpoint>;
-
-// A frame ready to be sent: header and payload, and the endpoints whose descriptors go beside it.
-struct OutgoingFrame {
-  std::vector<std::byte> bytes;
-  std::vector<EndpointRef> endpoints;
-  std::size_t items = 0;  // in the arrays and maps of its values
-
-  // False when it is larger than the wire allows.
-  bool isSendable() const;
-};
-
-// A frame as it arrived.
-struct Frame {
-  std::vector<std::byte> payload;
-  ForeignDescriptors descriptors;
-  bool lacksDescriptors =
-      false;        // this process had no room for some of them: it is not carried out
-  BudgetPart part;  // a large one's
-};
-
-// Writes one frame. A value.
-class Encoder {
- public:
-  Encoder();
-
-  void head(Wire::Major major, std::uint64_t argument);
-  void bytes(std::span<const std::byte> content);
-  void text(std::string_view utf8);
-  void simple(std::uint8_t firstByte) { frame_.bytes.push_back(std::byte{firstByte}); }
-  void real(double number);
-  void endpoint(const EndpointRef& endpoint);  // nil when null
-  void nil() { simple(Wire::nullByte); }
-
-  // A value's array of `count` items, or map of `count` entries, which `write` writes. Stops the
-  // process when it is nested too deeply.
-  template <std::invocable Write>
-  void array(std::size_t count, Write write) {
-    enter(Wire::Major::array, count, count);
-    write();
-    --depth_;
-  }
-  template <std::invocable Write>
-  void map(std::size_t count, Write write) {
-    enter(Wire::Major::map, count, 2 * count);
-    write();
-    --depth_;
-  }
-
-  OutgoingFrame finish();  // fills in the header
-
- private:
-  void enter(Wire::Major major, std::size_t count, std::size_t items);
-
-  OutgoingFrame frame_;
-  int depth_ = 0;  // of arrays and maps, in the value at hand
-};
-
-// Whether the decoder looks at a descriptor before it passes for an endpoint. What a request brings
-// is looked at, so that nothing else ever gets into a map of endpoints. An answer's is not: it goes
-// to the one who asked, to whom a false one is an endpoint whose listener has gone, and the look is
-// a system call.
-enum class Descriptors { checked, taken };
-
-// Reads one frame's payload, item by item. Owns nothing: the frame must outlive it.
-class Decoder {
- public:
-  explicit Decoder(Frame& frame, Descriptors policy = Descriptors::checked)
-      : rest_(frame.payload), descriptors_(frame.descriptors.all()), policy_(policy) {}
-
-  bool isMalformed() const { return malformed_; }
-  bool isWrongClass() const { return wrongClass_; }
-  bool isSound() const { return !malformed_ && !wrongClass_; }
-  bool isAtEnd() const { return rest_.empty(); }
-
-  // Each reads one item. An item of another type is passed over and makes the payload wrongClass;
-  // the result is then empty.
-  std::uint64_t unsignedInteger();
-  std::int64_t signedInteger();  // one beyond its range is of another type, too
-  double real();
-  std::string_view text();  // its bytes, UTF-8 not yet checked; valid as long as the frame
-  std::span<const std::byte> bytes();  // valid as long as the frame
-  std::size_t array();                 // the number of items that follow; 0 for another type
-  bool boolean();
-  NSDate date();
-  EndpointRef endpoint();
-  Value value();
-  bool takeNil();  // whether the item is nil, which is then read
-
-  // Reads a value's array: `read` is called for each item, and reads it, up to the first fault. An
-  // item takes `size` bytes in memory: more of them than there is room for are refused.
-  template <std::invocable Read>
-  void eachItem(std::size_t size, Read read) {
-    for (auto left = enter(Wire::Major::array, 1, size); left > 0 && isSound(); --left) read();
-    --depth_;
-  }
-  // The same for a map: `read` is given the key, UTF-8 not yet checked, and reads the item.
-  template <std::invocable<std::string_view> Read>
-  void eachEntry(std::size_t size, Read read) {
-    for (auto left = enter(Wire::Major::map, 2, size); left > 0 && isSound(); --left) read(key());
-    --depth_;
-  }
-
-  void skip();         // one argument or value, checked in full, without building it
-  void skipMessage();  // the same for a whole payload
-  void wrongClass() { wrongClass_ = true; }
-  void malformed();
-
- private:
-  struct Head {
-    Wire::Major major;
-    std::uint8_t firstByte;
-    std::uint64_t argument;  // of a simple value or real: its bits
-  };
-
-  std::optional<Head> head();
-  std::optional<Wire::Major> nextMajor() const;
-  bool isNext(std::uint8_t firstByte) const;
-  std::span<const std::byte> take(std::uint64_t length);
-  void passOver(std::span<const std::byte> itemAndRest);
-  void skip(int depth);
-  EndpointRef endpointAt(std::uint64_t index);
-  std::uint64_t enter(Wire::Major major, std::uint64_t itemsEach, std::uint64_t size);
-  std::string_view key();
-  Value tagged();
-
-  std::span<const std::byte> rest_;
-  std::span<UniqueFd> descriptors_;
-  const Descriptors policy_;
-  int depth_ = 0;          // of arrays and maps, in the value at hand
-  std::size_t items_ = 0;  // in arrays and maps
-  std::size_t room_ = 0;   // that their items take, in bytes
-  bool malformed_ = false;
-  bool wrongClass_ = false;
-};
 
 namespace Detail {
 

@@ -3,19 +3,14 @@
 #include <sys/epoll.h>
 
 #include <algorithm>
-#include <thread>
 #include <utility>
 
 #include "Platform/Runtime/Stop.h"
 
-// Setting up, sending and ending; ConnectionTurns.cpp has reading, delivering and waiting.
+// Setting up, sending and ending; ConnectionTurns.cpp has reading and delivering,
+// ConnectionWaiting.cpp waiting.
 
 namespace Platform {
-namespace {
-
-constexpr auto retryDelay = std::chrono::milliseconds(10);
-
-}  // namespace
 
 Connection::Connection(Dialer::Target target, UniqueFd socket)
     : queue_(dispatch_queue_create("NSXPCConnection", DISPATCH_QUEUE_SERIAL)),
@@ -41,7 +36,7 @@ void Connection::setHandler(std::function<void()> Handlers::*which, std::functio
 void Connection::resume(std::shared_ptr<void> handle) {
   const Lock lock(mutex_);
   if (phase_ != Phase::created) return;
-  exported_.begin();
+  exported_.begin(weak_from_this());
   phase_ = Phase::open;
   if (!link_) return;
   ends_.keepAlive = std::move(handle);
@@ -91,7 +86,7 @@ void Connection::close() {
 
 // Sending
 
-std::optional<Connection::Error> Connection::submit(OutgoingFrame frame, Kind kind) {
+std::optional<Connection::Error> Connection::submit(OutgoingFrame&& frame, Kind kind) {
   if (phase_ != Phase::open) return Error::invalid;
   if (!frame.isSendable()) return Error::refused;
   if (!link_ && !dialer_.isTrying() && dial() == ConnectOutcome::refused) {
@@ -209,12 +204,12 @@ void Connection::sendSoon() {
   }
 }
 
-void Connection::sendMessage(OutgoingFrame frame) {
+void Connection::sendMessage(OutgoingFrame&& frame) {
   const Lock lock(mutex_);
   if (!submit(std::move(frame), Kind::message)) sendSoon();
 }
 
-void Connection::sendCall(std::uint64_t serial, OutgoingFrame frame, PendingCall call) {
+void Connection::sendCall(std::uint64_t serial, OutgoingFrame&& frame, PendingCall call) {
   const Lock lock(mutex_);
   if (const auto error = submit(std::move(frame), Kind::call)) {
     if (call.onError) queue_->async([onError = call.onError, error] { (*onError)(*error); });
@@ -225,7 +220,7 @@ void Connection::sendCall(std::uint64_t serial, OutgoingFrame frame, PendingCall
   sendSoon();
 }
 
-void Connection::answer(std::uint64_t link, OutgoingFrame frame) {
+void Connection::answer(std::uint64_t link, OutgoingFrame&& frame) {
   const Lock lock(mutex_);
   if (!isLink(link)) return;
   link_->share.requestEnds();
@@ -239,31 +234,6 @@ void Connection::requestIsDone(std::uint64_t link) {
   link_->share.requestEnds();
   if (link_->state == Link::State::halfShut) scheduleTurn();
   goOnIfRoom();
-}
-
-bool Connection::waitUntilSent(std::chrono::milliseconds limit) {
-  const WorkerPool::BlockingRegion region;
-  const auto end = std::chrono::steady_clock::now() +
-                   std::min<std::chrono::milliseconds>(limit, std::chrono::hours(24));
-  Lock lock(mutex_);
-  flush();
-  if (phase_ == Phase::open && !link_ && !dialer_.isTrying()) return true;  // nothing was sent
-  for (std::shared_ptr<Link> link = link_;; flush()) {
-    if (!link) link = link_;  // the one that it is sent on
-    if (phase_ != Phase::open || link != link_ || (!link && !dialer_.isTrying())) return false;
-    if (link && !link->hasUnsent()) return !link->hasLostUnsent();
-    const auto left =
-        std::chrono::ceil<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
-    if (left.count() <= 0) return false;
-    lock.unlock();
-    // Not for longer than it takes to find out that the link has ended.
-    if (link) {
-      link->waitForSocket(EPOLLOUT, std::min(left, 10 * retryDelay));
-    } else {
-      std::this_thread::sleep_for(std::min(left, retryDelay));
-    }
-    lock.lock();
-  }
 }
 
 // Ending

@@ -10,8 +10,8 @@
 //   in a waiting call takes it until its own answer is there, and hands what else arrives to the
 //   queue; the pool then no longer watches the socket for input, so the answer wakes that thread
 //   and no other.
-// - Delivering. Frames wait in inbox_ for the connection's serial queue, which carries them out in
-//   order.
+// - Delivering. The connection's serial queue carries frames out in order: where they lie, when it
+//   has received them itself, and else from inbox_, where they wait for it.
 //
 // The watch on the socket is good for one event, so while a peer is served no second worker wakes
 // for it. The worker that has answered a peer lingers: it waits for the peer's next message in the
@@ -71,13 +71,13 @@ class Connection final : public ReadinessHandler,
   void close();
 
   std::uint64_t nextSerial() { return calls_.nextSerial(); }
-  void sendMessage(OutgoingFrame frame);
-  void sendCall(std::uint64_t serial, OutgoingFrame frame, PendingCall call);
-  std::optional<Error> waitForCall(std::uint64_t serial, OutgoingFrame frame,
+  void sendMessage(OutgoingFrame&& frame);
+  void sendCall(std::uint64_t serial, OutgoingFrame&& frame, PendingCall call);
+  std::optional<Error> waitForCall(std::uint64_t serial, OutgoingFrame&& frame,
                                    const DecodeReply& onReply, Limit limit);
   bool waitUntilSent(std::chrono::milliseconds limit);
 
-  void answer(std::uint64_t link, OutgoingFrame frame) override;
+  void answer(std::uint64_t link, OutgoingFrame&& frame) override;
   void requestIsDone(std::uint64_t link) override;
   void ready(std::uint32_t events) override;
 
@@ -86,6 +86,7 @@ class Connection final : public ReadinessHandler,
   enum class Phase { created, open, draining, over };
   enum class Ending { peerGone, fault };
   enum class Kind { message, call };
+  static constexpr std::chrono::milliseconds retryDelay{10};  // where nothing tells when to go on
 
   struct Incoming {
     Frame frame;
@@ -117,7 +118,7 @@ class Connection final : public ReadinessHandler,
   };
 
   // These are called with mutex_ held; those that take the lock release it for a while.
-  std::optional<Error> submit(OutgoingFrame frame, Kind kind);
+  std::optional<Error> submit(OutgoingFrame&& frame, Kind kind);
   ConnectOutcome dial();
   void retryDialing();
   void updateInterest();
@@ -127,10 +128,11 @@ class Connection final : public ReadinessHandler,
   void sendSoon();
   void scheduleTurn();
   void scheduleTurnAfter(std::chrono::milliseconds delay, bool Turn::*reason);
-  bool read(Lock& lock, Wait wait);
-  bool linger(Lock& lock);
-  void readForWaitingCall(Lock& lock, std::chrono::milliseconds atMost);
-  void take(std::vector<Frame>& frames);
+  bool read(Lock& lock, Wait wait, ReceiveRoom& room, const WaitingCall* reader);
+  bool linger(Lock& lock, ReceiveRoom& room);
+  void readForWaitingCall(Lock& lock, ReceiveRoom& room, const WaitingCall& call,
+                          std::chrono::milliseconds atMost);
+  void putAside(std::vector<Frame>& frames);
   void inputHasEnded(bool peerMayRead);
   void endLink(Ending ending);
   void endAll(Error error, bool isFinal);
@@ -145,11 +147,12 @@ class Connection final : public ReadinessHandler,
   // These run on queue_, without the lock.
   void turn();
   void deliverInbox();
-  bool deliverOrEnd(Incoming& incoming);
-  bool deliver(Incoming& incoming);
-  bool deliverRequest(Incoming& incoming, Decoder& decoder, bool expectsAnswer);
-  bool deliverAnswer(Incoming& incoming, Decoder& decoder, bool isReply);
-  void closeUnclaimed(Incoming& incoming);
+  void deliverAll(std::vector<Frame>& frames, const Origin& origin);
+  bool deliverOrEnd(Frame& frame, const Origin& origin);
+  bool deliver(Frame& frame, const Origin& origin);
+  bool deliverRequest(Frame& frame, const Origin& origin, Decoder& decoder, bool expectsAnswer);
+  bool deliverAnswer(Frame& frame, const Origin& origin, Decoder& decoder, bool isReply);
+  void closeUnclaimed(Frame& frame, std::uint64_t link);
   void announceEnd(bool isFinal);
 
   const dispatch_queue_t queue_;

@@ -1,4 +1,3 @@
-#include <poll.h>
 #include <sys/epoll.h>
 
 #include <algorithm>
@@ -8,104 +7,14 @@
 #include "Platform/XPC/AnsweringProcess.h"
 #include "Platform/XPC/Connection.h"
 
-// Reading, delivering and waiting; Connection.cpp has the rest.
+// Reading and delivering; Connection.cpp and ConnectionWaiting.cpp have the rest.
 
 namespace Platform {
 namespace {
 
-constexpr auto retryDelay = std::chrono::milliseconds(10);
 constexpr auto lingerTime = std::chrono::milliseconds(10);
-constexpr std::chrono::milliseconds longestLimit = std::chrono::hours(24 * 365);
-constexpr auto withoutEnd = std::chrono::milliseconds(-1);
-
-using Clock = std::chrono::steady_clock;
-
-std::chrono::milliseconds timeUntil(Clock::time_point end) {
-  return std::max(std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now()),
-                  std::chrono::milliseconds(0));
-}
 
 }  // namespace
-
-// Waiting
-
-std::optional<Connection::Error> Connection::waitForCall(std::uint64_t serial, OutgoingFrame frame,
-                                                         const DecodeReply& onReply, Limit limit) {
-  WaitingCall call{serial};
-  ClosingTogether::closeNow();
-  if (limit) limit = std::min(*limit, longestLimit);
-  const auto end = limit ? Clock::now() + *limit : Clock::time_point::max();
-  {
-    const WorkerPool::BlockingRegion region;
-    if (!region) return Error::refused;
-    Lock lock(mutex_);
-    if (const auto error = submit(std::move(frame), Kind::call)) return error;
-    calls_.add(call);
-    updateInterest();
-    flush();
-    while (!call.isDone()) {
-      const auto left = limit ? timeUntil(end) : withoutEnd;
-      if (left.count() == 0) {
-        call.end(Error::timedOut);
-      } else if (link_ && !turn_.isReading) {
-        readForWaitingCall(lock, left);
-      } else if (limit) {
-        call.wake.wait_until(lock, end);
-      } else {
-        call.wake.wait(lock);
-      }
-    }
-    calls_.remove(call);
-    if (calls_.anyWaits()) {
-      calls_.wakeFirst();  // somebody has to read
-    } else {
-      updateInterest();
-      if (std::exchange(turn_.isMissed, false)) {
-        turn_.mayRead = true;
-        scheduleTurn();
-      }
-    }
-  }
-  if (call.error) return call.error;
-  Decoder decoder(*call.answer, Descriptors::taken);
-  const std::size_t count = decoder.array();
-  const bool isReply = decoder.unsignedInteger() == static_cast<std::uint64_t>(Wire::Kind::reply);
-  decoder.unsignedInteger();
-  if (count != (isReply ? 3 : 2)) decoder.malformed();
-  if (isReply && decoder.isSound() && !call.answer->lacksDescriptors) {
-    const AnsweringProcess process(call.origin.process);
-    onReply(decoder);
-  }
-  if (decoder.isMalformed()) {
-    const Lock lock(mutex_);
-    if (isLink(call.origin.link)) endLink(Ending::fault);
-  }
-  if (decoder.isSound() && decoder.isAtEnd()) {
-    return isReply ? std::nullopt : std::optional(Error::refused);
-  }
-  return Error::replyInvalid;
-}
-
-void Connection::readForWaitingCall(Lock& lock, std::chrono::milliseconds atMost) {
-  if (!link_->hasUnsent() && atMost == withoutEnd) {
-    link_->setPatience({});
-    read(lock, Wait::yes);
-  } else {
-    const std::shared_ptr<Link> link = link_;
-    short events = POLLIN;
-    if (link->hasUnsent() && !turn_.retriesSending) events |= POLLOUT;
-    if (turn_.retriesSending && (atMost == withoutEnd || retryDelay < atMost)) atMost = retryDelay;
-    turn_.isReading = true;
-    lock.unlock();
-    link->waitForSocket(events, atMost);
-    lock.lock();
-    turn_.isReading = false;
-    if (link_ != link) return;
-    flush();
-    if (link_ == link) read(lock, Wait::no);
-  }
-  if (!inbox_.waiting.empty()) scheduleTurn();
-}
 
 // Reading
 
@@ -137,6 +46,7 @@ void Connection::scheduleTurnAfter(std::chrono::milliseconds delay, bool Turn::*
 }
 
 void Connection::turn() {
+  ReceiveRoom room;
   bool hasRead = false;
   std::shared_ptr<void> kept;  // released after the lock
   Lock lock(mutex_);
@@ -145,20 +55,28 @@ void Connection::turn() {
   flush();
   const bool mayLinger = std::exchange(turn_.mayLinger, false);
   if (link_ && phase_ == Phase::open) {
-    hasRead =
-        std::exchange(turn_.mayRead, false) ? read(lock, Wait::no) : mayLinger && linger(lock);
-    turn_.mayLinger = hasRead && !inbox_.waiting.empty();
+    hasRead = std::exchange(turn_.mayRead, false) ? read(lock, Wait::no, room, nullptr)
+                                                  : mayLinger && linger(lock, room);
+    turn_.mayLinger = hasRead && !(room.frames().empty() && inbox_.waiting.empty());
   } else if (link_ && phase_ == Phase::draining) {
     kept = endDraining();
+  }
+  if (hasRead) {
+    // What is delivered may leave tasks on other queues, whose answers the next turn sends; it does
+    // the rest of this one's work, too.
+    scheduleTurn();
+    if (inbox_.waiting.empty()) {
+      const Origin origin = link_->origin();
+      lock.unlock();
+      return deliverAll(room.frames(), origin);
+    }
+    putAside(room.frames());
   }
   deliverInbox(lock);
   turn_.isRunning = false;
   endIfAllIsAnswered();
   goOnIfRoom();
-  // What was delivered may have left tasks on other queues, whose answers the next turn sends.
-  if (hasRead) {
-    scheduleTurn();
-  } else {
+  if (!hasRead) {
     // A connection that is served keeps its buffers from turn to turn; one at rest costs little.
     inbox_.delivering.shrink_to_fit();
     inbox_.waiting.shrink_to_fit();
@@ -167,19 +85,19 @@ void Connection::turn() {
   updateInterest();
 }
 
-bool Connection::linger(Lock& lock) {
+bool Connection::linger(Lock& lock, ReceiveRoom& room) {
   if (turn_.isReading || calls_.anyWaits() || link_->hasUnsent()) return false;
-  if (!WorkerPool::shared().canSpareWorker()) return false;
+  if (!inbox_.waiting.empty() || !WorkerPool::shared().canSpareWorker()) return false;
   link_->setPatience(lingerTime);
-  const WorkerPool::BlockingRegion region;
   turn_.isLingering = true;
-  const bool hasRead = read(lock, Wait::yes);
+  const bool hasRead = read(lock, Wait::yes, room, nullptr);
   turn_.isLingering = false;
   return hasRead;
 }
 
-// One receive. Says whether it brought anything.
-bool Connection::read(Lock& lock, Wait wait) {
+// One receive. Says whether it brought anything. Answers are given to the calls that wait for them;
+// the frames that are left in the room are counted, and the caller's to deliver.
+bool Connection::read(Lock& lock, Wait wait, ReceiveRoom& room, const WaitingCall* reader) {
   using State = Link::State;
   if (turn_.isReading) {
     turn_.isMissed = true;
@@ -198,21 +116,25 @@ bool Connection::read(Lock& lock, Wait wait) {
   turn_.isReading = true;
   const std::shared_ptr<Link> link = link_;
   lock.unlock();
-  thread_local std::vector<Frame> frames;  // empty but here
-  const Reception reception = link->receive(wait, mayHoldBack, frames);
+  const Reception reception = link->receive(wait, mayHoldBack, room);
   const bool hasEnded = reception.outcome == Reception::Outcome::ended;
   const bool peerMayRead = hasEnded && link->peerMayRead();
   lock.lock();
   turn_.isReading = false;
   // A call that began to wait meanwhile has left the reading to this thread, and takes it over now,
-  // whatever came of it.
-  calls_.wakeFirst();
+  // whatever came of it; unless this thread goes on, for a call of its own.
+  if (!reader) calls_.wakeFirst();
+  std::vector<Frame>& frames = room.frames();
   if (link_ != link) {
     frames.clear();
     return false;
   }
   if (reception.sender != 0) link_->setProcess(dialer_.processNumber(reception.sender));
-  take(frames);
+  if (calls_.anyWaits()) {
+    std::erase_if(
+        frames, [&](Frame& frame) { return calls_.giveToWaiting(frame, link_->origin(), reader); });
+  }
+  link_->share.requestsBegin(frames.size());
   switch (reception.outcome) {
     case Reception::Outcome::data:
       // More is there for sure when the buffer was filled, or when the end has been announced.
@@ -228,16 +150,17 @@ bool Connection::read(Lock& lock, Wait wait) {
       inputHasEnded(peerMayRead);
       return false;
     case Reception::Outcome::fault:
+      frames.clear();
       endLink(Ending::fault);
       return false;
   }
   return false;
 }
 
-void Connection::take(std::vector<Frame>& frames) {
+// The inbox has its own copies.
+void Connection::putAside(std::vector<Frame>& frames) {
   for (Frame& frame : frames) {
-    if (calls_.giveToWaiting(frame, link_->origin())) continue;
-    link_->share.requestBegins();
+    frame.keep();
     inbox_.waiting.push_back({std::move(frame), link_->origin()});
   }
   frames.clear();
@@ -265,71 +188,77 @@ void Connection::deliverInbox(Lock& lock) {
   for (bool goesOn = true; goesOn && !inbox_.waiting.empty();) {
     delivering.swap(inbox_.waiting);
     lock.unlock();
-    goesOn = std::ranges::all_of(delivering,
-                                 [this](Incoming& incoming) { return deliverOrEnd(incoming); });
+    goesOn = std::ranges::all_of(delivering, [this](Incoming& incoming) {
+      return deliverOrEnd(incoming.frame, incoming.origin);
+    });
     delivering.clear();
     ClosingTogether::closeNow();
     lock.lock();
   }
 }
 
+void Connection::deliverAll(std::vector<Frame>& frames, const Origin& origin) {
+  const ClosingTogether dropped;
+  std::ranges::all_of(frames, [&](Frame& frame) { return deliverOrEnd(frame, origin); });
+  frames.clear();
+}
+
 // False when nothing that came with it or after it is to be delivered.
-bool Connection::deliverOrEnd(Incoming& incoming) {
+bool Connection::deliverOrEnd(Frame& frame, const Origin& origin) {
   if (inbox_.isClosed) return false;
-  const bool isSound = deliver(incoming);
-  if (incoming.frame.descriptors.hasUnclaimed()) closeUnclaimed(incoming);
+  const bool isSound = deliver(frame, origin);
+  if (frame.descriptors.hasUnclaimed()) closeUnclaimed(frame, origin.link);
   if (isSound) return true;
   const Lock lock(mutex_);
   // What was the last link's is not held against the next.
-  if (!isLink(incoming.origin.link)) return !inbox_.isClosed;
+  if (!isLink(origin.link)) return !inbox_.isClosed;
   endLink(Ending::fault);
   return false;
 }
 
 // False when the frame is malformed.
-bool Connection::deliver(Incoming& incoming) {
-  Decoder decoder(incoming.frame, Descriptors::checked);
+bool Connection::deliver(Frame& frame, const Origin& origin) {
+  Decoder decoder(frame, Descriptors::checked);
   const std::size_t count = decoder.array();
   const std::uint64_t kind = decoder.unsignedInteger();
   if (!decoder.isSound()) return false;
   switch (static_cast<Wire::Kind>(kind)) {
     case Wire::Kind::message:
-      return count == 3 && deliverRequest(incoming, decoder, false);
+      return count == 3 && deliverRequest(frame, origin, decoder, false);
     case Wire::Kind::call:
-      return count == 4 && deliverRequest(incoming, decoder, true);
+      return count == 4 && deliverRequest(frame, origin, decoder, true);
     case Wire::Kind::reply:
-      return count == 3 && deliverAnswer(incoming, decoder, true);
+      return count == 3 && deliverAnswer(frame, origin, decoder, true);
     case Wire::Kind::refusal:
-      return count == 2 && deliverAnswer(incoming, decoder, false);
+      return count == 2 && deliverAnswer(frame, origin, decoder, false);
   }
   return false;
 }
 
-bool Connection::deliverRequest(Incoming& incoming, Decoder& decoder, bool expectsAnswer) {
+bool Connection::deliverRequest(Frame& frame, const Origin& origin, Decoder& decoder,
+                                bool expectsAnswer) {
   const auto serial = expectsAnswer ? std::optional(decoder.unsignedInteger()) : std::nullopt;
   if (!decoder.isSound()) return false;
-  const auto request =
-      std::make_shared<IncomingRequest>(serial, weak_from_this(), incoming.origin.link);
-  return exported_.call(incoming.frame, decoder, expectsAnswer, request);
+  return exported_.call(frame, decoder, serial, origin.link);
 }
 
-bool Connection::deliverAnswer(Incoming& incoming, Decoder& head, bool isReply) {
+bool Connection::deliverAnswer(Frame& frame, const Origin& origin, Decoder& head, bool isReply) {
   const std::uint64_t serial = head.unsignedInteger();
   if (!head.isSound()) return false;
   std::optional<PendingCall> call;
   {
     const Lock lock(mutex_);
-    if (isLink(incoming.origin.link)) link_->share.requestEnds();
+    if (isLink(origin.link)) link_->share.requestEnds();
     call = calls_.take(serial);
   }
   // An answer to what was never asked, or is no longer waited for, is nothing to anybody.
   if (!call) return true;
-  Decoder decoder(incoming.frame, Descriptors::taken);
-  if (isReply && !incoming.frame.lacksDescriptors) {
+  Decoder decoder(frame, Descriptors::taken);
+  if (isReply && !frame.lacksDescriptors) {
     decoder.array();
     decoder.unsignedInteger();
     decoder.unsignedInteger();
-    const AnsweringProcess process(incoming.origin.process);
+    const AnsweringProcess process(origin.process);
     call->onReply(decoder);
     if (decoder.isSound() && decoder.isAtEnd()) return true;
   }
@@ -338,21 +267,19 @@ bool Connection::deliverAnswer(Incoming& incoming, Decoder& head, bool isReply) 
 }
 
 // Whoever sends descriptors that nobody takes is not read until they are closed.
-void Connection::closeUnclaimed(Incoming& incoming) {
-  const auto link = incoming.origin.link;
+void Connection::closeUnclaimed(Frame& frame, std::uint64_t link) {
   {
     const Lock lock(mutex_);
     if (isLink(link)) link_->share.closingBegins();
   }
-  incoming.frame.descriptors.close(
-      std::shared_ptr<void>(nullptr, [weak = weak_from_this(), link](void*) {
-        const auto self = weak.lock();
-        if (!self) return;
-        const Lock lock(self->mutex_);
-        if (!self->isLink(link)) return;
-        self->link_->share.closingEnds();
-        self->goOnIfRoom();
-      }));
+  frame.descriptors.close(std::shared_ptr<void>(nullptr, [weak = weak_from_this(), link](void*) {
+    const auto self = weak.lock();
+    if (!self) return;
+    const Lock lock(self->mutex_);
+    if (!self->isLink(link)) return;
+    self->link_->share.closingEnds();
+    self->goOnIfRoom();
+  }));
 }
 
 }  // namespace Platform

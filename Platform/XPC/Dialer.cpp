@@ -43,7 +43,8 @@ void Dialer::restAfterFault() {
 
 void Dialer::handOver(Link& link) {
   for (OutgoingFrame& frame : unsent_) link.append(std::move(frame));
-  unsent_ = {};
+  unsent_.clear();
+  unsent_.shrink_to_fit();
 }
 
 std::uint64_t Dialer::processNumber(pid_t sender) {

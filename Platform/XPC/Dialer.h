@@ -46,7 +46,7 @@ class Dialer {
   // Frames that wait for a link, while somebody will dial again for them.
   bool isTrying() const { return isTrying_; }
   void setTrying(bool isTrying) { isTrying_ = isTrying; }
-  void keep(OutgoingFrame frame) { unsent_.push_back(std::move(frame)); }
+  void keep(OutgoingFrame&& frame) { unsent_.push_back(std::move(frame)); }
   void handOver(Link& link);
   void dropUnsent() { unsent_.clear(); }
 

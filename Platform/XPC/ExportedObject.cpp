@@ -7,29 +7,33 @@
 
 namespace Platform {
 
-void ExportedObject::begin() {
+void ExportedObject::begin(std::weak_ptr<RequestSource> source) {
+  source_ = std::move(source);
   if (interface_) implementer_ = interface_.implementer(object_.get());
   if ((interface_ || object_) && !implementer_) stopProcess(ExitStatus::software);
 }
 
-bool ExportedObject::call(Frame& frame, Decoder& decoder, bool expectsAnswer,
-                          const std::shared_ptr<ReplySender>& request) const {
+bool ExportedObject::call(Frame& frame, Decoder& decoder, std::optional<std::uint64_t> serial,
+                          std::uint64_t link) const {
+  IncomingRequest request(serial, source_, link);
   const std::string_view selector = decoder.text();
   if (!decoder.isSound()) return false;
   if (frame.lacksDescriptors) return true;
-  if (implementer_) {
-    // A call is kept by its reply block, a message by the tasks that come of it.
-    const TasksKeep keep(expectsAnswer ? nullptr : request);
-    if (interface_.dispatch(implementer_, selector, decoder, expectsAnswer, request) &&
-        decoder.isSound()) {
-      return true;
-    }
-  }
+  if (implementer_ && carryOut(selector, decoder, request) && decoder.isSound()) return true;
   if (decoder.isMalformed()) return false;
   // It is not for us: then it must be well-formed all the same.
   Decoder whole(frame);
   whole.skipMessage();
   return whole.isSound() && whole.isAtEnd();
+}
+
+bool ExportedObject::carryOut(std::string_view selector, Decoder& decoder,
+                              IncomingRequest& request) const {
+  // A call is kept by its reply block, a message by the tasks that come of it.
+  if (request.isCall()) return interface_.dispatch(implementer_, selector, decoder, request);
+  const auto message = std::make_shared<IncomingRequest>(std::move(request));
+  const TasksKeep keep(message);
+  return interface_.dispatch(implementer_, selector, decoder, *message);
 }
 
 std::shared_ptr<NSObject> ExportedObject::release() {

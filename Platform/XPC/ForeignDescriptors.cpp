@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <atomic>
 #include <deque>
-#include <iterator>
 #include <mutex>
 #include <utility>
 
@@ -21,7 +20,7 @@ constexpr std::size_t mostClosers = 6;
 std::atomic<std::size_t> heldDescriptors = 0;
 
 struct Batch {
-  std::vector<UniqueFd> descriptors;
+  UniqueFds descriptors;
   std::shared_ptr<void> whileClosing;
 
   void close() {
@@ -35,7 +34,7 @@ struct Batch {
       descriptor.reset();
     }
     heldDescriptors -= descriptors.size();
-    descriptors.clear();
+    descriptors = {};
     whileClosing.reset();
   }
 };
@@ -93,13 +92,10 @@ class Closers {
 
 }  // namespace
 
-ForeignDescriptors::ForeignDescriptors(ForeignDescriptors&& other) noexcept
-    : descriptors_(std::exchange(other.descriptors_, {})), taken_(std::exchange(other.taken_, 0)) {}
-
 ForeignDescriptors& ForeignDescriptors::operator=(ForeignDescriptors&& other) noexcept {
   if (this == &other) return *this;
   close({});
-  descriptors_ = std::exchange(other.descriptors_, {});
+  descriptors_ = std::move(other.descriptors_);
   taken_ = std::exchange(other.taken_, 0);
   return *this;
 }
@@ -109,43 +105,42 @@ void ForeignDescriptors::add(UniqueFd descriptor) {
   ++heldDescriptors;
 }
 
-void ForeignDescriptors::add(ForeignDescriptors others) {
+void ForeignDescriptors::add(ForeignDescriptors&& others) {
   if (size() == 0) {
     *this = std::move(others);
     return;
   }
-  descriptors_.erase(descriptors_.begin(),
-                     descriptors_.begin() + static_cast<std::ptrdiff_t>(taken_));
-  taken_ = 0;
-  std::ranges::move(others.all(), std::back_inserter(descriptors_));
+  closeGap();
+  for (UniqueFd& other : others.all()) descriptors_.push_back(std::move(other));
   heldDescriptors += others.size();
 }
 
-ForeignDescriptors ForeignDescriptors::takeFirst(std::size_t count) {
-  if (count == size() && taken_ == 0) return std::move(*this);
-  ForeignDescriptors first;
-  const auto begin = descriptors_.begin() + static_cast<std::ptrdiff_t>(taken_);
-  first.descriptors_.assign(std::make_move_iterator(begin),
-                            std::make_move_iterator(begin + static_cast<std::ptrdiff_t>(count)));
+void ForeignDescriptors::giveFirst(std::size_t count, ForeignDescriptors& other) {
+  if (count == size() && other.size() == 0) {
+    other = std::move(*this);
+    return;
+  }
+  for (UniqueFd& next : all().first(count)) other.descriptors_.push_back(std::move(next));
   taken_ += count;
-  return first;
-}
-
-bool ForeignDescriptors::hasUnclaimed() const {
-  return std::ranges::any_of(descriptors_, &UniqueFd::isValid);
 }
 
 void ForeignDescriptors::close(std::shared_ptr<void> whileClosing) {
   if (descriptors_.empty()) return;
-  descriptors_.erase(descriptors_.begin(),
-                     descriptors_.begin() + static_cast<std::ptrdiff_t>(taken_));
-  taken_ = 0;
+  closeGap();
   if (hasUnclaimed()) {
     Closers::shared().add({std::exchange(descriptors_, {}), std::move(whileClosing)});
   } else {
     heldDescriptors -= descriptors_.size();
-    descriptors_.clear();
+    descriptors_ = {};
   }
+}
+
+void ForeignDescriptors::closeGap() {
+  if (taken_ == 0) return;
+  UniqueFds rest;
+  for (UniqueFd& left : all()) rest.push_back(std::move(left));
+  descriptors_ = std::move(rest);
+  taken_ = 0;
 }
 
 std::size_t ForeignDescriptors::held() {

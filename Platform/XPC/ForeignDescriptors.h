@@ -5,34 +5,45 @@
 // do, and that are there only while there is something to close.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <memory>
 #include <span>
-#include <vector>
+#include <utility>
 
+#include "Platform/Runtime/SmallVector.h"
 #include "Platform/Runtime/UniqueFd.h"
 
 namespace Platform {
+
+// Usually one, an endpoint's.
+using UniqueFds = SmallVector<UniqueFd, 1>;
 
 // Not synchronised, but for the functions of the class.
 class ForeignDescriptors {
  public:
   ForeignDescriptors() = default;
-  ForeignDescriptors(ForeignDescriptors&& other) noexcept;
+  ForeignDescriptors(ForeignDescriptors&& other) noexcept
+      : descriptors_(std::move(other.descriptors_)), taken_(std::exchange(other.taken_, 0)) {}
   ForeignDescriptors& operator=(ForeignDescriptors&& other) noexcept;
   ~ForeignDescriptors() {
     if (!descriptors_.empty()) close({});
   }
 
   void add(UniqueFd descriptor);
-  void add(ForeignDescriptors others);
-  // The first `count` of them, which leave this.
-  ForeignDescriptors takeFirst(std::size_t count);
+  void add(ForeignDescriptors&& others);
+  // Moves the first `count` of them to `other`.
+  void giveFirst(std::size_t count, ForeignDescriptors& other);
 
   // Whoever claims one moves it out; an invalid one stays in its place.
-  std::span<UniqueFd> all() { return std::span(descriptors_).subspan(taken_); }
+  std::span<UniqueFd> all() {
+    return std::span(descriptors_.begin(), descriptors_.end()).subspan(taken_);
+  }
   std::size_t size() const { return descriptors_.size() - taken_; }
-  bool hasUnclaimed() const;
+  bool hasUnclaimed() const {
+    return std::any_of(descriptors_.begin(), descriptors_.end(),
+                       [](const UniqueFd& descriptor) { return descriptor.isValid(); });
+  }
 
   // Closes those that nobody has claimed, where nobody waits for it. `whileClosing` is released
   // when the last is closed.
@@ -42,7 +53,9 @@ class ForeignDescriptors {
   static std::size_t held();
 
  private:
-  std::vector<UniqueFd> descriptors_;
+  void closeGap();
+
+  UniqueFds descriptors_;
   std::size_t taken_ = 0;  // so many at the front have left: to close the gap each time takes long
 };
 

@@ -24,12 +24,15 @@ FrameReader::Header FrameReader::parsed(const std::byte* header) {
   return {loadLittleEndian(header), loadLittleEndian(header + 4)};
 }
 
-bool FrameReader::feed(std::span<const std::byte> bytes, ForeignDescriptors descriptors,
+bool FrameReader::feed(std::span<const std::byte> bytes, ForeignDescriptors&& descriptors,
                        Arrived arrived, std::vector<Frame>& frames) {
   if (descriptors.size() != 0) descriptors_.add(std::move(descriptors));
   if (descriptors_.size() > mostWaitingDescriptors) return false;
   for (;;) {
-    if (isInHeader()) {
+    if (headerBytes_ == 0 && bytes.size() >= header_.size()) {
+      if (!readHeader(bytes.data())) return false;
+      bytes = bytes.subspan(header_.size());
+    } else if (isInHeader()) {
       const std::size_t count = std::min(bytes.size(), header_.size() - headerBytes_);
       std::copy_n(bytes.begin(), count,
                   header_.begin() + static_cast<std::ptrdiff_t>(headerBytes_));
@@ -37,17 +40,23 @@ bool FrameReader::feed(std::span<const std::byte> bytes, ForeignDescriptors desc
       headerBytes_ += count;
       // Of a frame that is not known yet it cannot be told whether it lost any.
       if (isInHeader()) return arrived == Arrived::all || headerBytes_ == 0;
-      if (!readHeader()) return false;
+      if (!readHeader(header_.data())) return false;
     }
     const std::size_t count = std::min(bytes.size(), payloadBytes_ - payload_.size());
+    const auto part = bytes.first(count);
+    bytes = bytes.subspan(count);
+    // Most frames come whole, and their bytes stay where they are.
+    if (count == payloadBytes_) {
+      if (!completeFrame(arrived, frames)) return false;
+      frames.back().payload = part;
+      continue;
+    }
     // At most this many times what has arrived: a claim costs its sender, and an honest one few
     // moves.
     if (const std::size_t size = payload_.size() + count; size > payload_.capacity()) {
       payload_.reserve(std::min(payloadBytes_, growth * size));
     }
-    payload_.insert(payload_.end(), bytes.begin(),
-                    bytes.begin() + static_cast<std::ptrdiff_t>(count));
-    bytes = bytes.subspan(count);
+    payload_.insert(payload_.end(), part.begin(), part.end());
     if (payload_.size() < payloadBytes_) {
       if (arrived == Arrived::some && descriptors_.size() < declaredDescriptors_) {
         lacksDescriptors_ = true;
@@ -56,11 +65,13 @@ bool FrameReader::feed(std::span<const std::byte> bytes, ForeignDescriptors desc
       return true;
     }
     if (!completeFrame(arrived, frames)) return false;
+    frames.back().keep(std::exchange(payload_, {}));
   }
 }
 
-bool FrameReader::readHeader() {
-  const Header header = parsed(header_.data());
+bool FrameReader::readHeader(const std::byte* bytes) {
+  const Header header = parsed(bytes);
+  headerBytes_ = header_.size();
   payloadBytes_ = header.payloadBytes;
   declaredDescriptors_ = header.descriptors;
   return payloadBytes_ <= Wire::mostPayloadBytes && declaredDescriptors_ <= Wire::mostDescriptors;
@@ -75,8 +86,7 @@ bool FrameReader::completeFrame(Arrived arrived, std::vector<Frame>& frames) {
     lacksDescriptors_ = true;
   }
   Frame& frame = frames.emplace_back();
-  frame.payload.swap(payload_);
-  if (here != 0) frame.descriptors = descriptors_.takeFirst(here);
+  if (here != 0) descriptors_.giveFirst(here, frame.descriptors);
   frame.lacksDescriptors = std::exchange(lacksDescriptors_, false);
   if (isInLargeFrame()) frame.part = std::move(part_);
   headerBytes_ = 0;

@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "Platform/XPC/Budget.h"
-#include "Platform/XPC/Codec.h"
+#include "Platform/XPC/Decoder.h"
 #include "Platform/XPC/ForeignDescriptors.h"
 
 namespace Platform {
@@ -23,10 +23,11 @@ enum class Arrived { all, some };
 // One for a link's life. Not synchronised: used by whoever reads the link.
 class FrameReader {
  public:
-  // Takes what one receive brought and appends the frames that it completes. False when the stream
+  // Takes what one receive brought and appends the frames that it completes; `bytes` lends them
+  // their payloads. False when the stream
   // is not of the wire's format, or when it cannot be told whose descriptors were lost; it has no
   // future then.
-  bool feed(std::span<const std::byte> bytes, ForeignDescriptors descriptors, Arrived arrived,
+  bool feed(std::span<const std::byte> bytes, ForeignDescriptors&& descriptors, Arrived arrived,
             std::vector<Frame>& frames);
 
   // How many descriptors are here that no frame begun so far has declared.
@@ -50,7 +51,7 @@ class FrameReader {
   static Header parsed(const std::byte* header);
 
   bool isInHeader() const { return headerBytes_ < header_.size(); }
-  bool readHeader();
+  bool readHeader(const std::byte* bytes);
   bool completeFrame(Arrived arrived, std::vector<Frame>& frames);
 
   std::array<std::byte, Wire::headerSize> header_{};

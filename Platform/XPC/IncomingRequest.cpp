@@ -1,41 +1,41 @@
 #include "Platform/XPC/IncomingRequest.h"
 
-#include <utility>
-
 namespace Platform {
 namespace {
 
 OutgoingFrame refusalOf(std::uint64_t serial) {
-  Encoder encoder;
-  encoder.head(Wire::Major::array, 2);
-  encoder.head(Wire::Major::unsignedInteger, static_cast<std::uint64_t>(Wire::Kind::refusal));
-  encoder.head(Wire::Major::unsignedInteger, serial);
+  Encoder encoder(2, Wire::Kind::refusal);
+  encoder.unsignedInteger(serial);
   return encoder.finish();
 }
 
 }  // namespace
 
-IncomingRequest::IncomingRequest(std::optional<std::uint64_t> callSerial,
-                                 std::weak_ptr<RequestSource> source, std::uint64_t link)
-    : source_(std::move(source)), link_(link), isCall_(callSerial.has_value()) {
-  serial = callSerial.value_or(0);
-}
-
-IncomingRequest::~IncomingRequest() {
-  if (sent_.test()) return;
+void IncomingRequest::end() {
+  const auto source = source_.lock();
+  if (!source) return;
   if (isCall_) {
-    if (!source_.expired()) IncomingRequest::send(refusalOf(serial));
-  } else if (const auto source = source_.lock()) {
+    source->answer(link_, refusalOf(serial_));
+  } else {
     source->requestIsDone(link_);
   }
 }
 
-void IncomingRequest::send(OutgoingFrame reply) {
-  if (!isCall_ || sent_.test_and_set()) return;
+Encoder IncomingRequest::beginAnswer() const {
+  Encoder encoder(3, Wire::Kind::reply);
+  encoder.unsignedInteger(serial_);
+  return encoder;
+}
+
+void IncomingRequest::send(Encoder& answer) {
+  if (isOver_.exchange(true)) return;
   const auto source = source_.lock();
   if (!source) return;
-  if (!reply.isSendable()) reply = refusalOf(serial);
-  source->answer(link_, std::move(reply));
+  if (OutgoingFrame&& frame = answer.finish(); frame.isSendable()) {
+    source->answer(link_, std::move(frame));
+  } else {
+    source->answer(link_, refusalOf(serial_));
+  }
 }
 
 }  // namespace Platform

@@ -11,7 +11,6 @@
 #include <optional>
 
 #include "Platform/XPC/Codec.h"
-#include "Platform/XPC/NSXPCInterface.h"
 
 namespace Platform {
 
@@ -19,29 +18,49 @@ namespace Platform {
 class RequestSource {
  public:
   // Each request of a link ends by one of these, once.
-  virtual void answer(std::uint64_t link, OutgoingFrame frame) = 0;
+  virtual void answer(std::uint64_t link, OutgoingFrame&& frame) = 0;
   virtual void requestIsDone(std::uint64_t link) = 0;
 
  protected:
   ~RequestSource() = default;
 };
 
-// Any thread.
-class IncomingRequest final : public ReplySender {
+// Moves, on one thread, until it has its place; then any thread.
+class IncomingRequest {
  public:
   // `callSerial` is none for a message. `link` is the number of the link on which it came.
   IncomingRequest(std::optional<std::uint64_t> callSerial, std::weak_ptr<RequestSource> source,
-                  std::uint64_t link);
-  ~IncomingRequest() override;
+                  std::uint64_t link)
+      : source_(std::move(source)),
+        link_(link),
+        serial_(callSerial.value_or(0)),
+        isCall_(callSerial.has_value()) {}
+  // What has been moved from is done with.
+  IncomingRequest(IncomingRequest&& other) noexcept
+      : source_(std::move(other.source_)),
+        link_(other.link_),
+        serial_(other.serial_),
+        isCall_(other.isCall_),
+        isOver_(other.isOver_.exchange(true)) {}
+  ~IncomingRequest() {
+    if (!isOver_) end();
+  }
 
-  // Only the first does anything. A reply that is too large to be sent becomes a refusal.
-  void send(OutgoingFrame reply) override;
+  bool isCall() const { return isCall_; }
+
+  // A call's: the answer up to its values, and what sends it with them. Only the first that is sent
+  // does anything; one that is too large becomes a refusal.
+  Encoder beginAnswer() const;
+  void send(Encoder& answer);
 
  private:
-  const std::weak_ptr<RequestSource> source_;
+  void end();
+
+  std::weak_ptr<RequestSource> source_;
   const std::uint64_t link_;
+  const std::uint64_t serial_;
   const bool isCall_;
-  std::atomic_flag sent_;
+  std::atomic<bool> isOver_ = false;
 };
 
 }  // namespace Platform

@@ -16,13 +16,6 @@ namespace {
 constexpr std::size_t usualReception = 8 << 10;
 constexpr std::size_t largeReception = 64 << 10;
 
-// What a thread receives with. Not cleared, so a thread that only ever receives little touches
-// little of it.
-std::span<std::byte> bufferOfThisThread() {
-  thread_local const std::unique_ptr<std::byte[]> buffer(new std::byte[largeReception]);
-  return {buffer.get(), largeReception};
-}
-
 // Whether so many descriptors of peers wait here that frames with more than a few have to wait.
 bool descriptorsAreScarce() {
   static const std::size_t plenty = [] {
@@ -35,14 +28,42 @@ bool descriptorsAreScarce() {
 
 }  // namespace
 
+// Not cleared, so a thread that only ever receives little touches little of it.
+struct ReceiveRoom::Content {
+  static std::unique_ptr<Content>& spareOfThisThread() {
+    thread_local std::unique_ptr<Content> spare;
+    return spare;
+  }
+
+  const std::unique_ptr<std::byte[]> buffer{new std::byte[largeReception]};
+  std::vector<Frame> frames;
+};
+
+ReceiveRoom::ReceiveRoom() : content_(std::move(Content::spareOfThisThread())) {
+  if (!content_) content_ = std::make_unique<Content>();
+}
+
+ReceiveRoom::~ReceiveRoom() {
+  content_->frames.clear();
+  Content::spareOfThisThread() = std::move(content_);
+}
+
+std::span<std::byte> ReceiveRoom::buffer() {
+  return {content_->buffer.get(), largeReception};
+}
+
+std::vector<Frame>& ReceiveRoom::frames() {
+  return content_->frames;
+}
+
 void Link::askForSender() {
   asksForSender_ = true;
   tellSenders(socket_.get(), true);
 }
 
-Reception Link::receive(Wait wait, bool mayHoldBack, std::vector<Frame>& frames) {
+Reception Link::receive(Wait wait, bool mayHoldBack, ReceiveRoom& room) {
   using Outcome = Reception::Outcome;
-  const auto all = bufferOfThisThread();
+  const auto all = room.buffer();
   auto buffer = reader_.isInLargeFrame() ? all : all.first(usualReception);
   if (mayHoldBack && !reader_.mayGrow(buffer.size())) return {Outcome::heldBack};
   // Whether there may be more that belongs to what is received, when the buffer is filled.
@@ -50,10 +71,10 @@ Reception Link::receive(Wait wait, bool mayHoldBack, std::vector<Frame>& frames)
   const bool areScarce = mayHoldBack && descriptorsAreScarce();
   if (areScarce) {
     const auto next = peek(socket_.get(), all);
-    const std::size_t room = reader_.bytesWithFewDescriptors(next);
-    if (room == 0 && !next.empty()) return {Outcome::heldBack};
-    if (room != 0) buffer = all.first(room);
-    if (!next.empty()) mayBeCut = room != next.size() || room == all.size();
+    const std::size_t fitting = reader_.bytesWithFewDescriptors(next);
+    if (fitting == 0 && !next.empty()) return {Outcome::heldBack};
+    if (fitting != 0) buffer = all.first(fitting);
+    if (!next.empty()) mayBeCut = fitting != next.size() || fitting == all.size();
   }
   Received received = Platform::receive(socket_.get(), buffer, wait);
   if (received.outcome == Received::Outcome::nothingYet) return {Outcome::nothingYet};
@@ -65,7 +86,7 @@ Reception Link::receive(Wait wait, bool mayHoldBack, std::vector<Frame>& frames)
   if (received.lostDescriptors && isCut) return {Outcome::fault};
   const bool isSound =
       reader_.feed(buffer.first(received.bytes), std::move(received.descriptors),
-                   received.lostDescriptors ? Arrived::some : Arrived::all, frames);
+                   received.lostDescriptors ? Arrived::some : Arrived::all, room.frames());
   // When all that was sent with these descriptors is here, a frame must have claimed them. Else its
   // header is near, unless somebody wants to fill this process with descriptors.
   const std::size_t mayBeUndeclared = !isCut      ? 0

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <span>
 #include <vector>
 
 #include "Platform/Dispatch/WorkerPool.h"
@@ -37,6 +38,23 @@ struct Reception {
   pid_t sender = 0;     // once a link, if it was asked for
 };
 
+// What a thread receives with: the buffer, and the frames that it lends their payloads to. A
+// handler that waits for an answer meanwhile has another. On one thread, as a local variable.
+class ReceiveRoom {
+ public:
+  ReceiveRoom();
+  ~ReceiveRoom();
+  ReceiveRoom(const ReceiveRoom&) = delete;
+  ReceiveRoom& operator=(const ReceiveRoom&) = delete;
+
+  std::span<std::byte> buffer();
+  std::vector<Frame>& frames();
+
+ private:
+  struct Content;
+  std::unique_ptr<Content> content_;
+};
+
 // Guarded by its connection's lock, but for `receive`, `waitForSocket` and `peerMayRead`, which
 // whoever holds the connection's reading role calls without it.
 class Link {
@@ -52,9 +70,9 @@ class Link {
   // Has the next reception tell which process sent it.
   void askForSender();
 
-  // Receives once and appends the frames that this completes. `mayHoldBack` says whether it may be
-  // put off for want of room in the process.
-  Reception receive(Wait wait, bool mayHoldBack, std::vector<Frame>& frames);
+  // Receives once; the frames that this completes are in the room. `mayHoldBack` says whether it
+  // may be put off for want of room in the process.
+  Reception receive(Wait wait, bool mayHoldBack, ReceiveRoom& room);
   // Waits for one of the events, as of poll(2); a negative time is without end.
   void waitForSocket(short events, std::chrono::milliseconds atMost);
   bool peerMayRead() const { return mayPeerRead(socket_.get()); }
@@ -67,7 +85,7 @@ class Link {
   // Lets the peer know that nothing more is read.
   void stopReceiving();
 
-  void append(OutgoingFrame frame) { outbox_.append(std::move(frame)); }
+  void append(OutgoingFrame&& frame) { outbox_.append(std::move(frame)); }
   // Sends what the socket takes.
   Outbox::Result flush() { return outbox_.flush(socket_.get()); }
   Outbox::Result lastFlush() const { return outbox_.lastResult(); }

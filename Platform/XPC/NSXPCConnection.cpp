@@ -62,34 +62,30 @@ std::uint64_t NSXPCConnection::answeringProcess() {
 }
 
 Encoder NSXPCConnection::beginMessage(std::string_view selector) {
-  Encoder encoder;
-  encoder.head(Wire::Major::array, 3);
-  encoder.head(Wire::Major::unsignedInteger, static_cast<std::uint64_t>(Wire::Kind::message));
+  Encoder encoder(3, Wire::Kind::message);
   encoder.text(selector);
   return encoder;
 }
 
 Encoder NSXPCConnection::beginCall(std::string_view selector, std::uint64_t& serial) {
   serial = connection_->nextSerial();
-  Encoder encoder;
-  encoder.head(Wire::Major::array, 4);
-  encoder.head(Wire::Major::unsignedInteger, static_cast<std::uint64_t>(Wire::Kind::call));
-  encoder.head(Wire::Major::unsignedInteger, serial);
+  Encoder encoder(4, Wire::Kind::call);
+  encoder.unsignedInteger(serial);
   encoder.text(selector);
   return encoder;
 }
 
-void NSXPCConnection::sendMessage(OutgoingFrame frame) {
+void NSXPCConnection::sendMessage(OutgoingFrame&& frame) {
   connection_->sendMessage(std::move(frame));
 }
 
-void NSXPCConnection::sendCall(std::uint64_t serial, OutgoingFrame frame, DecodeReply onReply,
+void NSXPCConnection::sendCall(std::uint64_t serial, OutgoingFrame&& frame, DecodeReply onReply,
                                SharedErrorHandler onError) {
   connection_->sendCall(serial, std::move(frame), {std::move(onReply), std::move(onError)});
 }
 
 std::optional<NSXPCConnectionError> NSXPCConnection::waitForCall(
-    std::uint64_t serial, OutgoingFrame frame, const DecodeReply& onReply,
+    std::uint64_t serial, OutgoingFrame&& frame, const DecodeReply& onReply,
     std::optional<std::chrono::milliseconds> limit) {
   return connection_->waitForCall(serial, std::move(frame), onReply, limit);
 }

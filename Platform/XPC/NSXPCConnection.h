@@ -110,11 +110,11 @@ class NSXPCConnection final : public NSObject {
 
   static Encoder beginMessage(std::string_view selector);
   Encoder beginCall(std::string_view selector, std::uint64_t& serial);
-  void sendMessage(OutgoingFrame frame);
-  void sendCall(std::uint64_t serial, OutgoingFrame frame, DecodeReply onReply,
+  void sendMessage(OutgoingFrame&& frame);
+  void sendCall(std::uint64_t serial, OutgoingFrame&& frame, DecodeReply onReply,
                 SharedErrorHandler onError);
   // None when there is an answer, which `onReply` has been given.
-  std::optional<NSXPCConnectionError> waitForCall(std::uint64_t serial, OutgoingFrame frame,
+  std::optional<NSXPCConnectionError> waitForCall(std::uint64_t serial, OutgoingFrame&& frame,
                                                   const DecodeReply& onReply,
                                                   std::optional<std::chrono::milliseconds> limit);
 
@@ -163,22 +163,27 @@ class RemoteProxy : public Interface {
   }
 
   template <class... Values>
-  void call(std::uint64_t serial, OutgoingFrame frame, const Reply<Values...>& reply) {
-    using Tuple = std::tuple<std::remove_cvref_t<Values>...>;
-    auto onReply = [reply](Decoder& decoder) {
-      Tuple values;
-      if (decoder.array() != std::tuple_size_v<Tuple>) return decoder.wrongClass();
-      std::apply([&](auto&... value) { (decode(decoder, value), ...); }, values);
-      if (!decoder.isSound() || !decoder.isAtEnd() || !reply) return;
-      std::apply([&](auto&... value) { reply(std::move(value)...); }, values);
-    };
+  void call(std::uint64_t serial, OutgoingFrame&& frame, const Reply<Values...>& reply) {
     if (!waiting_.waits && !AwaitedReply::isWaitingHere()) {
-      connection_->sendCall(serial, std::move(frame), std::move(onReply), onError_);
+      connection_->sendCall(
+          serial, std::move(frame), [reply](Decoder& decoder) { giveAnswer(decoder, reply); },
+          onError_);
       return;
     }
     const auto limit = waiting_.waits ? waiting_.limit : AwaitedReply::limitHere();
-    const auto error = connection_->waitForCall(serial, std::move(frame), onReply, limit);
+    const auto error = connection_->waitForCall(
+        serial, std::move(frame), [&reply](Decoder& decoder) { giveAnswer(decoder, reply); },
+        limit);
     if (error && onError_) (*onError_)(*error);
+  }
+
+  template <class... Values>
+  static void giveAnswer(Decoder& decoder, const Reply<Values...>& reply) {
+    std::tuple<std::remove_cvref_t<Values>...> values;
+    if (decoder.array() != sizeof...(Values)) return decoder.wrongClass();
+    std::apply([&](auto&... value) { (decode(decoder, value), ...); }, values);
+    if (!decoder.isSound() || !decoder.isAtEnd() || !reply) return;
+    std::apply([&](auto&... value) { reply(std::move(value)...); }, values);
   }
 
   const std::shared_ptr<NSXPCConnection> connection_;

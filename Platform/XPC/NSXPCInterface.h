@@ -26,7 +26,6 @@
 #include <algorithm>
 #include <array>
 #include <cstddef>
-#include <functional>
 #include <memory>
 #include <span>
 #include <string_view>
@@ -36,25 +35,10 @@
 
 #include "Platform/Runtime/NSObject.h"
 #include "Platform/XPC/Codec.h"
+#include "Platform/XPC/IncomingRequest.h"
+#include "Platform/XPC/Reply.h"
 
 namespace Platform {
-
-// A reply block. One handed to an exported object's method may be called from any thread, once: a
-// second call is ignored, and one that goes without having been called answers with a refusal.
-template <class... Values>
-using Reply = std::function<void(Values...)>;
-
-// The way back for one incoming call; what the reply block of the exported object's method holds.
-class ReplySender {
- public:
-  virtual ~ReplySender() = default;
-  // What `finish` of an encoder made by `beginReply` gives. Any thread.
-  virtual void send(OutgoingFrame reply) = 0;
-
-  std::uint64_t serial = 0;
-};
-
-Encoder beginReply(std::uint64_t serial);
 
 namespace Detail {
 
@@ -95,18 +79,28 @@ struct MethodTraits<void (InterfaceType::*)(ArgumentTypes...)> {
 
 // A reply block that encodes what it is given and sends it back.
 template <class... Values>
-Reply<Values...> replyThrough(std::shared_ptr<ReplySender> sender, Reply<Values...>*) {
-  return [sender = std::move(sender)](Values... values) {
-    Encoder encoder = beginReply(sender->serial);
+class AnswerBlock final : public Reply<Values...>::Block {
+ public:
+  explicit AnswerBlock(IncomingRequest&& request) : request_(std::move(request)) {}
+  void call(Values... values) override {
+    Encoder encoder = request_.beginAnswer();
     encoder.head(Wire::Major::array, sizeof...(Values));
     (encode(encoder, values), ...);
-    sender->send(encoder.finish());
-  };
+    request_.send(encoder);
+  }
+
+ private:
+  IncomingRequest request_;
+};
+template <class... Values>
+Reply<Values...> answerThrough(IncomingRequest&& request, const Reply<Values...>&) {
+  return Reply<Values...>(std::make_shared<AnswerBlock<Values...>>(std::move(request)));
 }
 
-// Calls the method on the object, if the arguments are what it takes.
+// Calls the method on the object, if the arguments are what it takes. A call's request goes with
+// the reply block.
 template <auto Member>
-void invoke(void* object, Decoder& decoder, std::shared_ptr<ReplySender> sender) {
+void invoke(void* object, Decoder& decoder, IncomingRequest& request) {
   using Traits = MethodTraits<decltype(Member)>;
   typename Traits::ArgumentTuple arguments;
   if (decoder.array() != Traits::valueCount) return decoder.wrongClass();
@@ -118,8 +112,7 @@ void invoke(void* object, Decoder& decoder, std::shared_ptr<ReplySender> sender)
   if (!decoder.isAtEnd()) return decoder.malformed();
   if constexpr (Traits::hasReply) {
     auto& reply = std::get<Traits::valueCount>(arguments);
-    reply = replyThrough(std::move(sender),
-                         static_cast<std::remove_reference_t<decltype(reply)>*>(nullptr));
+    reply = answerThrough(std::move(request), reply);
   }
   auto* const target = static_cast<typename Traits::Interface*>(object);
   std::apply([&](auto&... values) { (target->*Member)(std::move(values)...); }, arguments);
@@ -190,13 +183,13 @@ class NSXPCInterface {
   void* implementer(NSObject* object) const { return description_->cast(object); }
 
   // Carries the call out on an implementer, or does nothing when the decoder ends up not sound.
-  // False when the interface has no such message, or has it with a reply block where no answer is
-  // expected, or the other way round.
+  // False when the interface has no such message, or has it with a reply block where the request
+  // is no call, or the other way round.
   bool dispatch(void* implementer, std::string_view selector, Decoder& arguments,
-                bool expectsAnswer, std::shared_ptr<ReplySender> sender) const;
+                IncomingRequest& request) const;
 
  private:
-  using Invoke = void (*)(void* object, Decoder& decoder, std::shared_ptr<ReplySender> sender);
+  using Invoke = void (*)(void* object, Decoder& decoder, IncomingRequest& request);
   struct Entry {
     std::string_view selector;
     bool hasReply;

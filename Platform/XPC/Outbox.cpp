@@ -28,12 +28,12 @@ constexpr std::size_t compactAfter = 16 << 10;  // sent bytes that may stay in f
 
 }  // namespace
 
-void Outbox::append(OutgoingFrame frame) {
+void Outbox::append(OutgoingFrame&& frame) {
   for (EndpointRef& endpoint : frame.endpoints) {
     endpoints_.push_back({bytes_.size(), std::move(endpoint)});
   }
   if (bytes_.empty() && frame.bytes.size() > bytes_.capacity()) {
-    bytes_ = std::move(frame.bytes);
+    bytes_ = frame.bytes.release();
   } else {
     bytes_.insert(bytes_.end(), frame.bytes.begin(), frame.bytes.end());
   }

@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <vector>
 
-#include "Platform/XPC/Codec.h"
+#include "Platform/XPC/Encoder.h"
 
 namespace Platform {
 
@@ -18,7 +18,7 @@ class Outbox {
     broken,    // the peer is gone
   };
 
-  void append(OutgoingFrame frame);
+  void append(OutgoingFrame&& frame);
 
   // Sends what the socket takes without blocking, many frames in one call.
   Result flush(int socket) { return lastResult_ = sendAll(socket); }

@@ -12,7 +12,7 @@ namespace Platform {
 // Guarded by its connection.
 class PeerShare {
  public:
-  void requestBegins() { ++underWay_; }
+  void requestsBegin(std::size_t count) { underWay_ += count; }
   void requestEnds() { --underWay_; }
   void closingBegins() { ++closing_; }
   void closingEnds() { --closing_; }

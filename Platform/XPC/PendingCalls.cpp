@@ -10,8 +10,7 @@ void WaitingCall::end(NSXPCConnectionError why) {
   wake.notify_one();
 }
 
-bool PendingCalls::giveToWaiting(Frame& frame, const Origin& origin) {
-  if (waiting_.empty()) return false;
+bool PendingCalls::giveToWaiting(Frame& frame, const Origin& origin, const WaitingCall* reader) {
   Decoder decoder(frame);
   decoder.array();
   const auto kind = static_cast<Wire::Kind>(decoder.unsignedInteger());
@@ -21,9 +20,10 @@ bool PendingCalls::giveToWaiting(Frame& frame, const Origin& origin) {
   }
   const auto found = std::ranges::find(waiting_, serial, &WaitingCall::serial);
   if (found == waiting_.end() || (*found)->isDone()) return false;
+  if (*found != reader) frame.keep();
   (*found)->answer = std::move(frame);
   (*found)->origin = origin;
-  (*found)->wake.notify_one();
+  if (*found != reader) (*found)->wake.notify_one();
   return true;
 }
 

@@ -51,8 +51,9 @@ class PendingCalls {
   bool anyWaits() const { return !waiting_.empty(); }
   bool anyHasBlocks() const { return !blocks_.empty(); }
 
-  // The call that waits for this frame has it afterwards, and wakes.
-  bool giveToWaiting(Frame& frame, const Origin& origin);
+  // The call that waits for this frame has it afterwards, and wakes. `reader` is the call whose
+  // thread has received the frame, and that may use it where it lies; or null.
+  bool giveToWaiting(Frame& frame, const Origin& origin, const WaitingCall* reader);
   std::optional<PendingCall> take(std::uint64_t serial);
 
   // Ends the calls that wait; those with blocks are the caller's to end.

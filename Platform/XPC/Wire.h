@@ -41,6 +41,14 @@ enum class Major : std::uint8_t {
   simple
 };
 
+// An item's first byte holds its argument in the five low bits, or says that it follows: in one
+// byte here, and with each higher number in twice as many, up to eight.
+constexpr std::uint8_t firstByte(Major major) {
+  return static_cast<std::uint8_t>(static_cast<std::uint8_t>(major) << 5);
+}
+inline constexpr std::uint8_t argumentMask = 0x1F;
+inline constexpr std::uint8_t oneByteFollows = 24;
+
 inline constexpr std::uint64_t dateTag = 1;  // RFC 8949, 3.4.2: seconds since 1970
 inline constexpr std::uint64_t endpointTag =
     18245;  // on the index of one of the frame's descriptors

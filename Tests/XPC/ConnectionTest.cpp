@@ -133,10 +133,9 @@ TEST_F(Connections, RefuseToSendAndToReadMoreItemsThanFitInMemory) {
   Encoder encoder;
   encoder.head(Wire::Major::array, Wire::mostItems + 1);
   for (std::size_t i = 0; i <= Wire::mostItems; ++i) encoder.simple(Wire::nullByte);
-  OutgoingFrame frame = encoder.finish();
-  frame.bytes.erase(frame.bytes.begin(), frame.bytes.begin() + Wire::headerSize);
+  const OutgoingFrame sent = encoder.finish();
   Frame received;
-  received.payload = std::move(frame.bytes);
+  received.keep({sent.bytes.begin() + Wire::headerSize, sent.bytes.end()});
   Decoder decoder(received);
   decoder.value();
   EXPECT_TRUE(decoder.isMalformed());
@@ -371,15 +370,18 @@ TEST_F(Connections, KeepTheExportedObjectUntilItsMethodHasReturned) {
   auto both = NSXPCConnection::initWithListenerEndpoint(service->endpoint());
   auto callee = std::make_shared<Callee>();
   const std::weak_ptr watched = callee;
+  std::promise<void> dropped;
   callee->onEcho = [&] {
     both.reset();
     EXPECT_FALSE(watched.expired());
+    dropped.set_value();
   };
   both->setExportedInterface(NSXPCInterface::interfaceWithProtocol<Peer>());
   both->setExportedObject(std::exchange(callee, nullptr));
   both->resume();
   service->onEcho = [&] { service->last()->remoteObjectProxy<Peer>()->echo(2, [](Value) {}); };
   both->remoteObjectProxy<Peer>()->echo(1, [](Value) {});
+  dropped.get_future().wait();
   EXPECT_TRUE(eventually([&] { return watched.expired(); }));
 }
 

@@ -46,16 +46,15 @@ struct Everything {
 
 Frame frameWith(std::vector<std::byte> payload) {
   Frame frame;
-  frame.payload = std::move(payload);
+  frame.keep(std::move(payload));
   return frame;
 }
 
 Frame frameOf(const std::function<void(Encoder&)>& write) {
   Encoder encoder;
   write(encoder);
-  OutgoingFrame frame = encoder.finish();
-  frame.bytes.erase(frame.bytes.begin(), frame.bytes.begin() + Wire::headerSize);
-  return frameWith(std::move(frame.bytes));
+  const OutgoingFrame frame = encoder.finish();
+  return frameWith({frame.bytes.begin() + Wire::headerSize, frame.bytes.end()});
 }
 
 enum class Fate { read, refused, malformed };
@@ -180,9 +179,9 @@ TEST(Types, HaveFieldsAndKeysOnce) {
     std::vector<int> a;
     static consteval auto fields() { return Fields(field<&A::a>("a")); }
   };
-  EXPECT_EQ(fateOf<A>(frameWith(twice.payload)), Fate::malformed);
-  EXPECT_EQ(fateOf<Lists>(frameWith(twice.payload)), Fate::malformed);
-  EXPECT_EQ(fateOf<Value>(frameWith(twice.payload)), Fate::malformed);
+  EXPECT_EQ(fateOf<A>(frameWith(twice.kept)), Fate::malformed);
+  EXPECT_EQ(fateOf<Lists>(frameWith(twice.kept)), Fate::malformed);
+  EXPECT_EQ(fateOf<Value>(frameWith(twice.kept)), Fate::malformed);
 }
 
 }  // namespace

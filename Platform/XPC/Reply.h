@@ -1,0 +1,53 @@
+// Reply: a reply block, which a method of an interface takes as its last argument.
+#pragma once
+
+#include <concepts>
+#include <cstddef>
+#include <memory>
+#include <type_traits>
+#include <utility>
+
+namespace Platform {
+
+// Anything that can be called with the values of an answer, or nothing. Copies share it. One handed
+// to an exported object's method may be called from any thread, once: a second call is ignored, and
+// one that goes without having been called answers with a refusal.
+template <class... Values>
+class Reply {
+ public:
+  // What is called. One that is made for the purpose needs no other memory than its own.
+  class Block {
+   public:
+    virtual ~Block() = default;
+    virtual void call(Values... values) = 0;
+  };
+
+  Reply() = default;
+  Reply(std::nullptr_t) {}
+  Reply(std::shared_ptr<Block> block) : block_(std::move(block)) {}
+  template <class Callable>
+  requires(!std::same_as<std::remove_cvref_t<Callable>, Reply> &&
+           std::invocable<std::decay_t<Callable>&, Values...>) Reply(Callable&& callable)
+      : block_(
+            std::make_shared<Calling<std::decay_t<Callable>>>(std::forward<Callable>(callable))) {}
+
+  explicit operator bool() const { return block_ != nullptr; }
+  // There must be a block.
+  void operator()(Values... values) const { block_->call(std::forward<Values>(values)...); }
+
+ private:
+  template <class Callable>
+  class Calling final : public Block {
+   public:
+    template <class From>
+    explicit Calling(From&& callable) : callable_(std::forward<From>(callable)) {}
+    void call(Values... values) override { callable_(std::forward<Values>(values)...); }
+
+   private:
+    Callable callable_;
+  };
+
+  std::shared_ptr<Block> block_;
+};
+
+}  // namespace Platform
