@@ -10,7 +10,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "Platform/Runtime/SipHash.h"
+#include "Platform/Runtime/KeyedHash.h"
 #include "Platform/Runtime/Stop.h"
 #include "Platform/Runtime/Words.h"
 
@@ -122,13 +122,13 @@ std::string decompose(std::string_view validUtf8) {
 
 std::size_t keyedHash(std::string_view bytes) {
   // Made at first use: texts are made before `main`, too.
-  static const SipHash::Key key = [] {
-    SipHash::Key random;
+  static const KeyedHash::Key key = [] {
+    KeyedHash::Key random;
     // So few bytes never come short.
     if (::getrandom(&random, sizeof random, 0) < 0) stopProcess(ExitStatus::software);
     return random;
   }();
-  return static_cast<std::size_t>(SipHash::of(bytes, key));
+  return static_cast<std::size_t>(KeyedHash::of(bytes, key));
 }
 
 }  // namespace

@@ -8,7 +8,7 @@
 // hashing later, on a queue that others wait for, is as cheap as for bytes. Pure ASCII text, the
 // common case, is its own canonical form and stores none.
 //
-// The hash has a key of the process's own (SipHash.h): strangers choose identifiers, and must not
+// The hash has a key of the process's own (KeyedHash.h): strangers choose identifiers, and must not
 // be able to choose ones that a table holds in one bucket.
 #pragma once
 

@@ -89,14 +89,22 @@ std::vector<std::string> collisions() {
 }
 
 TEST(Text, HashesSoThatNobodyElseCanMakeTextsCollide) {
-  std::unordered_set<Text> texts;
-  for (const std::string& bytes : collisions()) texts.insert(text(bytes));
-  ASSERT_EQ(texts.size(), 4096u);
-  std::size_t fullest = 0;
-  for (std::size_t i = 0; i < texts.bucket_count(); ++i) {
-    fullest = std::max(fullest, texts.bucket_size(i));
+  for (const std::string& ahead : {std::string(), std::string(300, 'x')}) {
+    std::unordered_set<Text> texts;
+    for (const std::string& bytes : collisions()) texts.insert(text(ahead + bytes));
+    ASSERT_EQ(texts.size(), 4096u);
+    std::size_t fullest = 0;
+    for (std::size_t i = 0; i < texts.bucket_count(); ++i) {
+      fullest = std::max(fullest, texts.bucket_size(i));
+    }
+    EXPECT_LT(fullest, 30u);
   }
-  EXPECT_LT(fullest, 30u);
+  // Every byte counts, and how many there are.
+  std::unordered_set<std::size_t> hashes = {text(std::string(401, 'x')).hash()};
+  for (std::size_t i = 0; i <= 400; ++i) {
+    hashes.insert(text(std::string(400, 'x').replace(i, 1, "y")).hash());
+  }
+  EXPECT_EQ(hashes.size(), 402u);
   // The key is this process's own. The zero key's hash of these bytes is known elsewhere, too.
   EXPECT_EQ(SipHash::of("abcdefgh", {0, 0}), 4574395652268504554u);
   const std::string own = "hash " + std::to_string(text("a").hash());
