@@ -54,15 +54,20 @@ bool DispatchQueue::runWaitingTasks() {
   }
   running_.clear();
   currentQueue = nullptr;
-  // A queue at rest keeps room for its next few tasks, not for the longest line it ever had.
+  // A queue keeps room for its next few tasks, not for the longest line it ever had.
   if (running_.capacity() > 64) running_.shrink_to_fit();
   if (!next_.empty()) return true;
   dispatch_queue_t self;  // may be the last to hold it
   const std::lock_guard lock(mutex_);
   next_.swap(others_);
   othersWait_.store(false, std::memory_order_relaxed);
-  if (next_.empty()) self.swap(inLine_);
-  return self == nullptr;
+  if (!next_.empty()) return true;
+  // At rest, once.
+  next_.swap(running_);
+  running_.shrink_to_fit();
+  others_.shrink_to_fit();
+  self.swap(inLine_);
+  return false;
 }
 
 dispatch_queue_t dispatch_queue_create(std::string label, DispatchQueueAttribute) {
