@@ -68,9 +68,10 @@ struct WorkerPool::State {
   std::unordered_map<std::uint64_t, std::weak_ptr<ReadinessHandler>> handlers;
   std::uint64_t lastKey = wakeKey;
   // Written with it held, and read without, for a first look:
-  std::atomic<std::size_t> inLine = 0;    // queues in the line
-  std::atomic<std::size_t> sleeping = 0;  // workers in epoll_wait
-  std::atomic<std::uint64_t> period = 1;  // the keeper's count
+  std::atomic<std::size_t> inLine = 0;     // queues in the line
+  std::atomic<std::size_t> sleeping = 0;   // workers in epoll_wait
+  std::atomic<std::uint64_t> period = 1;   // the keeper's count
+  std::atomic<std::size_t> lingering = 0;  // workers in a LingeringRegion; written without it
 
   void start();
   void wakeOne() { ::eventfd_write(wake.get(), 1); }
@@ -114,7 +115,8 @@ void WorkerPool::State::addWorker() {
 
 // For when a worker will not come back soon: somebody must be there for what waits and for events.
 void WorkerPool::State::bringInAnother() {
-  const std::size_t free = workers.size() - blocked;
+  const std::size_t away = blocked + lingering;
+  const std::size_t free = workers.size() - std::min(workers.size(), away);
   if (sleeping > 0) {
     if (!line.empty()) wakeOne();
   } else if (free == 0 || (!line.empty() && free < wanted)) {
@@ -143,6 +145,7 @@ void WorkerPool::State::runLine(std::unique_lock<std::mutex>& lock, Worker& self
     DispatchQueue* const queue = line.front();
     line.pop_front();
     inLine = line.size();
+    self.busySince = period.load();  // before the keeper can look
     lock.unlock();
     DispatchQueue* const again = runOn(queue, self);
     lock.lock();
@@ -294,9 +297,14 @@ void WorkerPool::returnMemoryAfterBursts() {
   state_->memory = new MemoryReturn;
 }
 
-bool WorkerPool::canSpareWorker() {
-  return state_->inLine.load(std::memory_order_relaxed) == 0 &&
-         state_->sleeping.load(std::memory_order_relaxed) > 0 && (!thisWorker || !thisWorker->next);
+WorkerPool::LingeringRegion::LingeringRegion() {
+  State& state = *shared().state_;
+  ++state.lingering;
+  isGranted_ = thisWorker && !thisWorker->next && state.inLine == 0 && state.sleeping != 0;
+}
+
+WorkerPool::LingeringRegion::~LingeringRegion() {
+  --shared().state_->lingering;
 }
 
 WorkerPool::BlockingRegion::BlockingRegion() {

@@ -76,10 +76,6 @@ class WorkerPool {
   // Appends the task to the queue after `delay`, rounded up to the keeper's period of 10 ms.
   void after(std::chrono::milliseconds delay, dispatch_queue_t queue, Task task);
 
-  // Whether nothing is in line and another worker waits for events, so that the calling worker may
-  // wait a moment for what comes next, without a BlockingRegion.
-  bool canSpareWorker();
-
   // From now on, gives memory back to the system when descriptors that were watched have gone
   // (MemoryReturn.h). For a process of ours that serves others for long. Once.
   void returnMemoryAfterBursts();
@@ -98,6 +94,21 @@ class WorkerPool {
 
    private:
     bool isGranted_ = true;
+  };
+
+  // While one lives, the calling worker waits a moment, some milliseconds, for what comes next.
+  class LingeringRegion {
+   public:
+    LingeringRegion();
+    ~LingeringRegion();
+    LingeringRegion(const LingeringRegion&) = delete;
+    LingeringRegion& operator=(const LingeringRegion&) = delete;
+
+    // Whether nothing is in line and another worker waits for events; else it must not wait.
+    explicit operator bool() const { return isGranted_; }
+
+   private:
+    bool isGranted_;
   };
 
  private:

@@ -62,7 +62,7 @@ void Connection::close() {
   flush();
   inbox_.isClosed = true;
   inbox.swap(inbox_.waiting);
-  calls = calls_.endAll(Error::invalid);
+  calls = calls_.takeEnded(calls_.endAll(Error::invalid));
   std::swap(ends, ends_);
   if (phase_ == Phase::open && link_ && link_->hasUnsent()) {
     phase_ = Phase::draining;
@@ -199,9 +199,20 @@ void Connection::sendSoon() {
   // A turn does not come while a handler waits for an answer.
   if (endsSoon || (WorkerPool::isWorker() && !turn_.isLingering && !calls_.anyWaits())) {
     scheduleTurn();
+    if (inbox_.isDelivering && !queue_->isCurrent()) sendLater();
   } else {
     flush();
   }
+}
+
+// Answers go out together after the handler at hand, but do not wait for one that takes its time.
+void Connection::sendLater() {
+  if (std::exchange(turn_.sendsLater, true)) return;
+  WorkerPool::shared().after(retryDelay, clockQueue(), [self = shared_from_this()] {
+    const Lock lock(self->mutex_);
+    self->turn_.sendsLater = false;
+    self->flush();
+  });
 }
 
 void Connection::sendMessage(OutgoingFrame&& frame) {
@@ -262,13 +273,18 @@ void Connection::endAll(Error error, bool isFinal) {
 // lock.
 void Connection::endCalls(Error error, std::function<void()> then) {
   queue_->async(
-      [self = shared_from_this(), calls = calls_.endAll(error), error, then = std::move(then)] {
+      [self = shared_from_this(), end = calls_.endAll(error), error, then = std::move(then)] {
         self->deliverInbox();
-        for (const auto& [serial, call] : calls) {
+        for (const auto& [serial, call] : self->endedCalls(end)) {
           if (call.onError) (*call.onError)(error);
         }
         if (then) then();
       });
+}
+
+PendingCalls::Blocks Connection::endedCalls(std::uint64_t end) {
+  const Lock lock(mutex_);
+  return calls_.takeEnded(end);
 }
 
 void Connection::endIfAllIsAnswered() {

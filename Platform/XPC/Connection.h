@@ -97,6 +97,7 @@ class Connection final : public ReadinessHandler,
     std::vector<Incoming> waiting;
     std::vector<Incoming> delivering;    // used on queue_, without the lock
     std::atomic<bool> isClosed = false;  // nothing more is delivered
+    std::atomic<bool> isDelivering = false;
   };
 
   // What the next turn on queue_ finds, and what goes on just now.
@@ -108,8 +109,9 @@ class Connection final : public ReadinessHandler,
     bool isMissed = false;    // a worker came while somebody else was reading
     bool isHeldBack = false;  // the process had no room; a clock comes back
     bool retriesSending = false;
-    bool mayRead = false;    // there may be something to read
-    bool mayLinger = false;  // the last turn has delivered something
+    bool sendsLater = false;  // a clock does, in case a handler takes its time
+    bool mayRead = false;     // there may be something to read
+    bool mayLinger = false;   // the last turn has delivered something
   };
 
   struct Ends {
@@ -126,6 +128,7 @@ class Connection final : public ReadinessHandler,
   void flush();
   void goOnIfRoom();
   void sendSoon();
+  void sendLater();
   void scheduleTurn();
   void scheduleTurnAfter(std::chrono::milliseconds delay, bool Turn::*reason);
   bool read(Lock& lock, Wait wait, ReceiveRoom& room, const WaitingCall* reader);
@@ -153,6 +156,7 @@ class Connection final : public ReadinessHandler,
   bool deliverRequest(Frame& frame, const Origin& origin, Decoder& decoder, bool expectsAnswer);
   bool deliverAnswer(Frame& frame, const Origin& origin, Decoder& decoder, bool isReply);
   void closeUnclaimed(Frame& frame, std::uint64_t link);
+  PendingCalls::Blocks endedCalls(std::uint64_t end);
   void announceEnd(bool isFinal);
 
   const dispatch_queue_t queue_;

@@ -87,7 +87,9 @@ void Connection::turn() {
 
 bool Connection::linger(Lock& lock, ReceiveRoom& room) {
   if (turn_.isReading || calls_.anyWaits() || link_->hasUnsent()) return false;
-  if (!inbox_.waiting.empty() || !WorkerPool::shared().canSpareWorker()) return false;
+  if (!inbox_.waiting.empty()) return false;
+  const WorkerPool::LingeringRegion region;
+  if (!region) return false;
   link_->setPatience(lingerTime);
   turn_.isLingering = true;
   const bool hasRead = read(lock, Wait::yes, room, nullptr);
@@ -125,7 +127,8 @@ bool Connection::read(Lock& lock, Wait wait, ReceiveRoom& room, const WaitingCal
   // whatever came of it; unless this thread goes on, for a call of its own.
   if (!reader) calls_.wakeFirst();
   std::vector<Frame>& frames = room.frames();
-  if (link_ != link) {
+  // A connection that only drains has no use for what came, or for the end that it made itself.
+  if (link_ != link || phase_ == Phase::draining) {
     frames.clear();
     return false;
   }
@@ -187,6 +190,7 @@ void Connection::deliverInbox(Lock& lock) {
   std::vector<Incoming>& delivering = inbox_.delivering;
   for (bool goesOn = true; goesOn && !inbox_.waiting.empty();) {
     delivering.swap(inbox_.waiting);
+    inbox_.isDelivering = true;
     lock.unlock();
     goesOn = std::ranges::all_of(delivering, [this](Incoming& incoming) {
       return deliverOrEnd(incoming.frame, incoming.origin);
@@ -194,12 +198,15 @@ void Connection::deliverInbox(Lock& lock) {
     delivering.clear();
     ClosingTogether::closeNow();
     lock.lock();
+    inbox_.isDelivering = false;
   }
 }
 
 void Connection::deliverAll(std::vector<Frame>& frames, const Origin& origin) {
   const ClosingTogether dropped;
+  inbox_.isDelivering = true;
   std::ranges::all_of(frames, [&](Frame& frame) { return deliverOrEnd(frame, origin); });
+  inbox_.isDelivering = false;
   frames.clear();
 }
 

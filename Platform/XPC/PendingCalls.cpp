@@ -35,9 +35,18 @@ std::optional<PendingCall> PendingCalls::take(std::uint64_t serial) {
   return call;
 }
 
-PendingCalls::Blocks PendingCalls::endAll(NSXPCConnectionError why) {
+std::uint64_t PendingCalls::endAll(NSXPCConnectionError why) {
   for (WaitingCall* call : waiting_) call->end(why);
-  return std::exchange(blocks_, {});
+  return ends_++;
+}
+
+PendingCalls::Blocks PendingCalls::takeEnded(std::uint64_t end) {
+  Blocks ended;
+  for (auto next = blocks_.begin(); next != blocks_.end();) {
+    const auto call = next++;
+    if (call->second.age <= end) ended.insert(blocks_.extract(call));
+  }
+  return ended;
 }
 
 void PendingCalls::wakeFirst() {

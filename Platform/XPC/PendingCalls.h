@@ -34,6 +34,7 @@ struct WaitingCall {
 struct PendingCall {
   DecodeReply onReply;
   SharedErrorHandler onError;
+  std::uint64_t age = 0;  // how many ends there were before it was made
 };
 
 // Guarded by its connection, but for `nextSerial`.
@@ -43,7 +44,10 @@ class PendingCalls {
 
   std::uint64_t nextSerial() { return ++lastSerial_; }  // any thread
 
-  void add(std::uint64_t serial, PendingCall call) { blocks_.emplace(serial, std::move(call)); }
+  void add(std::uint64_t serial, PendingCall call) {
+    call.age = ends_;
+    blocks_.emplace(serial, std::move(call));
+  }
   void add(WaitingCall& call) { waiting_.push_back(&call); }
   void remove(WaitingCall& call) { std::erase(waiting_, &call); }
 
@@ -56,8 +60,10 @@ class PendingCalls {
   bool giveToWaiting(Frame& frame, const Origin& origin, const WaitingCall* reader);
   std::optional<PendingCall> take(std::uint64_t serial);
 
-  // Ends the calls that wait; those with blocks are the caller's to end.
-  Blocks endAll(NSXPCConnectionError why);
+  // Ends the calls that wait. Those with blocks may still have an answer among what has arrived:
+  // after that, what is left of them is the caller's to end, by the number that this gives.
+  std::uint64_t endAll(NSXPCConnectionError why);
+  Blocks takeEnded(std::uint64_t end);
   // Wakes the call that has waited longest: somebody has to read.
   void wakeFirst();
   void wakeAll();
@@ -66,6 +72,7 @@ class PendingCalls {
   std::atomic<std::uint64_t> lastSerial_ = 0;
   Blocks blocks_;
   std::vector<WaitingCall*> waiting_;  // in order of arrival
+  std::uint64_t ends_ = 0;
 };
 
 }  // namespace Platform

@@ -3,11 +3,21 @@
 
 #include <concepts>
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <type_traits>
 #include <utility>
 
 namespace Platform {
+
+namespace Detail {
+
+template <class T>
+inline constexpr bool isFunction = false;
+template <class Signature>
+inline constexpr bool isFunction<std::function<Signature>> = true;
+
+}  // namespace Detail
 
 // Anything that can be called with the values of an answer, or nothing. Copies share it. One handed
 // to an exported object's method may be called from any thread, once: a second call is ignored, and
@@ -27,9 +37,13 @@ class Reply {
   Reply(std::shared_ptr<Block> block) : block_(std::move(block)) {}
   template <class Callable>
   requires(!std::same_as<std::remove_cvref_t<Callable>, Reply> &&
-           std::invocable<std::decay_t<Callable>&, Values...>) Reply(Callable&& callable)
-      : block_(
-            std::make_shared<Calling<std::decay_t<Callable>>>(std::forward<Callable>(callable))) {}
+           std::invocable<std::decay_t<Callable>&, Values...>) Reply(Callable&& callable) {
+    using Content = std::decay_t<Callable>;
+    if constexpr (std::is_pointer_v<Content> || Detail::isFunction<Content>) {
+      if (!callable) return;
+    }
+    block_ = std::make_shared<Calling<Content>>(std::forward<Callable>(callable));
+  }
 
   explicit operator bool() const { return block_ != nullptr; }
   // There must be a block.

@@ -7,6 +7,7 @@
 #include <latch>
 #include <mutex>
 
+#include "Platform/Dispatch/DispatchQueue.h"
 #include "Platform/XPC/NSXPCListener.h"
 #include "Platform/XPC/NamedService.h"
 #include "Platform/XPC/Socket.h"
@@ -75,7 +76,7 @@ class Service final : public Callee, public NSXPCListenerDelegate {
   bool listener(const std::shared_ptr<NSXPCListener>&,
                 const std::shared_ptr<NSXPCConnection>& connection) override {
     connection->setExportedInterface(NSXPCInterface::interfaceWithProtocol<Peer>());
-    connection->setExportedObject(shared_from_this());
+    connection->setExportedObject(exported ? exported : shared_from_this());
     {
       const std::lock_guard lock(mutex_);
       last_ = connection;
@@ -92,6 +93,7 @@ class Service final : public Callee, public NSXPCListenerDelegate {
   }
 
   const std::shared_ptr<NSXPCListener> listening = NSXPCListener::anonymousListener();
+  std::shared_ptr<NSObject> exported;  // null: itself
 
  private:
   std::mutex mutex_;
@@ -139,6 +141,32 @@ TEST_F(Connections, RefuseToSendAndToReadMoreItemsThanFitInMemory) {
   Decoder decoder(received);
   decoder.value();
   EXPECT_TRUE(decoder.isMalformed());
+}
+
+// The last handler waits for what the peer does when it has the answer before.
+TEST_F(Connections, AnswerWhileALaterHandlerTakesItsTime) {
+  class Slow final : public Callee {
+   public:
+    void echo(Value value, Reply<Value> reply) override {
+      dispatch_async(queue, [=] { reply(value); });
+    }
+    void dropReply(Reply<bool> reply) override {
+      auto goesOn = events[handled++].get_future();
+      reply(goesOn.wait_for(std::chrono::seconds(5)) == std::future_status::ready);
+    }
+    const dispatch_queue_t queue = dispatch_queue_create("answers", DISPATCH_QUEUE_SERIAL);
+    std::promise<void> events[2];
+    std::size_t handled = 0;
+  };
+  const auto slow = std::make_shared<Slow>();
+  service->exported = slow;
+  const auto proxy = connectionTo(service->endpoint())->remoteObjectProxy<Peer>();
+  std::promise<bool> end;
+  proxy->dropReply({});
+  proxy->echo(1, [&](Value) { slow->events[1].set_value(); });
+  proxy->dropReply([&](bool inTime) { end.set_value(inTime); });
+  slow->events[0].set_value();  // the others arrive together
+  EXPECT_TRUE(end.get_future().get());
 }
 
 // What waits for the socket goes out many messages a call, which the kernel cuts anew.
