@@ -62,10 +62,9 @@ bool DispatchQueue::runWaitingTasks() {
   next_.swap(others_);
   othersWait_.store(false, std::memory_order_relaxed);
   if (!next_.empty()) return true;
-  // At rest, once.
+  // At rest one of the two is enough.
   next_.swap(running_);
   running_.shrink_to_fit();
-  others_.shrink_to_fit();
   self.swap(inLine_);
   return false;
 }
