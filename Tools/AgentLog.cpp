@@ -6,16 +6,16 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <set>
+#include <string_view>
 #include <thread>
 #include <utility>
 
 #include "Platform/Runtime/Escaped.h"
 #include "Tools/Json.h"
+#include "Tools/Terminal.h"
 
 namespace Gantrel_Sync_Helper {
 
@@ -24,116 +24,86 @@ using namespace Platform;
 namespace {
 
 // Where the lines say that they come from.
-constexpr std::string_view source = "GantrelAgent/Agent";
+const std::string source = "GantrelAgent/Agent";
 
 // The line before the start's, "Agent init", may also be of a second agent, which ends at once.
-constexpr std::string_view startFunction = "resume()";
-
-struct Form {
-  LogEvent::Kind kind;
-  std::string_view function;
-  std::string_view message;  // the identifier follows
-};
-constexpr Form forms[] = {
-    {LogEvent::Kind::start, startFunction, "Agent resume"},
-    {LogEvent::Kind::registration, "registerListenerEndpoint(_:forIdentifier:completionHandler:)",
-     "registerListenerEndpoint forIdentifier="},
-    {LogEvent::Kind::retrieval, "retrieveListenerEndpoint(_:completionHandler:)",
-     "retrieveListenerEndpoint forIdentifier="},
-    {LogEvent::Kind::removal, "removeListenerEndpoint", "removeListenerEndpoint forIdentifier="},
+constexpr std::pair<std::string_view, LogEvent::Kind> beginnings[] = {
+    {"Agent resume", LogEvent::Kind::start},
+    {"registerListenerEndpoint forIdentifier=", LogEvent::Kind::registration},
+    {"retrieveListenerEndpoint forIdentifier=", LogEvent::Kind::retrieval},
+    {"removeListenerEndpoint forIdentifier=", LogEvent::Kind::removal},
 };
 
-std::optional<LogEvent> eventFromMessage(std::string message, std::string_view function) {
-  for (const Form& form : forms) {
-    if (form.function != function || !message.starts_with(form.message)) continue;
-    auto identifier = Text::fromUtf8(message.substr(form.message.size()));
-    if (!identifier) return std::nullopt;
-    return LogEvent{form.kind, *std::move(identifier), {}};
+std::optional<LogEvent> eventFromMessage(const std::string& message, NSDate time) {
+  for (const auto& [beginning, kind] : beginnings) {
+    if (!message.starts_with(beginning)) continue;
+    auto identifier = Text::fromUtf8(message.substr(beginning.size()));
+    if (identifier) return LogEvent{kind, *std::move(identifier), time};
   }
   return std::nullopt;
 }
 
-std::optional<LogEvent> eventFromLine(std::string_view line) {
+std::optional<LogEvent> eventFromLine(const std::string& line) {
   // An identifier may hold anything, also what looks like a place: the last one counts.
   const std::size_t time = line.find(' ');
-  const std::size_t place = line.rfind(" (" + std::string(source) + ":");
-  if (time == line.npos || place == line.npos || place < time || !line.ends_with(')')) return {};
-  const std::size_t function = line.find(' ', place + 1);
-  const auto message = unescaped(line.substr(time + 1, place - time - 1));
-  const auto date = dateFromText(std::string(line.substr(0, time)));
-  if (function == line.npos || !message || !date) return std::nullopt;
-  auto event = eventFromMessage(*message, line.substr(function + 1, line.size() - function - 2));
-  if (event) {
-    const std::chrono::duration<double> sinceEpoch(date->timeIntervalSince1970);
-    event->time = std::chrono::sys_time<std::chrono::microseconds>(
-        std::chrono::round<std::chrono::microseconds>(sinceEpoch));
-  }
-  return event;
+  const std::size_t place = line.rfind(" (" + source + ":");
+  if (place == line.npos || place < time || !line.ends_with(')')) return std::nullopt;
+  const auto date = dateFromText(line.substr(0, time));
+  const auto message = unescaped(std::string_view(line).substr(time + 1, place - time - 1));
+  return date && message ? eventFromMessage(*message, *date) : std::nullopt;
 }
 
 class JournalLog final : public AgentLog {
  public:
-  explicit JournalLog(sd_journal* journal) : journal_(journal, &sd_journal_close) {
+  // Null when nothing of this user's agents is in it.
+  static std::unique_ptr<AgentLog> of(sd_journal* journal) {
+    std::unique_ptr<JournalLog> log(new JournalLog(journal));
     sd_journal_set_data_threshold(journal, 0);  // whole lines
-    match({});
+    for (const std::string& field : {"_UID=" + std::to_string(::getuid()),
+                                     std::string("_COMM=GantrelAgent"), "CODE_FILE=" + source}) {
+      sd_journal_add_match(journal, field.data(), field.size());
+    }
+    sd_journal_seek_tail(journal);
+    return sd_journal_previous(journal) > 0 ? std::move(log) : nullptr;
   }
 
-  bool isOfUse() override {
-    return sd_journal_seek_tail(journal_.get()) >= 0 && sd_journal_previous(journal_.get()) > 0;
+  std::optional<std::set<Text>> registered() override {
+    std::set<Text> identifiers;
+    sd_journal_seek_tail(journal_.get());
+    while (const auto event = eventAfter(&sd_journal_previous)) {
+      if (event->kind == LogEvent::Kind::start) break;
+      if (event->kind == LogEvent::Kind::registration) identifiers.insert(event->identifier);
+    }
+    return identifiers;
   }
 
   void skipToEnd() override {
-    const auto now = std::chrono::system_clock::now().time_since_epoch();
-    const auto since = std::chrono::duration_cast<std::chrono::microseconds>(now).count();
-    sd_journal_seek_realtime_usec(journal_.get(), static_cast<std::uint64_t>(since));
+    sd_journal_seek_tail(journal_.get());
+    sd_journal_previous(journal_.get());
   }
 
-  std::optional<LogEvent> next() override {
-    while (sd_journal_next(journal_.get()) > 0) {
-      std::uint64_t time = 0;
-      auto event = eventFromMessage(field("MESSAGE"), field("CODE_FUNC"));
-      if (!event || sd_journal_get_realtime_usec(journal_.get(), &time) < 0) continue;
-      event->time += std::chrono::microseconds(time);
-      return event;
-    }
-    return std::nullopt;
-  }
+  std::optional<LogEvent> next() override { return eventAfter(&sd_journal_next); }
 
   void wait(std::chrono::microseconds patience) override {
     sd_journal_wait(journal_.get(), static_cast<std::uint64_t>(patience.count()));
   }
 
- protected:
-  void rewind() override {
-    match(startFunction);
-    char* cursor = nullptr;
-    const bool hasStart = isOfUse() && sd_journal_get_cursor(journal_.get(), &cursor) >= 0;
-    match({});
-    if (hasStart) {
-      sd_journal_seek_cursor(journal_.get(), cursor);
-    } else {
-      sd_journal_seek_head(journal_.get());
-    }
-    std::free(cursor);
-  }
-
  private:
-  // Narrows it to the lines of this user's agents, and of the function, if one is given.
-  void match(std::string_view function) {
-    sd_journal_flush_matches(journal_.get());
-    std::vector<std::string> fields = {"_UID=" + std::to_string(::getuid()), "_COMM=GantrelAgent",
-                                       "CODE_FILE=" + std::string(source)};
-    if (!function.empty()) fields.push_back("CODE_FUNC=" + std::string(function));
-    for (const auto& field : fields) {
-      sd_journal_add_match(journal_.get(), field.data(), field.size());
-    }
-  }
+  explicit JournalLog(sd_journal* journal) : journal_(journal, &sd_journal_close) {}
 
-  std::string field(const std::string& name) {
-    const void* data = nullptr;
-    std::size_t length = 0;
-    if (sd_journal_get_data(journal_.get(), name.c_str(), &data, &length) < 0) return {};
-    return std::string(static_cast<const char*>(data), length).substr(name.size() + 1);
+  std::optional<LogEvent> eventAfter(int (*step)(sd_journal*)) {
+    constexpr std::string_view name = "MESSAGE=";
+    while (step(journal_.get()) > 0) {
+      const void* data = nullptr;
+      std::size_t length = 0;
+      std::uint64_t time = 0;
+      if (sd_journal_get_data(journal_.get(), "MESSAGE", &data, &length) < 0) continue;
+      if (sd_journal_get_realtime_usec(journal_.get(), &time) < 0) continue;
+      const std::string message = std::string(static_cast<const char*>(data), length);
+      const NSDate date{static_cast<double>(time) / std::micro::den};
+      if (auto event = eventFromMessage(message.substr(name.size()), date)) return event;
+    }
+    return std::nullopt;
   }
 
   const std::unique_ptr<sd_journal, decltype(&sd_journal_close)> journal_;
@@ -143,21 +113,23 @@ class FileLog final : public AgentLog {
  public:
   explicit FileLog(const std::string& path) : path_(path), file_(path) {}
 
-  bool isOfUse() override {
-    std::string line;
-    while (std::getline(file_, line) && line.find(source) == line.npos) {
+  std::optional<std::set<Text>> registered() override {
+    std::optional<std::set<Text>> identifiers;
+    file_.seekg(0);
+    while (const auto event = next()) {
+      if (!identifiers || event->kind == LogEvent::Kind::start) identifiers.emplace();
+      if (event->kind == LogEvent::Kind::registration) identifiers->insert(event->identifier);
     }
-    const bool isFound = !file_.fail();
-    file_.clear();
-    return isFound;
+    return identifiers;
   }
 
   void skipToEnd() override { file_.seekg(0, std::ios::end); }
 
   std::optional<LogEvent> next() override {
     std::error_code error;
-    if (std::filesystem::file_size(path_, error) < static_cast<std::uintmax_t>(file_.tellg()))
-      rewind();  // emptied
+    const bool isEmptied =
+        std::filesystem::file_size(path_, error) < static_cast<std::uintmax_t>(file_.tellg());
+    if (isEmptied) file_.seekg(0);
     for (std::string line;;) {
       const auto begin = file_.tellg();
       if (!std::getline(file_, line) || file_.eof()) {  // a line that is not yet whole is for later
@@ -165,7 +137,7 @@ class FileLog final : public AgentLog {
         file_.seekg(begin);
         return std::nullopt;
       }
-      if (const auto event = eventFromLine(line)) return event;
+      if (auto event = eventFromLine(line)) return event;
     }
   }
 
@@ -174,9 +146,6 @@ class FileLog final : public AgentLog {
     std::this_thread::sleep_for(std::min(patience, untilLookedAgain));
   }
 
- protected:
-  void rewind() override { file_.seekg(0); }
-
  private:
   const std::string path_;
   std::ifstream file_;
@@ -184,39 +153,24 @@ class FileLog final : public AgentLog {
 
 }  // namespace
 
-std::unique_ptr<AgentLog> AgentLog::open(const std::optional<std::string>& path,
-                                         std::string& problem) {
+std::unique_ptr<AgentLog> AgentLog::find(const std::optional<std::string>& path) {
   if (path && !std::ifstream(*path)) {
-    problem = "the log " + escaped(*path) + " cannot be read: " + std::strerror(errno) + ".";
-    return nullptr;
+    fail(Status::noLog,
+         "the log " + escaped(*path) + " cannot be read: " + std::strerror(errno) + ".");
   }
   if (path && !std::filesystem::is_directory(*path)) return std::make_unique<FileLog>(*path);
   sd_journal* journal = nullptr;
-  if (path ? sd_journal_open_directory(&journal, path->c_str(), 0) >= 0
-           : sd_journal_open(&journal, SD_JOURNAL_LOCAL_ONLY) >= 0) {
-    auto log = std::make_unique<JournalLog>(journal);
-    if (log->isOfUse()) return log;
-  }
-  problem =
-      "no line of the agent is in the journal, or this user may not read it: for an agent that "
-      "writes elsewhere, give the file with --log FILE.";
-  return nullptr;
+  const int error = path ? sd_journal_open_directory(&journal, path->c_str(), 0)
+                         : sd_journal_open(&journal, SD_JOURNAL_LOCAL_ONLY);
+  return error < 0 ? nullptr : JournalLog::of(journal);
 }
 
-std::vector<Text> AgentLog::registered() {
-  std::vector<Text> identifiers;
-  std::set<Text> known;
-  rewind();
-  while (const auto event = next()) {
-    if (event->kind == LogEvent::Kind::start) {
-      identifiers.clear();
-      known.clear();
-    } else if (event->kind == LogEvent::Kind::registration &&
-               known.insert(event->identifier).second) {
-      identifiers.push_back(event->identifier);
-    }
-  }
-  return identifiers;
+std::unique_ptr<AgentLog> AgentLog::require(const std::optional<std::string>& path) {
+  auto log = find(path);
+  if (log) return log;
+  fail(Status::noLog,
+       "no line of the agent is in the journal, or this user may not read it: for an agent that "
+       "writes elsewhere, give the file with --log FILE.");
 }
 
 }  // namespace Gantrel_Sync_Helper

@@ -5,9 +5,10 @@
 #include <chrono>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
-#include <vector>
 
+#include "Platform/Runtime/NSDate.h"
 #include "Platform/Runtime/Text.h"
 
 namespace Gantrel_Sync_Helper {
@@ -17,24 +18,23 @@ struct LogEvent {
   enum class Kind { start, registration, retrieval, removal };
   Kind kind;
   Platform::Text identifier;  // empty for a start
-  std::chrono::sys_time<std::chrono::microseconds> time;
+  Platform::NSDate time;
 };
 
 // On one thread.
 class AgentLog {
  public:
   // The log in `path`, a file or a folder of journal files; without one, the machine's journal.
-  // Null when it cannot be read, or is a journal and nothing of the agent is in it; `problem` is
-  // then a sentence.
-  static std::unique_ptr<AgentLog> open(const std::optional<std::string>& path,
-                                        std::string& problem);
+  // Null for a journal in which nothing of the agent can be read. Ends the process when there is
+  // no such path.
+  static std::unique_ptr<AgentLog> find(const std::optional<std::string>& path);
+  // The same, with a sentence and the end of the process for null.
+  static std::unique_ptr<AgentLog> require(const std::optional<std::string>& path);
   virtual ~AgentLog() = default;
 
-  // Whether there is any line of the agent's. It leaves off anywhere.
-  virtual bool isOfUse() = 0;
-
-  // The identifiers in the registrations since the agent last started, each once, in order.
-  std::vector<Platform::Text> registered();
+  // The identifiers in the registrations since the agent last started; none when the log tells
+  // nothing of the agent. It leaves off anywhere.
+  virtual std::optional<std::set<Platform::Text>> registered() = 0;
 
   // From here on `next` gives what is written after this call.
   virtual void skipToEnd() = 0;
@@ -42,10 +42,6 @@ class AgentLog {
   virtual std::optional<LogEvent> next() = 0;
   // Returns when there may be more, or the time is over.
   virtual void wait(std::chrono::microseconds patience) = 0;
-
- protected:
-  // Sets out from the agent's last start, or from some time before.
-  virtual void rewind() = 0;
 };
 
 }  // namespace Gantrel_Sync_Helper

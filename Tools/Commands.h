@@ -1,5 +1,5 @@
 // The commands of `gantrel`, each in a file of its own or with its like. Each returns the exit
-// status, or ends the process with a sentence (Outcome.h).
+// status, or ends the process with a sentence (Terminal.h).
 #pragma once
 
 #include <optional>
@@ -11,8 +11,10 @@
 
 namespace Gantrel_Sync_Helper {
 
-// What options say; the manual explains them.
-struct Options {
+// What the command line asks for; the manual explains it.
+struct Request {
+  Platform::Text identifier;       // empty where the command takes none
+  std::vector<std::string> words;  // those behind the identifier
   std::optional<double> seconds;
   std::optional<std::string> log;
   bool asJson = false;
@@ -23,23 +25,14 @@ struct Options {
   }
 };
 
-Status list(const Options& options);
-Status find(const Options& options, const Platform::Text& identifier);
-Status remove(const Options& options, const Platform::Text& identifier);
-
-enum class Expecting { answer, nothing };
-Status call(const Options& options, Expecting expecting, const Platform::Text& identifier,
-            const std::string& selector, const std::vector<std::string>& arguments);
-
-// A command is the name of a program, and its arguments.
-Status serve(const Options& options, const Platform::Text& identifier,
-             const std::vector<std::string>& command);
-// Without a command, for standard input and output.
-Status connect(const Options& options, const Platform::Text& identifier,
-               const std::vector<std::string>& command);
-
-// Without a time limit: without end.
-Status wait(const Options& options, const Platform::Text& identifier);
-Status monitor(const Options& options);
+Status list(const Request& request);
+Status find(const Request& request);
+Status call(const Request& request);
+Status send(const Request& request);
+Status serve(const Request& request);
+Status connect(const Request& request);
+Status remove(const Request& request);
+Status wait(const Request& request);
+Status monitor(const Request& request);
 
 }  // namespace Gantrel_Sync_Helper

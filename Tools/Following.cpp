@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
+#include <cstdio>
 #include <ctime>
 #include <memory>
 #include <thread>
@@ -13,6 +15,7 @@
 #include "Tools/AgentLog.h"
 #include "Tools/Commands.h"
 #include "Tools/Json.h"
+#include "Tools/Listeners.h"
 #include "Tools/Registry.h"
 
 namespace Gantrel_Sync_Helper {
@@ -20,42 +23,40 @@ namespace Gantrel_Sync_Helper {
 using namespace Platform;
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
-using Time = std::chrono::sys_time<std::chrono::microseconds>;
 
 namespace {
 
 constexpr std::chrono::microseconds withoutLog = 1s;
-constexpr std::chrono::microseconds withLog = 30s;       // a log may lose lines
-constexpr std::chrono::microseconds afterTheLine = 5ms;  // which comes before the entry
+constexpr std::chrono::microseconds withLog = 5s;  // a log may lose lines, and be before its time
 
-// Returns when the log tells of a registration of the identifier, which it then says, or at `end`.
-bool waitForRegistration(AgentLog& log, const Text& identifier, Clock::time_point end) {
-  for (;;) {
+// Returns when the log tells of a registration of the identifier, or at `end`.
+void waitForRegistration(AgentLog& log, const Text& identifier, Clock::time_point end) {
+  while (Clock::now() < end) {
     while (const auto event = log.next()) {
-      if (event->kind == LogEvent::Kind::registration && event->identifier == identifier) {
-        return true;
-      }
+      const bool isRegistration = event->kind == LogEvent::Kind::registration;
+      if (isRegistration && event->identifier == identifier) return;
     }
     const auto left = std::chrono::ceil<std::chrono::microseconds>(end - Clock::now());
-    if (left <= 0us) return false;
-    log.wait(left);
+    log.wait(std::max(left, 0us));
   }
 }
 
-std::string timeText(Time time) {
-  const std::chrono::duration<double> sinceEpoch = time.time_since_epoch();
-  if (!isTerminal()) return textFromDate({sinceEpoch.count()});
-  const auto seconds = std::chrono::floor<std::chrono::seconds>(time);
-  const std::time_t calendarTime = std::chrono::system_clock::to_time_t(seconds);
+std::string timeText(NSDate time) {
+  if (!isTerminal()) return textFromDate(time);
+  const double seconds = std::floor(time.timeIntervalSince1970);
+  const auto calendarTime = static_cast<std::time_t>(seconds);
   std::tm local{};
   ::localtime_r(&calendarTime, &local);
   char text[32];
-  const std::size_t length = std::strftime(text, sizeof text, "%H:%M:%S", &local);
-  return std::string(text, length) + "." + std::to_string(1000 + (time - seconds) / 1ms).substr(1);
+  std::snprintf(text, sizeof text, "%02d:%02d:%02d.%03d", local.tm_hour, local.tm_min, local.tm_sec,
+                static_cast<int>((time.timeIntervalSince1970 - seconds) * std::milli::den));
+  return text;
 }
 
-void tell(Time time, const std::string& what, const char* colour, const std::string& whom) {
-  print({{timeText(time), faint}, {what, colour, 8}, {whom}});
+constexpr std::size_t longestWord = 8;
+
+void tell(NSDate time, const char* what, const char* colour, const std::string& whom) {
+  print({{timeText(time), faint}, {padded(what, longestWord), colour}, {whom}});
 }
 
 void tell(const LogEvent& event) {
@@ -77,62 +78,45 @@ class LaunchTeller final : public NSObject {
   void observeValueForKeyPath(const std::optional<Text>&, const std::shared_ptr<NSObject>&,
                               const std::map<Text, Value>* change, void*) override {
     if (!change) return;
-    tellAll(*change, NSKeyValueChangeNewKey, "launch", green);
-    tellAll(*change, NSKeyValueChangeOldKey, "end", red);
-  }
-
- private:
-  static void tellAll(const std::map<Text, Value>& change, const Text& key, const char* what,
-                      const char* colour) {
-    const auto entry = change.find(key);
-    const Array* const applications = entry == change.end() ? nullptr : entry->second.asArray();
-    if (!applications) return;
-    const auto now =
-        std::chrono::floor<std::chrono::microseconds>(std::chrono::system_clock::now());
-    for (const Value& value : *applications) {
-      const auto application = value.asObject<NSRunningApplication>();
-      if (!application) continue;
-      const auto& identifier = application->bundleIdentifier();
-      tell(now, what, colour, identifier ? shown(*identifier) : "-");
+    const std::chrono::duration<double> now = std::chrono::floor<std::chrono::microseconds>(
+        std::chrono::system_clock::now().time_since_epoch());
+    for (const auto& [key, applications] : *change) {
+      const bool isLaunch = key == NSKeyValueChangeNewKey;
+      for (const Value& each : applications.asArray() ? *applications.asArray() : Array{}) {
+        const auto application = each.asObject<NSRunningApplication>();
+        if (!application) continue;
+        const auto& identifier = application->bundleIdentifier();
+        tell({now.count()}, isLaunch ? "launch" : "end", isLaunch ? green : red,
+             identifier ? shown(*identifier) : "-");
+      }
     }
   }
 };
 
 }  // namespace
 
-Status wait(const Options& options, const Text& identifier) {
-  std::string problem;
-  const auto log = AgentLog::open(options.log, problem);
-  if (!log && options.log) fail(Status::noLog, problem);
+Status wait(const Request& request) {
+  const auto log = AgentLog::find(request.log);
   if (log) log->skipToEnd();
-  Registry registry(Options{}.patience());
-  const auto start = Clock::now();
-  auto pause = log ? withLog : withoutLog;
+  Registry registry(Request{}.patience());
+  const auto last = request.seconds ? Clock::now() + request.patience() : Clock::time_point::max();
   for (;;) {
-    const auto endpoint = registry.tryToRetrieve(identifier);
-    if (endpoint && *endpoint && look(**endpoint).isBound) return Status::done;
-    auto end = Clock::now() + pause;
-    if (options.seconds) {
-      const auto last = start + options.patience();
-      if (last <= Clock::now()) {
-        fail(Status::notInTime, shown(identifier) + " was not served in time.");
-      }
-      end = std::min(end, last);
+    const auto endpoint = registry.tryToRetrieve(request.identifier);
+    if (endpoint && *endpoint && isServed(**endpoint)) return Status::done;
+    if (last <= Clock::now()) {
+      fail(Status::notInTime, shown(request.identifier) + " was not served in time.");
     }
-    if (!log) {
-      std::this_thread::sleep_until(end);
-    } else if (waitForRegistration(*log, identifier, end)) {
-      pause = afterTheLine;
+    const auto end = std::min(last, Clock::now() + (log ? withLog : withoutLog));
+    if (log) {
+      waitForRegistration(*log, request.identifier, end);
     } else {
-      pause = std::min(2 * pause, withLog);
+      std::this_thread::sleep_until(end);
     }
   }
 }
 
-Status monitor(const Options& options) {
-  std::string problem;
-  const auto log = AgentLog::open(options.log, problem);
-  if (!log) fail(Status::noLog, problem);
+Status monitor(const Request& request) {
+  const auto log = AgentLog::require(request.log);
   log->skipToEnd();
   endWhenNobodyReads();
   const auto teller = std::make_shared<LaunchTeller>();

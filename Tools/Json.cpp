@@ -1,9 +1,7 @@
 #include "Tools/Json.h"
 
 #include <glib.h>
-#include <unicode/utf8.h>
 
-#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <cstdint>
@@ -60,66 +58,89 @@ std::optional<Data> dataFromBase64(const std::string& text) {
   return base64FromData(data) == text ? std::optional(std::move(data)) : std::nullopt;
 }
 
-// None for what is no value; `problem` then says why.
+// Ends the process for what is no value.
 class Reader {
  public:
-  Reader(const FindEndpoint& findEndpoint, std::string& problem)
-      : findEndpoint_(findEndpoint), problem_(problem) {}
+  Reader(const std::string& which, Registry& registry) : which_(which), registry_(registry) {}
 
-  Value value(const Json& json, int depth = 0) {
-    if (json.is_structured() && depth >= Wire::deepestNesting) {
-      return wrong("is nested too deeply");
+  Value fromArgument(const std::string& argument) const {
+    if (!Text::isUtf8(argument)) refuse("is not text in UTF-8");
+    if (hasPrefix(argument)) return fromString(argument);
+    std::vector<std::set<Text>> keys;  // of each object that is open
+    const auto look = [&](int, Json::parse_event_t event, Json& parsed) {
+      if (event == Json::parse_event_t::object_start) keys.emplace_back();
+      if (event == Json::parse_event_t::object_end) keys.pop_back();
+      if (event == Json::parse_event_t::key &&
+          !keys.back().insert(*Text::fromUtf8(parsed.get<std::string>())).second) {
+        refuse("has a key twice");
+      }
+      return true;
+    };
+    try {
+      return fromJson(Json::parse(argument, look), 0);
+    } catch (const Json::parse_error& error) {
+      refuse("is no JSON from byte " + std::to_string(error.byte) +
+             " on (a text is written '\"so\"', or text:so)");
+    } catch (const Json::out_of_range&) {
+      refuse("holds a number beyond all reals");
     }
-    if (json.is_null()) return {};
+  }
+
+ private:
+  Value fromJson(const Json& json, int depth) const {
+    if (json.is_structured() && depth >= Wire::deepestNesting) refuse("is nested too deeply");
     if (json.is_boolean()) return json.get<bool>();
     if (json.is_number_unsigned()) return json.get<std::uint64_t>();
     if (json.is_number_integer()) return json.get<std::int64_t>();
     if (json.is_number()) return json.get<double>();
     if (json.is_string()) return fromString(json.get_ref<const std::string&>());
+    if (json.is_null()) return {};
     if (json.is_array()) {
       Array array;
-      for (const Json& item : json) array.push_back(value(item, depth + 1));
+      for (const Json& item : json) array.push_back(fromJson(item, depth + 1));
       return array;
     }
     Dictionary dictionary;
     for (const auto& [key, item] : json.items()) {
-      dictionary.emplace(*Text::fromUtf8(key),
-                         value(item, depth + 1));  // the parser has checked it
+      dictionary.emplace(*Text::fromUtf8(key), fromJson(item, depth + 1));
     }
     return dictionary;
   }
 
-  Value fromString(const std::string& string) {
+  Value fromString(const std::string& string) const {
     const std::string rest = string.substr(string.find(':') + 1);
-    if (string.starts_with(endpointPrefix)) return findEndpoint_(rest);
-    if (string.starts_with(datePrefix))
-      return orWrong(dateFromText(rest),
-                     "has no date after its prefix, such as 2026-03-05T14:07:00Z");
-    if (string.starts_with(dataPrefix))
-      return orWrong(dataFromBase64(rest), "has no Base64 after its prefix");
-    if (string.starts_with(realPrefix))
-      return orWrong(realFromText(rest), "has no number after its prefix");
-    return orWrong(Text::fromUtf8(string.starts_with(textPrefix) ? rest : string), "is no UTF-8");
+    if (string.starts_with(endpointPrefix)) {
+      return registry_.require(typed(rest, "the identifier of an endpoint"));
+    }
+    if (string.starts_with(datePrefix)) {
+      return orRefuse(dateFromText(rest), "date after its prefix, such as 2026-03-05T14:07:00Z");
+    }
+    if (string.starts_with(dataPrefix)) {
+      return orRefuse(dataFromBase64(rest), "Base64 after its prefix");
+    }
+    if (string.starts_with(realPrefix)) {
+      return orRefuse(realFromText(rest), "number after its prefix");
+    }
+    return *Text::fromUtf8(string.starts_with(textPrefix) ? rest : string);
   }
 
- private:
   template <class Found>
-  Value orWrong(std::optional<Found> found, const char* problem) {
-    return found ? Value(*std::move(found)) : wrong(problem);
+  Value orRefuse(std::optional<Found> found, const char* what) const {
+    if (!found) refuse(std::string("has no ") + what);
+    return *std::move(found);
   }
 
-  Value wrong(const char* problem) {
-    if (problem_.empty()) problem_ = problem;
-    return {};
+  [[noreturn]] void refuse(const std::string& problem) const {
+    fail(Status::badArgument, which_ + " " + problem + ".");
   }
 
-  const FindEndpoint& findEndpoint_;
-  std::string& problem_;
+  const std::string& which_;
+  Registry& registry_;
 };
 
 // Whom it leads to, since the endpoint itself cannot be shown.
 std::string textFromEndpoint(const NSXPCListenerEndpoint& endpoint) {
-  const Listener listener = listenersBehind({look(endpoint)}).front();
+  const Listener listener = Listeners().behind(endpoint);
   if (listener.state == ListenerState::gone) return endpointPrefix + " gone";
   if (!listener.process) return endpointPrefix + " served";
   return endpointPrefix + " served by " + std::to_string(listener.process->number) + " " +
@@ -200,33 +221,8 @@ std::optional<NSDate> dateFromText(const std::string& text) {
   return NSDate{static_cast<double>(second - zone.tm_gmtoff) + realFromText(fraction).value_or(0)};
 }
 
-std::optional<Value> valueFromJson(const std::string& argument, const FindEndpoint& findEndpoint,
-                                   std::string& problem) {
-  Reader reader(findEndpoint, problem);
-  Value value;
-  if (hasPrefix(argument)) {
-    value = reader.fromString(argument);
-  } else {
-    std::vector<std::set<Text>> keys;  // of each object that is open
-    const auto look = [&](int, Json::parse_event_t event, Json& parsed) {
-      if (event == Json::parse_event_t::object_start) keys.emplace_back();
-      if (event == Json::parse_event_t::object_end) keys.pop_back();
-      if (event == Json::parse_event_t::key &&
-          !keys.back().insert(*Text::fromUtf8(parsed.get<std::string>())).second) {
-        problem = "has a key twice";
-      }
-      return true;
-    };
-    try {
-      value = reader.value(Json::parse(argument, look));
-    } catch (const Json::parse_error& error) {
-      problem = "is no JSON from byte " + std::to_string(error.byte) +
-                " on (a text is written '\"so\"', or text:so)";
-    } catch (const Json::out_of_range&) {
-      problem = "holds a number beyond all reals";
-    }
-  }
-  return problem.empty() ? std::optional(std::move(value)) : std::nullopt;
+Value valueFromJson(const std::string& argument, const std::string& which, Registry& registry) {
+  return Reader(which, registry).fromArgument(argument);
 }
 
 std::string jsonFromValue(const Value& value) {
@@ -236,18 +232,13 @@ std::string jsonFromValue(const Value& value) {
 std::string written(const Json& document) {
   const std::string plain = document.dump(2, ' ', false, Json::error_handler_t::replace);
   std::string safe;
-  for (std::size_t i = 0; i < plain.size();) {
-    const std::size_t start = i;
-    char32_t codePoint;
-    U8_NEXT_UNSAFE(plain, i, codePoint);
+  for (const char* at = plain.c_str(); *at;) {
+    const std::string letter(at, static_cast<const char*>(g_utf8_next_char(at)));
     // The line breaks are the document's own: those in texts are escaped already.
-    if (codePoint == '\n' || !Platform::isUnsafeToShow(codePoint)) {
-      safe.append(plain, start, i - start);
-    } else {
-      char escape[16];
-      std::snprintf(escape, sizeof escape, "\\u%04x", static_cast<unsigned>(codePoint));
-      safe.append(escape);
-    }
+    const bool isSafe = *at == '\n' || !isUnsafeToShow(g_utf8_get_char(at));
+    const std::string quoted = isSafe ? "" : Json(letter).dump(-1, ' ', true);
+    safe += isSafe ? letter : quoted.substr(1, quoted.size() - 2);
+    at += letter.size();
   }
   return safe;
 }

@@ -6,12 +6,12 @@
 // "text:" before it. A whole argument with a prefix needs no quotes.
 #pragma once
 
-#include <functional>
 #include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
 
 #include "Platform/Runtime/Value.h"
+#include "Tools/Registry.h"
 
 namespace Gantrel_Sync_Helper {
 
@@ -23,13 +23,9 @@ std::optional<double> realFromText(const std::string& text);
 std::string textFromDate(Platform::NSDate date);
 std::optional<Platform::NSDate> dateFromText(const std::string& text);
 
-// Gives the endpoint for the text after "endpoint:".
-using FindEndpoint = std::function<Platform::Value(const std::string& typedIdentifier)>;
-
-// None when `argument` is no value; `problem` is then what is wrong with it, for a sentence.
-std::optional<Platform::Value> valueFromJson(const std::string& argument,
-                                             const FindEndpoint& findEndpoint,
-                                             std::string& problem);
+// Ends the process when `argument` is no value; `which` says in the sentence what it is.
+Platform::Value valueFromJson(const std::string& argument, const std::string& which,
+                              Registry& registry);
 
 std::string jsonFromValue(const Platform::Value& value);
 

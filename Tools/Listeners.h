@@ -10,27 +10,22 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
-#include <vector>
+#include <utility>
 
 #include "Platform/Runtime/Text.h"
 #include "Platform/XPC/NSXPCListenerEndpoint.h"
 
 namespace Gantrel_Sync_Helper {
 
-// What an endpoint shows of itself. A value: the endpoint need not be kept.
-struct Sight {
-  dev_t device = 0;
-  ino_t inode = 0;
-  bool isBound = false;  // the listener lives
+// Of its socket, as long as the endpoint lives.
+std::string pathOf(const Platform::NSXPCListenerEndpoint& endpoint);
 
-  bool isOfSameListener(const Sight& other) const {
-    return device == other.device && inode == other.inode;
-  }
-};
-
-Sight look(const Platform::NSXPCListenerEndpoint& endpoint);
+// Whether anybody listens there.
+bool isServed(const Platform::NSXPCListenerEndpoint& endpoint);
 
 struct Process {
   pid_t number;
@@ -49,7 +44,21 @@ struct Listener {
   std::optional<Process> process;  // none when this user may not see it
 };
 
-// In the order of the sights. Of several processes that share a socket, the first started counts.
-std::vector<Listener> listenersBehind(const std::vector<Sight>& sights);
+// All of them, as they are when this is made. On one thread.
+class Listeners {
+ public:
+  Listeners();
+
+  // Of several processes that share a socket, the first started counts.
+  Listener behind(const Platform::NSXPCListenerEndpoint& endpoint) const;
+
+ private:
+  using Inode = std::pair<std::uint32_t, std::uint32_t>;  // with its device, as in the table
+  struct Socket {
+    bool isFull;
+    pid_t owner;  // 0 when it may not be seen
+  };
+  std::map<Inode, Socket> sockets_;  // by what they are bound to
+};
 
 }  // namespace Gantrel_Sync_Helper

@@ -1,6 +1,5 @@
 // list, find and remove: what is registered, and by whom it is served.
 
-#include <algorithm>
 #include <nlohmann/json.hpp>
 #include <utility>
 
@@ -8,6 +7,7 @@
 #include "Tools/AgentLog.h"
 #include "Tools/Commands.h"
 #include "Tools/Json.h"
+#include "Tools/Listeners.h"
 #include "Tools/Registry.h"
 
 namespace Gantrel_Sync_Helper {
@@ -19,21 +19,28 @@ namespace {
 
 const Row heading = {{"IDENTIFIER"}, {"STATE"}, {"PROCESS"}, {"NAME"}, {"BUNDLE"}};
 
-Cell stateCell(ListenerState state) {
+struct StateWords {
+  const char* name;
+  const char* colour;
+  Status status;
+};
+
+StateWords wordsFor(ListenerState state) {
   switch (state) {
     case ListenerState::served:
-      return {"served", green};
+      return {"served", green, Status::done};
     case ListenerState::notAnswering:
-      return {"not answering", yellow};
+      return {"not answering", yellow, Status::notInTime};
     case ListenerState::gone:
-      return {"gone", red};
+      return {"gone", red, Status::gone};
   }
   return {};
 }
 
-Row rowOf(const Entry& entry) {
-  Row row = {{shown(entry.identifier)}, stateCell(entry.listener.state), {"-"}, {"-"}, {"-"}};
-  if (const auto& process = entry.listener.process) {
+Row rowOf(const Text& identifier, const Listener& listener) {
+  const auto [state, colour, status] = wordsFor(listener.state);
+  Row row = {{shown(identifier)}, {state, colour}, {"-"}, {"-"}, {"-"}};
+  if (const auto& process = listener.process) {
     row[2].text = std::to_string(process->number);
     row[3].text = escaped(process->name);
     if (process->bundleIdentifier) row[4].text = shown(*process->bundleIdentifier);
@@ -41,11 +48,11 @@ Row rowOf(const Entry& entry) {
   return row;
 }
 
-Json jsonOf(const Entry& entry) {
-  Json json = {{"identifier", entry.identifier.utf8()},
-               {"state", stateCell(entry.listener.state).text},
+Json jsonOf(const Text& identifier, const Listener& listener) {
+  Json json = {{"identifier", identifier.utf8()},
+               {"state", wordsFor(listener.state).name},
                {"process", nullptr}};
-  if (const auto& process = entry.listener.process) {
+  if (const auto& process = listener.process) {
     json["process"] = {{"number", process->number}, {"name", process->name}, {"bundle", nullptr}};
     if (const auto& bundle = process->bundleIdentifier) json["process"]["bundle"] = bundle->utf8();
   }
@@ -54,55 +61,41 @@ Json jsonOf(const Entry& entry) {
 
 }  // namespace
 
-Status list(const Options& options) {
-  std::string problem;
-  const auto log = AgentLog::open(options.log, problem);
-  if (!log) fail(Status::noLog, problem);
-  if (!log->isOfUse()) {
-    fail(Status::noLog, "no line of the agent is in " + escaped(*options.log) + ".");
+Status list(const Request& request) {
+  const auto identifiers = AgentLog::require(request.log)->registered();
+  if (!identifiers) {
+    fail(Status::noLog, "no line of the agent is in " + escaped(*request.log) + ".");
   }
-  auto identifiers = log->registered();
-  std::sort(identifiers.begin(), identifiers.end());
-  Registry registry(options.patience());
-  const auto entries = registry.entries(identifiers);
-  if (options.asJson) {
-    Json all = Json::array();
-    for (const Entry& entry : entries) all.push_back(jsonOf(entry));
-    print({{written(all)}});
-  } else {
-    std::vector<Row> rows;
-    for (const Entry& entry : entries) rows.push_back(rowOf(entry));
-    printTable(heading, std::move(rows));
+  Registry registry(request.patience());
+  const Listeners listeners;
+  Json all = Json::array();
+  std::vector<Row> rows;
+  for (const Text& identifier : *identifiers) {
+    const EndpointRef endpoint = registry.retrieve(identifier);
+    if (!endpoint) continue;
+    const Listener listener = listeners.behind(*endpoint);
+    all.push_back(jsonOf(identifier, listener));
+    rows.push_back(rowOf(identifier, listener));
   }
+  request.asJson ? printText(written(all) + "\n") : printTable(heading, std::move(rows));
   return Status::done;
 }
 
-Status find(const Options& options, const Text& identifier) {
-  const auto entries = Registry(options.patience()).entries({identifier});
-  if (entries.empty()) {
-    fail(Status::notRegistered, "nothing is registered as " + shown(identifier) + ".");
-  }
-  if (options.asJson) {
-    print({{written(jsonOf(entries[0]))}});
+Status find(const Request& request) {
+  const auto& identifier = request.identifier;
+  const EndpointRef endpoint = Registry(request.patience()).require(identifier);
+  const Listener listener = Listeners().behind(*endpoint);
+  if (request.asJson) {
+    printText(written(jsonOf(identifier, listener)) + "\n");
   } else {
-    print(rowOf(entries[0]));
+    print(rowOf(identifier, listener));
   }
-  switch (entries[0].listener.state) {
-    case ListenerState::served:
-      return Status::done;
-    case ListenerState::notAnswering:
-      return Status::notInTime;
-    case ListenerState::gone:
-      return Status::gone;
-  }
-  return Status::done;
+  return wordsFor(listener.state).status;
 }
 
-Status remove(const Options& options, const Text& identifier) {
-  Registry registry(options.patience());
-  registry.require(identifier);
-  registry.remove(identifier);
-  return Status::done;
+Status remove(const Request& request) {
+  Registry registry(request.patience());
+  return registry.remove(registry.require(request.identifier), request.identifier);
 }
 
 }  // namespace Gantrel_Sync_Helper

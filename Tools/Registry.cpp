@@ -1,5 +1,8 @@
 #include "Tools/Registry.h"
 
+#include <sys/stat.h>
+
+#include <chrono>
 #include <utility>
 
 #include "Platform/Runtime/Escaped.h"
@@ -11,6 +14,18 @@
 namespace Gantrel_Sync_Helper {
 
 using namespace Platform;
+
+namespace {
+
+bool areOfSameListener(const NSXPCListenerEndpoint& one, const NSXPCListenerEndpoint& other) {
+  struct stat first {};
+  struct stat second {};
+  ::fstat(one.descriptor(), &first);
+  ::fstat(other.descriptor(), &second);
+  return first.st_dev == second.st_dev && first.st_ino == second.st_ino;
+}
+
+}  // namespace
 
 Registry::Registry(Patience patience)
     : patience_(patience), agent_(EndPointHandler::initWithServiceName(agentAppBundleIdentifier)) {
@@ -35,25 +50,11 @@ EndpointRef Registry::retrieve(const Text& identifier) {
 }
 
 EndpointRef Registry::require(const Text& identifier) {
-  const EndpointRef endpoint = retrieve(identifier);
+  EndpointRef endpoint = retrieve(identifier);
   if (!endpoint) {
     fail(Status::notRegistered, "nothing is registered as " + shown(identifier) + ".");
   }
   return endpoint;
-}
-
-std::vector<Entry> Registry::entries(const std::vector<Text>& identifiers) {
-  std::vector<Entry> entries;
-  std::vector<Sight> sights;  // and no endpoints, each of which takes a descriptor
-  for (const Text& identifier : identifiers) {
-    const EndpointRef endpoint = retrieve(identifier);
-    if (!endpoint) continue;
-    entries.push_back({identifier, {}});
-    sights.push_back(look(*endpoint));
-  }
-  auto listeners = listenersBehind(sights);
-  for (std::size_t i = 0; i < entries.size(); ++i) entries[i].listener = std::move(listeners[i]);
-  return entries;
 }
 
 void Registry::registerEndpoint(const EndpointRef& endpoint, const Text& identifier) {
@@ -67,15 +68,9 @@ void Registry::registerEndpoint(const EndpointRef& endpoint, const Text& identif
                             ": it may have no room for more.");
 }
 
-void Registry::remove(const Text& identifier) {
-  agent_->removeEndpoint(identifier);
-  retrieve(identifier);
-}
-
-Status Registry::removeIfStill(const EndpointRef& endpoint, const Text& identifier) {
+Status Registry::remove(const EndpointRef& endpoint, const Text& identifier) {
   auto found = tryToRetrieve(identifier);
-  const bool isStill = found && *found && look(**found).isOfSameListener(look(*endpoint));
-  if (isStill) {
+  if (found && *found && areOfSameListener(**found, *endpoint)) {
     agent_->removeEndpoint(identifier);
     found = tryToRetrieve(identifier);
   }

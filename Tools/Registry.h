@@ -3,18 +3,12 @@
 
 #include <memory>
 #include <optional>
+#include <string>
 
 #include "Shared/EndPointHandler.h"
-#include "Tools/Listeners.h"
 #include "Tools/Terminal.h"
 
 namespace Gantrel_Sync_Helper {
-
-// An identifier with what is registered under it.
-struct Entry {
-  Platform::Text identifier;
-  Listener listener;
-};
 
 // On one thread. What cannot be had of the agent ends the process, but where it says otherwise.
 class Registry {
@@ -28,18 +22,13 @@ class Registry {
   // The same as `retrieve`; none when there is no agent, or it does not answer.
   std::optional<Platform::EndpointRef> tryToRetrieve(const Platform::Text& identifier);
 
-  // Of these, the ones that are registered.
-  std::vector<Entry> entries(const std::vector<Platform::Text>& identifiers);
-
   // Returns when the endpoint can be found. From then on it is registered again whenever the agent
   // was away, as long as this object lives.
   void registerEndpoint(const Platform::EndpointRef& endpoint, const Platform::Text& identifier);
-  // Returns when the agent has done it.
-  void remove(const Platform::Text& identifier);
-  // The same, if the entry is for the endpoint given. Somebody else's that takes its place between
-  // the look and the removal is removed in its stead. Without an answer it says so, and gives the
-  // status for it.
-  Status removeIfStill(const Platform::EndpointRef& endpoint, const Platform::Text& identifier);
+  // Removes the entry if it is still for the endpoint, and returns when it is gone. Somebody else's
+  // that takes its place between the look and the removal is removed in its stead. Where the agent
+  // does not answer, this is said, and the status is for it.
+  Status remove(const Platform::EndpointRef& endpoint, const Platform::Text& identifier);
 
  private:
   struct Reason {

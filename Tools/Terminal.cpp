@@ -1,7 +1,6 @@
 #include "Tools/Terminal.h"
 
-#include <unicode/uchar.h>
-#include <unicode/utf8.h>
+#include <glib.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -27,15 +26,11 @@ bool hasColour() {
 }
 
 // In columns of a terminal.
-std::size_t widthOf(const std::string& text) {
+std::size_t widthOf(const std::string& utf8) {
   std::size_t width = 0;
-  for (std::size_t i = 0; i < text.size();) {
-    UChar32 codePoint;
-    U8_NEXT_UNSAFE(text, i, codePoint);
-    constexpr auto marks = U_GC_MN_MASK | U_GC_ME_MASK | U_GC_CF_MASK;
-    const int eastAsian = u_getIntPropertyValue(codePoint, UCHAR_EAST_ASIAN_WIDTH);
-    if ((U_GET_GC_MASK(codePoint) & marks) != 0) continue;
-    width += eastAsian == U_EA_WIDE || eastAsian == U_EA_FULLWIDTH ? 2 : 1;
+  for (const char* at = utf8.c_str(); *at; at = g_utf8_next_char(at)) {
+    const gunichar letter = g_utf8_get_char(at);
+    if (!g_unichar_iszerowidth(letter)) width += g_unichar_iswide(letter) ? 2 : 1;
   }
   return width;
 }
@@ -79,6 +74,11 @@ void printText(const std::string& text) {
   std::_Exit(static_cast<int>(Status::unwritten));  // other threads may be at work
 }
 
+std::string padded(std::string text, std::size_t width) {
+  if (isTerminal()) text.append(width - std::min(width, widthOf(text)), ' ');
+  return text;
+}
+
 void print(const Row& row) {
   std::string line;
   for (const Cell& cell : row) {
@@ -87,19 +87,16 @@ void print(const Row& row) {
     if (isColoured) line.append("\x1b[").append(cell.colour).append("m");
     line += cell.text;
     if (isColoured) line += "\x1b[0m";
-    if (!isTerminal() || &cell == &row.back()) continue;
-    line.append(cell.width - std::min(cell.width, widthOf(cell.text)), ' ');
   }
-  line += '\n';
-  printText(line);
+  printText(line + "\n");
 }
 
 void printTable(const Row& heading, std::vector<Row> rows) {
   if (isTerminal()) rows.insert(rows.begin(), heading);
-  for (std::size_t column = 0; column < heading.size(); ++column) {
+  for (std::size_t column = 0; column + 1 < heading.size(); ++column) {
     std::size_t width = 0;
     for (const Row& row : rows) width = std::max(width, widthOf(row[column].text));
-    for (Row& row : rows) row[column].width = width;
+    for (Row& row : rows) row[column].text = padded(row[column].text, width);
   }
   for (const Row& row : rows) print(row);
 }

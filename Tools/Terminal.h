@@ -49,7 +49,6 @@ void complain(const std::string& sentence);
 struct Cell {
   std::string text;         // escaped
   const char* colour = "";  // what a terminal knows it by
-  std::size_t width = 0;    // in a terminal, at least; in a table it follows from the column
 };
 using Row = std::vector<Cell>;
 inline constexpr const char* faint = "2";
@@ -58,6 +57,9 @@ inline constexpr const char* green = "32";
 inline constexpr const char* yellow = "33";
 
 bool isTerminal();  // standard output
+
+// With blanks behind it, in a terminal.
+std::string padded(std::string text, std::size_t width);
 
 // Output that cannot be written ends the process, with a sentence. Any thread.
 void printText(const std::string& text);

@@ -191,6 +191,7 @@ class Gantrel(AgentTestCase):
         self.assert_misunderstands(self.socket, b"", "ended", "call", "own", FETCH)
         server = self.serve("kept", "cat")
         self.agent.send_signal(signal.SIGSTOP)
+        os.waitid(os.P_PID, self.agent.pid, os.WSTOPPED)
         server.send_signal(signal.SIGINT)
         self.assertEqual(server.wait(PATIENCE), 6)
         self.assertIn(b"entry kept could not be removed: the agent runs", server.stderr.read())
