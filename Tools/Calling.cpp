@@ -35,9 +35,8 @@ Status exchange(const Request& request, bool isCall) {
   const std::string selector = typed(request.words[0], "the selector").utf8();
   const auto colons = static_cast<std::size_t>(std::count(selector.begin(), selector.end(), ':'));
   if (colons != request.words.size() - (isCall ? 0 : 1)) {
-    fail(Status::badArgument, escaped(selector) + " has " + std::to_string(colons) +
-                                  " colons, and not one for each argument" +
-                                  (isCall ? " and one for the reply block." : "."));
+    fail(Status::badArgument, escaped(selector) + " is to have a colon for each argument" +
+                                  (isCall ? " and one for the reply block." : ", and no other."));
   }
   Registry registry(request.patience());
   Array values;

@@ -1,8 +1,6 @@
 // gantrel: the command line, and which command it asks for.
 
 #include <CLI/CLI.hpp>
-#include <algorithm>
-#include <iterator>
 #include <limits>
 #include <sstream>
 #include <string>
@@ -75,12 +73,17 @@ Status run(int count, char** arguments) {
   parser.set_version_flag("--version", GANTREL_VERSION);
   Request request;
   auto& words = request.words;
+  const Command* chosen = nullptr;
   for (const Command& command : commands) {
     auto* const own = parser.add_subcommand(command.name, command.purpose);
     own->footer("Usage: " + usage(command));
     if (command.mostWords == any) own->prefix_command();
     if (command.mostWords == 1) own->add_option("ID", words, "the identifier")->expected(1);
     addOptions(*own, command.options, request);
+    own->callback([&, own] {
+      chosen = &command;
+      if (command.mostWords == any) words = own->remaining();
+    });
   }
   try {
     parser.parse(count, arguments);
@@ -93,18 +96,14 @@ Status run(int count, char** arguments) {
     }
     fail(Status::usage, Platform::escaped(error.what()) + ": see gantrel --help.");
   }
-  const CLI::App* const chosen = parser.get_subcommands().front();
-  const Command& command = *std::find_if(std::begin(commands), std::end(commands),
-                                         [&](auto& one) { return one.name == chosen->get_name(); });
-  if (command.mostWords == any) words = chosen->remaining();
-  if (words.size() < command.fewestWords || words.size() > command.mostWords) {
-    fail(Status::usage, "its usage is: " + usage(command) + ".");
+  if (words.size() < chosen->fewestWords || words.size() > chosen->mostWords) {
+    fail(Status::usage, "its usage is: " + usage(*chosen) + ".");
   }
   if (!words.empty()) {
     request.identifier = typed(words[0], "the identifier");
     words.erase(words.begin());
   }
-  return command.run(request);
+  return chosen->run(request);
 }
 
 }  // namespace

@@ -151,7 +151,7 @@ class Gantrel(AgentTestCase):
             (7, "no line of the agent", "list", "--log", "/dev/null"),
             (64, "gantrel --help", "find", "a", "b"),
             (64, "gantrel call .OPTIONS. ID SELECTOR", "call", "a"),
-            (65, "colons", "call", MAIN_APP, FETCH, "1"),
+            (65, "a colon for each", "call", MAIN_APP, FETCH, "1"),
             (65, "no JSON from byte 3 on", "send", MAIN_APP, "openMeetingWithId:", '"x'),
             (4, "refused", "call", MAIN_APP, "a::", "[" * 32 + "]" * 32),
             (65, "nested", "call", MAIN_APP, "a::", "[" * 33 + "]" * 33),
