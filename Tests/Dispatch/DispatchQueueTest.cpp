@@ -111,21 +111,6 @@ TEST(WorkerPool, BringsInAWorkerAfterAHandlerThatTookItsTime) {
   handler->done.get_future().wait();
 }
 
-// Waits for a task that does the same, and so on. Gives how many waited.
-int waitForOneThatWaits() {
-  const WorkerPool::BlockingRegion region;
-  if (!region) return 0;
-  std::promise<int> inner;
-  dispatch_async(dispatch_queue_create("nested", DISPATCH_QUEUE_SERIAL),
-                 [&] { inner.set_value(waitForOneThatWaits()); });
-  return inner.get_future().get() + 1;
-}
-
-TEST(WorkerPool, SaysWhenNobodyIsLeftToWaitFor) {
-  EXPECT_GT(waitForOneThatWaits(), 100);
-  EXPECT_GT(waitForOneThatWaits(), 100) << "all came back";
-}
-
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // they keep what is freed
 TEST(WorkerPool, ReturnsMemoryAfterABurst) {
   WorkerPool::shared().returnMemoryAfterBursts();

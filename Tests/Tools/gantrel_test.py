@@ -203,7 +203,6 @@ class Gantrel(AgentTestCase):
             false_agent.bind(self.path)
             false_agent.listen()
             self.assert_misunderstands(false_agent, frame([4, 1, []]), "sent what is not understood", "find", "a")
-            self.assert_misunderstands(false_agent, frame([REFUSAL, 1]), "does not answer as the agent", "find", "a")
             self.assert_misunderstands(false_agent, frame([REPLY, 1, [5]]), "does not answer as the agent", "remove", "a")
             self.assert_fails(6, "the agent runs", "find", "--timeout", "0.1", "a")
 

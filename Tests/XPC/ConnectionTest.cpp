@@ -204,6 +204,25 @@ TEST_F(Connections, LetHandlersAndReplyBlocksWaitForAnswers) {
   answered.wait();
 }
 
+// Each handler waits for one that waits, until there is no thread to answer the next.
+TEST_F(Connections, RefuseTheCallForWhichNoThreadIsLeftAndGoOn) {
+  std::atomic<int> waiting = 0;
+  std::vector<NSXPCConnectionError> errors;
+  service->onEcho = [&] {
+    ++waiting;
+    connectionTo(service->endpoint())
+        ->synchronousRemoteObjectProxyWithErrorHandler<Peer>(
+            [&](NSXPCConnectionError error) { errors.push_back(error); })
+        ->echo({}, [](const Value&) {});
+  };
+  for (std::size_t times = 1; times <= 2; ++times) {
+    waiting = 0;
+    EXPECT_EQ(ask(connection, times), Value(times));
+    EXPECT_GT(waiting, 500);
+    EXPECT_EQ(errors, std::vector(times, NSXPCConnectionError::refused));
+  }
+}
+
 TEST_F(Connections, AnswerWaitingCallsOfManyThreads) {
   std::vector<std::future<void>> threads;
   for (int t = 0; t < 8; ++t) {
