@@ -62,9 +62,10 @@ bool DispatchQueue::runWaitingTasks() {
   next_.swap(others_);
   othersWait_.store(false, std::memory_order_relaxed);
   if (!next_.empty()) return true;
-  // At rest one of the two is enough.
+  // At rest one of them is enough, but where many come at a time.
   next_.swap(running_);
   running_.shrink_to_fit();
+  if (others_.capacity() < 8) others_.shrink_to_fit();
   self.swap(inLine_);
   return false;
 }

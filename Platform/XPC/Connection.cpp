@@ -12,11 +12,9 @@
 
 namespace Platform {
 
-Connection::Connection(Dialer::Target target, UniqueFd socket)
-    : queue_(dispatch_queue_create("NSXPCConnection", DISPATCH_QUEUE_SERIAL)),
-      dialer_(std::move(target)) {
-  if (socket.isValid()) link_ = dialer_.linkFor(std::move(socket));
-}
+Connection::Connection(Dialer::Target target) : dialer_(std::move(target)) {}
+
+Connection::Connection(UniqueFd accepted) : link_(dialer_.linkFor(std::move(accepted))) {}
 
 void Connection::exportInterface(NSXPCInterface interface) {
   const Lock lock(mutex_);
@@ -30,7 +28,8 @@ void Connection::exportObject(std::shared_ptr<NSObject> object) {
 
 void Connection::setHandler(std::function<void()> Handlers::*which, std::function<void()> handler) {
   const Lock lock(mutex_);
-  std::swap(ends_.handlers.*which, handler);
+  if (!ends_.handlers) ends_.handlers = std::make_unique<Handlers>();
+  std::swap(ends_.handlers.get()->*which, handler);
 }
 
 void Connection::resume(std::shared_ptr<void> handle) {
@@ -302,21 +301,22 @@ std::shared_ptr<void> Connection::endDraining() {
 }
 
 void Connection::announceEnd(bool isFinal) {
-  Handlers handlers;
+  std::unique_ptr<Handlers> handlers;
   std::shared_ptr<NSObject> exported;
   std::shared_ptr<void> handle;
   {
     const Lock lock(mutex_);
     if (isFinal) {
-      std::swap(handlers, ends_.handlers);  // all are released: each may hold its owner
+      handlers.swap(ends_.handlers);  // all are released: each may hold its owner
       handle.swap(ends_.keepAlive);
       exported = exported_.release();
-    } else {
-      handlers = ends_.handlers;
+    } else if (ends_.handlers) {
+      handlers = std::make_unique<Handlers>(*ends_.handlers);
     }
   }
-  if (!isFinal && handlers.linkLoss) handlers.linkLoss();
-  const auto& handler = isFinal ? handlers.invalidation : handlers.interruption;
+  if (!handlers) return;
+  if (!isFinal && handlers->linkLoss) handlers->linkLoss();
+  const auto& handler = isFinal ? handlers->invalidation : handlers->interruption;
   if (handler) handler();
 }
 

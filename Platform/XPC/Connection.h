@@ -56,8 +56,9 @@ class Connection final : public ReadinessHandler,
     std::function<void()> invalidation;
   };
 
-  // `socket` is the accepted one, or invalid: the others connect when they need to.
-  Connection(Dialer::Target target, UniqueFd socket);
+  // One that connects when it needs to, and one that was accepted.
+  explicit Connection(Dialer::Target target);
+  explicit Connection(UniqueFd accepted);
 
   void exportInterface(NSXPCInterface interface);
   void exportObject(std::shared_ptr<NSObject> object);
@@ -115,8 +116,8 @@ class Connection final : public ReadinessHandler,
   };
 
   struct Ends {
-    Handlers handlers;
-    std::shared_ptr<void> keepAlive;  // of an accepted connection, or of one that only drains
+    std::unique_ptr<Handlers> handlers;  // null: none is set
+    std::shared_ptr<void> keepAlive;     // of an accepted connection, or of one that only drains
   };
 
   // These are called with mutex_ held; those that take the lock release it for a while.
@@ -159,7 +160,7 @@ class Connection final : public ReadinessHandler,
   PendingCalls::Blocks endedCalls(std::uint64_t end);
   void announceEnd(bool isFinal);
 
-  const dispatch_queue_t queue_;
+  const dispatch_queue_t queue_ = dispatch_queue_create("NSXPCConnection", DISPATCH_QUEUE_SERIAL);
   ExportedObject exported_;
 
   std::mutex mutex_;

@@ -18,14 +18,14 @@ struct ConnectVisitor {
   Connected operator()(const Dialer::Endpoint& target) const {
     return connectTo("/proc/self/fd/" + std::to_string(target.endpoint->descriptor()));
   }
-  Connected operator()(const Dialer::Accepted&) const { return {}; }
 };
 
 }  // namespace
 
 std::pair<std::shared_ptr<Link>, ConnectOutcome> Dialer::dial() {
+  if (!dialing_) return {nullptr, ConnectOutcome::refused};
   if (restLeft() > Delay::zero()) return {nullptr, ConnectOutcome::tryLater};
-  Connected connected = std::visit(ConnectVisitor(), target_);
+  Connected connected = std::visit(ConnectVisitor(), dialing_->target);
   if (connected.outcome != ConnectOutcome::connected) return {nullptr, connected.outcome};
   auto link = linkFor(std::move(connected.socket));
   if (isNamed()) link->askForSender();
@@ -33,25 +33,25 @@ std::pair<std::shared_ptr<Link>, ConnectOutcome> Dialer::dial() {
 }
 
 Dialer::Delay Dialer::restLeft() const {
-  const auto left = restUntil_ - std::chrono::steady_clock::now();
+  const auto left = dialing_->restUntil - std::chrono::steady_clock::now();
   return std::max(std::chrono::ceil<Delay>(left), Delay::zero());
 }
 
 void Dialer::restAfterFault() {
-  restUntil_ = std::chrono::steady_clock::now() + restAfterFaults;
+  if (dialing_) dialing_->restUntil = std::chrono::steady_clock::now() + restAfterFaults;
 }
 
 void Dialer::handOver(Link& link) {
-  for (OutgoingFrame& frame : unsent_) link.append(std::move(frame));
-  unsent_.clear();
-  unsent_.shrink_to_fit();
+  for (OutgoingFrame& frame : dialing_->unsent) link.append(std::move(frame));
+  dialing_->unsent.clear();
+  dialing_->unsent.shrink_to_fit();
 }
 
 std::uint64_t Dialer::processNumber(pid_t sender) {
   const auto process = SenderProcess::of(sender);
-  if (!process || process != lastProcess_) ++lastProcessNumber_;
-  lastProcess_ = process;
-  return lastProcessNumber_;
+  if (!process || process != dialing_->lastProcess) ++dialing_->lastProcessNumber;
+  dialing_->lastProcess = process;
+  return dialing_->lastProcessNumber;
 }
 
 }  // namespace Platform

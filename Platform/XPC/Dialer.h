@@ -25,13 +25,13 @@ class Dialer {
   struct Endpoint {
     EndpointRef endpoint;
   };
-  struct Accepted {};  // its one link was there from the start
-  using Target = std::variant<Named, Endpoint, Accepted>;
+  using Target = std::variant<Named, Endpoint>;
   using Delay = std::chrono::milliseconds;
 
-  explicit Dialer(Target target) : target_(std::move(target)) {}
+  Dialer() = default;  // of an accepted connection, whose one link was there from the start
+  explicit Dialer(Target target) : dialing_(new Dialing{std::move(target)}) {}
 
-  bool isNamed() const { return std::holds_alternative<Named>(target_); }
+  bool isNamed() const { return dialing_ && std::holds_alternative<Named>(dialing_->target); }
 
   std::shared_ptr<Link> linkFor(UniqueFd socket) {
     return std::make_shared<Link>(++lastLink_, std::move(socket));
@@ -44,24 +44,32 @@ class Dialer {
   void restAfterFault();
 
   // Frames that wait for a link, while somebody will dial again for them.
-  bool isTrying() const { return isTrying_; }
-  void setTrying(bool isTrying) { isTrying_ = isTrying; }
-  void keep(OutgoingFrame&& frame) { unsent_.push_back(std::move(frame)); }
+  bool isTrying() const { return dialing_ && dialing_->isTrying; }
+  void setTrying(bool isTrying) {
+    if (dialing_) dialing_->isTrying = isTrying;
+  }
+  void keep(OutgoingFrame&& frame) { dialing_->unsent.push_back(std::move(frame)); }
   void handOver(Link& link);
-  void dropUnsent() { unsent_.clear(); }
+  void dropUnsent() {
+    if (dialing_) dialing_->unsent.clear();
+  }
 
   // The number of the process that the kernel names as a sender: the same as the last one's exactly
   // when it is the same process.
   std::uint64_t processNumber(pid_t sender);
 
  private:
-  const Target target_;
+  struct Dialing {
+    const Target target;
+    std::vector<OutgoingFrame> unsent = {};
+    bool isTrying = false;
+    std::chrono::steady_clock::time_point restUntil = {};
+    std::optional<SenderProcess> lastProcess = {};
+    std::uint64_t lastProcessNumber = 0;
+  };
+
   std::uint64_t lastLink_ = 0;
-  std::vector<OutgoingFrame> unsent_;
-  bool isTrying_ = false;
-  std::chrono::steady_clock::time_point restUntil_;
-  std::optional<SenderProcess> lastProcess_;
-  std::uint64_t lastProcessNumber_ = 0;
+  std::unique_ptr<Dialing> dialing_;  // accepted connections, a service's many, do without
 };
 
 }  // namespace Platform

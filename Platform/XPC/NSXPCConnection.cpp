@@ -7,15 +7,14 @@
 namespace Platform {
 
 std::shared_ptr<NSXPCConnection> NSXPCConnection::initWithMachServiceName(const Text& name) {
-  return std::make_shared<NSXPCConnection>(
-      std::make_shared<Connection>(Dialer::Named{name}, UniqueFd()));
+  return std::make_shared<NSXPCConnection>(std::make_shared<Connection>(Dialer::Named{name}));
 }
 
 std::shared_ptr<NSXPCConnection> NSXPCConnection::initWithListenerEndpoint(
     std::shared_ptr<NSXPCListenerEndpoint> endpoint) {
   if (!endpoint) stopProcess(ExitStatus::software);
   return std::make_shared<NSXPCConnection>(
-      std::make_shared<Connection>(Dialer::Endpoint{std::move(endpoint)}, UniqueFd()));
+      std::make_shared<Connection>(Dialer::Endpoint{std::move(endpoint)}));
 }
 
 NSXPCConnection::NSXPCConnection(std::shared_ptr<Connection> connection)

@@ -118,8 +118,8 @@ class NSXPCListener::Acceptor final : public ReadinessHandler,
         return;
       }
       if (!delegate || !listener || !isPeerOfThisUser(socket.get())) continue;
-      delegate->listener(listener, std::make_shared<NSXPCConnection>(std::make_shared<Connection>(
-                                       Dialer::Accepted{}, std::move(socket))));
+      delegate->listener(listener, std::make_shared<NSXPCConnection>(
+                                       std::make_shared<Connection>(std::move(socket))));
     }
     schedule();
   }
