@@ -46,6 +46,7 @@ class Reply {
   }
 
   explicit operator bool() const { return block_ != nullptr; }
+  friend bool operator==(const Reply& reply, std::nullptr_t) { return !reply; }
   // There must be a block.
   void operator()(Values... values) const { block_->call(std::forward<Values>(values)...); }
 
