@@ -1,6 +1,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/file.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 
 #include <atomic>
@@ -206,6 +207,11 @@ TEST_F(Connections, LetHandlersAndReplyBlocksWaitForAnswers) {
 
 // Each handler waits for one that waits, until there is no thread to answer the next.
 TEST_F(Connections, RefuseTheCallForWhichNoThreadIsLeftAndGoOn) {
+  rlimit limit{};
+  ::getrlimit(RLIMIT_NOFILE, &limit);
+  if (limit.rlim_max < 4096) GTEST_SKIP() << "each of the connections takes two descriptors";
+  limit.rlim_cur = limit.rlim_max;
+  ::setrlimit(RLIMIT_NOFILE, &limit);
   std::atomic<int> waiting = 0;
   std::vector<NSXPCConnectionError> errors;
   service->onEcho = [&] {
