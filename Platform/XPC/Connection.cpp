@@ -172,6 +172,8 @@ void Connection::flush() {
   if (link_->hasUnsent()) {
     const Outbox::Result result = link_->flush();
     if (result == Outbox::Result::tryLater) scheduleTurnAfter(retryDelay, &Turn::retriesSending);
+    // With the last answer a link that is half shut ends, whoever has sent it.
+    if (result == Outbox::Result::done && link_->state == Link::State::halfShut) scheduleTurn();
     if (result == Outbox::Result::broken) {
       // What the peer sent before it went is still to be read, and then the end.
       link_->dropUnsent();
