@@ -370,7 +370,7 @@ TEST_F(Connections, TellBothFormsOfCallWhenTheAnswerCannotCome) {
   std::promise<void> invalidated;
   std::promise<NSXPCConnectionError> lost;
   connection->setInvalidationHandler([&] { invalidated.set_value(); });
-  service->onEcho = [&] { service->last()->invalidate(); };
+  service->onEcho = [host = service.get()] { host->last()->invalidate(); };
   connection->remoteObjectProxyWithErrorHandler<Peer>([&](auto error) { lost.set_value(error); })
       ->echo(1, [](Value) { FAIL() << "the peer had gone"; });
   EXPECT_EQ(lost.get_future().get(), NSXPCConnectionError::invalid);
