@@ -198,8 +198,9 @@ std::string textFromDate(NSDate date) {
     std::string candidate = std::string(text) + (fraction + 1) + "Z";
     if (fraction[0] == '0' && dateFromText(candidate) == date) return candidate;
   }
-  const auto number = std::to_chars(text, std::end(text), seconds);
-  return "@" + std::string(text, number.ptr);
+  text[0] = '@';
+  const auto number = std::to_chars(text + 1, std::end(text), seconds);
+  return std::string(text, number.ptr);
 }
 
 std::optional<NSDate> dateFromText(const std::string& text) {
