@@ -20,7 +20,7 @@ TasksKeep::~TasksKeep() {
 }
 
 void DispatchQueue::async(Task&& task) {
-  if (currentKeep && currentKeep->kept_) {
+  if (currentKeep) {
     task = [kept = currentKeep->kept_, inner = std::move(task)]() mutable { inner(); };
   }
   // Behind what others have appended, if this thread can know of it: else there is no order.

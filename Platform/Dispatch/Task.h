@@ -17,7 +17,7 @@ namespace Platform {
 class Task {
  public:
   Task() = default;
-  // From anything that can be called without arguments; null pointers to functions are none.
+  // From anything that can be called without arguments.
   template <class Callable>
   requires(!std::same_as<std::remove_cvref_t<Callable>, Task> &&
            std::invocable<std::decay_t<Callable>&>) Task(Callable&& callable) {
@@ -41,7 +41,6 @@ class Task {
   }
   ~Task() { reset(); }
 
-  explicit operator bool() const { return does_ != nullptr; }
   // There must be something to call.
   void operator()() { does_->call(place_); }
   void reset() noexcept {
@@ -73,6 +72,7 @@ class Task {
     other.does_->move(other.place_, place_);
     does_ = std::exchange(other.does_, nullptr);
   }
+
   const Table* does_ = nullptr;
   alignas(void*) std::byte place_[room];
 };

@@ -29,7 +29,6 @@ class SmallVector {
   T* end() { return data() + size_; }
   const T* begin() const { return data(); }
   const T* end() const { return data() + size_; }
-  T& operator[](std::size_t index) { return data()[index]; }
 
   void push_back(T item) {
     if (size_ < few) {

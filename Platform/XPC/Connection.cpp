@@ -172,8 +172,9 @@ void Connection::flush() {
   if (link_->hasUnsent()) {
     const Outbox::Result result = link_->flush();
     if (result == Outbox::Result::tryLater) scheduleTurnAfter(retryDelay, &Turn::retriesSending);
-    // With the last answer a link that is half shut ends, whoever has sent it.
-    if (result == Outbox::Result::done && link_->state == Link::State::halfShut) scheduleTurn();
+    // A link that is half shut, or only drains, ends with its last byte, whoever has sent it.
+    const bool isLast = link_->state == Link::State::halfShut || phase_ == Phase::draining;
+    if (result == Outbox::Result::done && isLast) scheduleTurn();
     if (result == Outbox::Result::broken) {
       // What the peer sent before it went is still to be read, and then the end.
       link_->dropUnsent();

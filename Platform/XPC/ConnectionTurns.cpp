@@ -205,7 +205,9 @@ void Connection::deliverInbox(Lock& lock) {
 void Connection::deliverAll(std::vector<Frame>& frames, const Origin& origin) {
   const ClosingTogether dropped;
   inbox_.isDelivering = true;
-  std::ranges::all_of(frames, [&](Frame& frame) { return deliverOrEnd(frame, origin); });
+  for (Frame& frame : frames) {
+    if (!deliverOrEnd(frame, origin)) break;
+  }
   inbox_.isDelivering = false;
   frames.clear();
 }
