@@ -120,17 +120,6 @@ std::string decompose(std::string_view validUtf8) {
   return decomposer.finish();
 }
 
-std::size_t keyedHash(std::string_view bytes) {
-  // Made at first use: texts are made before `main`, too.
-  static const KeyedHash::Key key = [] {
-    KeyedHash::Key random;
-    // So few bytes never come short.
-    if (::getrandom(&random, sizeof random, 0) < 0) stopProcess(ExitStatus::software);
-    return random;
-  }();
-  return static_cast<std::size_t>(KeyedHash::of(bytes, key));
-}
-
 }  // namespace
 
 Text::Text(std::string validUtf8, std::size_t asciiLength) : bytes_(std::move(validUtf8)) {
@@ -138,7 +127,16 @@ Text::Text(std::string validUtf8, std::size_t asciiLength) : bytes_(std::move(va
     std::string canonical = decompose(bytes_);
     if (canonical != bytes_) canonical_ = std::make_shared<const std::string>(std::move(canonical));
   }
-  if (!bytes_.empty()) hash_ = keyedHash(this->canonical());
+}
+
+std::size_t Text::hash() const {
+  static const KeyedHash::Key key = [] {
+    KeyedHash::Key random;
+    // So few bytes never come short.
+    if (::getrandom(&random, sizeof random, 0) < 0) stopProcess(ExitStatus::software);
+    return random;
+  }();
+  return static_cast<std::size_t>(KeyedHash::of(canonical(), key));
 }
 
 bool Text::isUtf8(std::string_view bytes) {

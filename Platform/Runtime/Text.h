@@ -38,11 +38,9 @@ class Text {
   bool isEmpty() const { return bytes_.empty(); }
 
   // Equal for equal texts, within this process; another one has other hashes.
-  std::size_t hash() const { return hash_; }
+  std::size_t hash() const;
 
-  friend bool operator==(const Text& a, const Text& b) {
-    return a.hash_ == b.hash_ && a.canonical() == b.canonical();
-  }
+  friend bool operator==(const Text& a, const Text& b) { return a.canonical() == b.canonical(); }
   // An order for sorted containers: by the canonical form's bytes, not a language's collation.
   friend std::strong_ordering operator<=>(const Text& a, const Text& b) {
     return a.canonical() <=> b.canonical();
@@ -55,7 +53,6 @@ class Text {
 
   std::string bytes_;
   std::shared_ptr<const std::string> canonical_;  // null: bytes_ is canonical already
-  std::size_t hash_ = 0;                          // of the empty text, too
 };
 
 // A text in the source. The literal must be UTF-8; one that is not stops the process.
@@ -63,7 +60,8 @@ Text operator""_text(const char* literal, std::size_t length);
 
 }  // namespace Platform
 
+// Not noexcept, so that a table keeps each entry's hash rather than makes it anew.
 template <>
 struct std::hash<Platform::Text> {
-  std::size_t operator()(const Platform::Text& text) const noexcept { return text.hash(); }
+  std::size_t operator()(const Platform::Text& text) const { return text.hash(); }
 };
