@@ -63,6 +63,7 @@ class SmallVector {
                  std::make_move_iterator(few_.begin() + static_cast<std::ptrdiff_t>(size_)));
   }
   void take(SmallVector& other) {
+    if (empty() && other.empty()) return;
     const std::size_t before = size_;
     size_ = std::exchange(other.size_, 0);
     if (size_ > few) {

@@ -139,15 +139,16 @@ NSDate Decoder::date() {
 
 EndpointRef Decoder::endpoint() {
   const auto start = rest_;
-  const auto read = head();
-  if (!read) return nullptr;
-  if (read->major == Major::tag && read->argument == Wire::endpointTag) {
-    const auto index = head();
-    if (index && index->major == Major::unsignedInteger) return endpointAt(index->argument);
+  std::uint64_t tag;
+  if (takeShortHead(Major::tag, tag) && tag == Wire::endpointTag) {
+    // An index that is not short is not of a descriptor: there are not so many.
+    std::uint64_t index;
+    if (takeShortHead(Major::unsignedInteger, index)) return endpointAt(index);
     malformed();
     return nullptr;
   }
-  passOver(start);
+  rest_ = start;
+  if (head()) passOver(start);
   return nullptr;
 }
 

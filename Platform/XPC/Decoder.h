@@ -108,20 +108,20 @@ class Decoder {
   };
 
   std::optional<Head> head();
-  // The head of an item of that type, if one comes and its argument is small: most are.
+  // The head of an item of that type, if one comes and its argument is below 65,536: most are.
   bool takeShortHead(Wire::Major major, std::uint64_t& argument) {
-    if (rest_.size() < 2) return false;
+    if (rest_.empty()) return false;
     const auto low =
         static_cast<std::uint8_t>(std::to_integer<std::uint8_t>(rest_[0]) - Wire::firstByte(major));
-    if (low < Wire::oneByteFollows) {
-      argument = low;
-      rest_ = rest_.subspan(1);
-      return true;
-    }
-    const auto next = std::to_integer<std::uint8_t>(rest_[1]);
-    if (low != Wire::oneByteFollows || next < Wire::oneByteFollows) return false;
-    argument = next;
-    rest_ = rest_.subspan(2);
+    const bool isHere = low < Wire::oneByteFollows;
+    const std::size_t width = isHere ? 0 : std::size_t{low} - Wire::oneByteFollows + 1;
+    if (width > 2 || width >= rest_.size()) return false;
+    argument = low;
+    if (!isHere) argument = std::to_integer<std::uint8_t>(rest_[1]);
+    if (width == 2) argument = argument << 8 | std::to_integer<std::uint8_t>(rest_[2]);
+    // In its shortest form.
+    if (argument < (width == 2 ? 0x100 : isHere ? 0 : Wire::oneByteFollows)) return false;
+    rest_ = rest_.subspan(1 + width);
     return true;
   }
   // The argument of an item of that type. 0 for another, and when there is none.

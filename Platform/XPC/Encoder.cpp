@@ -1,7 +1,10 @@
 #include "Platform/XPC/Encoder.h"
 
+#include <endian.h>
+
 #include <array>
 #include <bit>
+#include <cstring>
 #include <limits>
 #include <utility>
 
@@ -11,7 +14,8 @@ namespace Platform {
 namespace {
 
 void storeLittleEndian(std::byte* out, std::size_t number) {
-  for (int i = 0; i < 4; ++i) out[i] = static_cast<std::byte>(number >> (8 * i));
+  const std::uint32_t bytes = htole32(static_cast<std::uint32_t>(number));
+  std::memcpy(out, &bytes, sizeof bytes);
 }
 
 }  // namespace
@@ -36,10 +40,9 @@ void Encoder::longHead(Wire::Major major, std::uint64_t argument) {
 }
 
 void Encoder::item(std::uint8_t firstByte, std::uint64_t argument, std::size_t width) {
-  std::array<std::byte, 9> bytes;
-  bytes[0] = std::byte{firstByte};
-  for (std::size_t i = width; i > 0; --i, argument >>= 8)
-    bytes[i] = static_cast<std::byte>(argument);
+  std::array<std::byte, 1 + sizeof argument> bytes{std::byte{firstByte}};
+  const std::uint64_t bigEndian = htobe64(argument << (8 * (sizeof argument - width)));
+  std::memcpy(bytes.data() + 1, &bigEndian, sizeof bigEndian);
   frame_.bytes.append(std::span(bytes).first(width + 1));
 }
 

@@ -1,15 +1,18 @@
 #include "Platform/XPC/FrameReader.h"
 
+#include <endian.h>
+
 #include <algorithm>
+#include <cstring>
 #include <utility>
 
 namespace Platform {
 namespace {
 
 std::size_t loadLittleEndian(const std::byte* bytes) {
-  std::uint32_t number = 0;
-  for (int i = 3; i >= 0; --i) number = number << 8 | std::to_integer<std::uint32_t>(bytes[i]);
-  return number;
+  std::uint32_t number;
+  std::memcpy(&number, bytes, sizeof number);
+  return le32toh(number);
 }
 
 // What may wait for the rest of its frame: a whole frame's worth, and two more receives', since one
