@@ -164,7 +164,8 @@ void Connection::updateInterest() {
   const bool hasListener = exported_.isThere() || calls_.anyHasBlocks();
   link_->isReadByPool = !calls_.anyWaits() && (hasListener || link_->isReadByPool);
   const bool onlyToSend = isLookedAfter && link_->hasWatch();
-  link_->watchFor(onlyToSend ? EPOLLERR | EPOLLOUT : eventsOfInterest(), weak_from_this());
+  const std::uint32_t events = onlyToSend ? EPOLLERR | EPOLLOUT : eventsOfInterest();
+  if (!link_->isWatchedFor(events)) link_->watchFor(events, weak_from_this());
 }
 
 void Connection::flush() {

@@ -116,15 +116,13 @@ void Link::stopReceiving() {
   ::shutdown(socket_.get(), SHUT_RD);
 }
 
-bool Link::watchFor(std::uint32_t events, const std::weak_ptr<ReadinessHandler>& handler) {
-  if (events == watched_.events) return hasWatch();
+void Link::watchFor(std::uint32_t events, const std::weak_ptr<ReadinessHandler>& handler) {
   watched_.events = events;
   if (watched_.watch) {
     watched_.watch.setEvents(events | EPOLLONESHOT);
   } else {
     watched_.watch = WorkerPool::shared().watch(socket_.get(), events | EPOLLONESHOT, handler);
   }
-  return hasWatch();
 }
 
 }  // namespace Platform

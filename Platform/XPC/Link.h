@@ -94,12 +94,13 @@ class Link {
   bool hasLostUnsent() const { return outbox_.hasLost(); }
   void rest() { outbox_.rest(); }
 
-  // Watches the socket for `events`, once; the handler's connection is told of one. False when the
-  // system has no watch to give.
-  bool watchFor(std::uint32_t events, const std::weak_ptr<ReadinessHandler>& handler);
+  // Watches the socket for `events`, once; the handler's connection is told of one. There is no
+  // watch afterwards when the system has none to give.
+  void watchFor(std::uint32_t events, const std::weak_ptr<ReadinessHandler>& handler);
   void watchHasTold() { watched_.events = 0; }
   bool hasWatch() const { return static_cast<bool>(watched_.watch); }
   bool isWatched() const { return watched_.events != 0; }
+  bool isWatchedFor(std::uint32_t events) const { return watched_.events == events; }
 
   bool isOverShare() const { return share.isOver(outbox_.load()); }
   bool hasRoomAgain() const { return share.hasRoomAgain(outbox_.load()); }

@@ -16,10 +16,10 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <unordered_map>
 
 #include "Platform/Dispatch/DispatchQueue.h"
 #include "Platform/Runtime/Text.h"
@@ -79,7 +79,7 @@ class StandingRegistrations : public std::enable_shared_from_this<StandingRegist
 
   std::mutex mutex_;
   // Protected by mutex_:
-  std::unordered_map<Text, Entry> entries_;
+  std::map<Text, Entry> entries_;
   std::uint64_t lastNumber_ = 0;
   std::unique_ptr<ServiceWatch> watch_;  // null while the service is there
   bool isDue_ = false;                   // `check` comes soon
