@@ -99,6 +99,10 @@ Status run(int count, char** arguments) {
   if (words.size() < chosen->fewestWords || words.size() > chosen->mostWords) {
     fail(Status::usage, "its usage is: " + usage(*chosen) + ".");
   }
+  if (!words.empty() && words[0].starts_with('-')) {
+    fail(Status::usage, "it has no option " + Platform::escaped(words[0]) +
+                            ": an identifier that begins so is typed with \\x2d.");
+  }
   if (!words.empty()) {
     request.identifier = typed(words[0], "the identifier");
     words.erase(words.begin());

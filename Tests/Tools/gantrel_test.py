@@ -71,7 +71,7 @@ class Gantrel(AgentTestCase):
 
     def test_lists_a_thousand_entries_whatever_they_are_called_and_who_serves_them(self):
         connection = Connection(self.path)
-        names = [f"n{i:04}" for i in range(997)] + ["", "\0\t\x1b[31m\\", "cafe\u0301"]
+        names = [f"n{i:04}" for i in range(996)] + ["$(>hole)", "", "\0\t\x1b[31m\\", "cafe\u0301"]
         for name in names:
             self.assertTrue(self.register(connection, name))
         self.assertTrue(eventually(lambda: "cafe\u0301" in open(self.log, encoding="utf-8").read()))
@@ -88,6 +88,12 @@ class Gantrel(AgentTestCase):
         self.assertEqual({tuple(row[1:]) for row in rows}, {("served", str(os.getpid()), name, "-")})
         listed = json.loads(self.run_tool("list", "--json", "--log", self.log)[1])
         self.assertEqual({entry["identifier"] for entry in listed}, set(names))
+        completed = subprocess.run(
+            ["bash", "-c", r"""program=$0 log=$2; _init_completion() { words=(gantrel find) cword=2 cur='\$'; }
+             __ltrim_colon_completions() { :; }; gantrel() { "$program" "$@" --log "$log"; }
+             source "$1"; _gantrel; echo "${COMPREPLY[@]}" """, GANTREL, SOURCE + "/Packaging/completion/gantrel", self.log],
+            cwd=self.folder, stdout=subprocess.PIPE).stdout
+        self.assertEqual((completed, os.path.exists(self.folder + "/hole")), (b"\\$\\(\\>hole\\)\n", False))
         # Looking has not connected: nobody waits to be accepted. What is shown can be typed.
         self.socket.setblocking(False)
         self.assertRaises(BlockingIOError, self.socket.accept)
@@ -145,6 +151,7 @@ class Gantrel(AgentTestCase):
         for status, sentence, *arguments in [
             (1, "nothing is registered as no.x1b", "find", "no\\x1b"),
             (4, "refused", "call", MAIN_APP, "unknown:"),
+            (64, "no option --bogus", "call", "--bogus", MAIN_APP, FETCH),
             (4, "refused", "call", MAIN_APP, FETCH + "x:", "1"),
             (7, "--log FILE", "list", "--log", self.folder),
             (7, "No such file", "monitor", "--log", "/nowhere"),
