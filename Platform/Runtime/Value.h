@@ -27,8 +27,8 @@ class Value {
   using Array = std::vector<Value>;
   using Dictionary = std::map<Text, Value>;
 
-  Value() = default;  // nil
-  Value(bool boolean) : content_(boolean) {}
+  Value() = default;                                             // nil
+  Value(std::same_as<bool> auto boolean) : content_(boolean) {}  // a pointer is none
   template <std::integral Integer>
   requires(!std::same_as<Integer, bool>) Value(Integer integer) {
     // One form for one number, so that equal integers are equal values: negative ones are signed.

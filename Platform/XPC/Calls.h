@@ -15,6 +15,7 @@
 // resumption. To wait for a future on the connection's own queue is to wait for ever.
 #pragma once
 
+#include <concepts>
 #include <coroutine>
 #include <cstddef>
 #include <functional>
@@ -24,7 +25,6 @@
 #include <tuple>
 #include <type_traits>
 #include <utility>
-#include <variant>
 
 #include "Platform/XPC/NSXPCConnection.h"
 
@@ -34,22 +34,21 @@ namespace Platform {
 template <class T>
 class CallResult {
  public:
-  CallResult(T value) : content_(std::in_place_index<0>, std::move(value)) {}
-  CallResult(NSXPCConnectionError error) : content_(std::in_place_index<1>, error) {}
+  CallResult(T value) : value_(std::move(value)) {}
+  CallResult(NSXPCConnectionError error) : error_(error) {}
 
-  explicit operator bool() const { return content_.index() == 0; }
-  std::optional<NSXPCConnectionError> error() const {
-    return *this ? std::nullopt : std::optional(std::get<1>(content_));
-  }
+  explicit operator bool() const { return value_.has_value(); }
+  std::optional<NSXPCConnectionError> error() const { return error_; }
   // Without an answer these stop the process.
-  T& operator*() & noexcept { return std::get<0>(content_); }
-  const T& operator*() const& noexcept { return std::get<0>(content_); }
-  T&& operator*() && noexcept { return std::get<0>(std::move(content_)); }
+  T& operator*() & noexcept { return value_.value(); }
+  const T& operator*() const& noexcept { return value_.value(); }
+  T&& operator*() && noexcept { return std::move(value_).value(); }
   T* operator->() noexcept { return &**this; }
   const T* operator->() const noexcept { return &**this; }
 
  private:
-  std::variant<T, NSXPCConnectionError> content_;
+  std::optional<T> value_;
+  std::optional<NSXPCConnectionError> error_;  // one of the two
 };
 
 namespace Detail {
@@ -65,6 +64,24 @@ template <class Value>
 struct AnswerOf<Reply<Value>> {
   using Type = std::remove_cvref_t<Value>;
 };
+
+template <class To, class From>
+concept Fitting = std::convertible_to<From, To> &&
+    (!std::is_arithmetic_v<To> || requires(From from) { To{from}; });
+
+// Whether a call of the method takes these.
+template <auto Member, class... Given>
+consteval bool fits() {
+  using Traits = MethodTraits<decltype(Member)>;
+  if constexpr (sizeof...(Given) == Traits::valueCount) {
+    return []<std::size_t... I>(std::index_sequence<I...>) {
+      return (Fitting<std::tuple_element_t<I, typename Traits::ArgumentTuple>, Given> && ...);
+    }
+    (std::index_sequence_for<Given...>());
+  } else {
+    return false;
+  }
+}
 
 // Ends one call, once: when nobody has, as the last of its blocks goes.
 template <class Result>
@@ -150,6 +167,9 @@ class [[nodiscard]] Call {
 // A call of the method on the object that the connection's peer exports, which must not be null.
 template <auto Member, class... Arguments>
 Call<Member> call(std::shared_ptr<NSXPCConnection> connection, Arguments&&... arguments) {
+  static_assert(Detail::fits<Member, Arguments...>(),
+                "the arguments are the method's, without its reply block, and a number is of the "
+                "argument's type or of one that always fits in it");
   return {std::move(connection), {std::forward<Arguments>(arguments)..., nullptr}};
 }
 

@@ -55,6 +55,13 @@ class Delphi final : public NSObject, public Oracle, public NSXPCListenerDelegat
   std::vector<Reply<>> waiting_;
 };
 
+static_assert(Detail::fits<&Oracle::divide, int, const std::int64_t&>());
+static_assert(!Detail::fits<&Oracle::divide, double, int>());
+static_assert(!Detail::fits<&Oracle::divide, std::uint64_t, int>());
+static_assert(!Detail::fits<&Oracle::divide, int>() &&
+              !Detail::fits<&Oracle::knows, const char*>());
+static_assert(!std::constructible_from<Value, const char*>);
+
 // The least that a coroutine needs: it begins at once, and its frame goes at its end.
 struct Coroutine {
   struct promise_type {
