@@ -85,7 +85,7 @@ void encode(Encoder& encoder, const Text& text);
 void encode(Encoder& encoder, const Data& data);
 void encode(Encoder& encoder, const NSDate& date);
 void encode(Encoder& encoder, const EndpointRef& endpoint);
-// Stops the process for an object that is not an endpoint, and for a value nested too deeply.
+// Stops the process for an object that is not an endpoint.
 void encode(Encoder& encoder, const Value& value);
 
 void decode(Decoder& decoder, bool& boolean);

@@ -8,8 +8,6 @@
 #include <limits>
 #include <utility>
 
-#include "Platform/Runtime/Stop.h"
-
 namespace Platform {
 namespace {
 
@@ -57,10 +55,11 @@ void Encoder::endpoint(const EndpointRef& endpoint) {
   frame_.endpoints.push_back(endpoint);
 }
 
-void Encoder::enter(Wire::Major major, std::size_t count, std::size_t items) {
-  if (++depth_ > Wire::deepestNesting) stopProcess(ExitStatus::software);
+bool Encoder::enter(Wire::Major major, std::size_t count, std::size_t items) {
+  if (++depth_ > Wire::deepestNesting) frame_.isTooDeep = true;
   frame_.items += items;
   head(major, count);
+  return !frame_.isTooDeep;
 }
 
 OutgoingFrame&& Encoder::finish() {

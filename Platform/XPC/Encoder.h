@@ -21,11 +21,12 @@ using EndpointRef = std::shared_ptr<NSXPCListenerEndpoint>;
 struct OutgoingFrame {
   SmallVector<std::byte, 192> bytes;
   SmallVector<EndpointRef, 1> endpoints;
-  std::size_t items = 0;  // in the arrays and maps of its values
+  std::size_t items = 0;   // in the arrays and maps of its values
+  bool isTooDeep = false;  // and then not whole
 
-  // False when it is larger than the wire allows.
+  // False when it is larger, or nested deeper, than the wire allows.
   bool isSendable() const {
-    return bytes.size() - Wire::headerSize <= Wire::mostPayloadBytes &&
+    return !isTooDeep && bytes.size() - Wire::headerSize <= Wire::mostPayloadBytes &&
            endpoints.size() <= Wire::mostDescriptors && items <= Wire::mostItems;
   }
 };
@@ -58,18 +59,15 @@ class Encoder {
   void endpoint(const EndpointRef& endpoint);  // nil when null
   void nil() { simple(Wire::nullByte); }
 
-  // A value's array of `count` items, or map of `count` entries, which `write` writes. Stops the
-  // process when it is nested too deeply.
+  // A value's array of `count` items, or map of `count` entries, which `write` writes.
   template <std::invocable Write>
   void array(std::size_t count, Write write) {
-    enter(Wire::Major::array, count, count);
-    write();
+    if (enter(Wire::Major::array, count, count)) write();
     --depth_;
   }
   template <std::invocable Write>
   void map(std::size_t count, Write write) {
-    enter(Wire::Major::map, count, 2 * count);
-    write();
+    if (enter(Wire::Major::map, count, 2 * count)) write();
     --depth_;
   }
 
@@ -79,7 +77,7 @@ class Encoder {
  private:
   void longHead(Wire::Major major, std::uint64_t argument);
   void item(std::uint8_t firstByte, std::uint64_t argument, std::size_t width);
-  void enter(Wire::Major major, std::size_t count, std::size_t items);
+  bool enter(Wire::Major major, std::size_t count, std::size_t items);
 
   OutgoingFrame frame_;
   int depth_ = 0;  // of arrays and maps, in the value at hand

@@ -65,7 +65,7 @@ class NSXPCConnection final : public NSObject {
 
   // Waits, on the calling thread, until everything that was sent before is on its way: the peer
   // gets it even if this process ends. False when the limit is reached before, or the connection
-  // ends.
+  // ends. A message of more than the wire takes is not sent, and not waited for.
   bool waitUntilSent(std::chrono::milliseconds limit);
 
   // Inside a reply block of a named connection: the number of the service's process that sent this

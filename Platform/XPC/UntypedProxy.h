@@ -1,6 +1,6 @@
 // UntypedProxy: a peer's exported object whose interface is known at run time only, as tools need
 // it. Selector and arguments are taken as they come; the peer refuses what it does not know.
-// A message that is larger than the wire takes is refused before it is sent.
+// A message that is larger, or nested deeper, than the wire takes is refused before it is sent.
 #pragma once
 
 #include <chrono>
@@ -14,14 +14,14 @@
 
 namespace Platform {
 
-// A value; it keeps the connection alive. Any thread. The objects in the arguments are endpoints,
-// and nothing is nested deeper than Wire.h allows: else the process stops.
+// A value; it keeps the connection alive. Any thread. The objects in the arguments are endpoints:
+// else the process stops.
 class UntypedProxy {
  public:
   explicit UntypedProxy(std::shared_ptr<NSXPCConnection> connection)
       : connection_(std::move(connection)) {}
 
-  // Whether a message with these is not larger than the wire takes.
+  // Whether the wire takes a message with these.
   static bool isSendable(std::string_view selector, const Array& arguments) {
     Encoder encoder = NSXPCConnection::beginMessage(selector);
     encodeAll(encoder, arguments);

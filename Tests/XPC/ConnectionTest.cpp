@@ -118,6 +118,7 @@ TEST_F(Connections, CarryEveryKindOfValueAndKeepEndpointsConnectable) {
   Value deepest = NSDate{1};
   for (int depth = 0; depth < Wire::deepestNesting; ++depth) deepest = Array{deepest};
   EXPECT_EQ(ask(connection, deepest), deepest);
+  EXPECT_EQ(ask(connection, Array{deepest}), Value());
 
   const Value answer = ask(connection, Array{service->endpoint(), service->endpoint()});
   ASSERT_TRUE(answer.asArray() && answer.asArray()->size() == 2);
