@@ -16,7 +16,8 @@ Another one asks the agent for the identifier, connects, and calls.
         with gantrel.connect(endpoint) as greeter:
             print(*greeter.call("greet:reply:", "Ada", timeout=5))
 
-`call` gives the list of the answer's values; `send` waits for no answer. A value is None, a bool, an int of 64 bits,
+`call` gives the list of the answer's values; `send` waits for no answer. A function answers with a value, or with a
+tuple of several or none. A value is None, a bool, an int of 64 bits,
 a float, a str, bytes, a Date, an Endpoint, a list of values or a dict of them by texts. An answer that cannot be had
 is an Error: Gone (nobody is there, or no longer), Refused (the peer does not know the call, or not with such
 arguments) or TimedOut. An agent that has ended remembers nothing: register again. Objects belong to one thread at a
@@ -168,7 +169,8 @@ class Connection:
         try:
             self._channel.send(message, descriptors, deadline)
         except TimeoutError:
-            self.close()  # part of the message may have gone
+            if self._channel.is_cut_off:
+                self.close()
             raise TimedOut("the peer did not read in time") from None
         except OSError as error:
             self.close()
@@ -220,7 +222,7 @@ class Connection:
             result = function(*arguments)
         except Refused:
             return None
-        except Exception:
+        except BaseException:  # an exit, too, is of the function, and not of who has called it
             _logger.exception("%s failed", selector)
             return None
         return result if isinstance(result, tuple) else (result,)

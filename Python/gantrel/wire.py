@@ -20,7 +20,7 @@ MESSAGE, CALL, REPLY, REFUSAL = range(4)
 
 MOST_BYTES = 1 << 28  # of a payload
 MOST_DESCRIPTORS = 253  # of a frame
-MOST_ITEMS = 1 << 20  # of all arguments or values, with those inside them
+MOST_ITEMS = 1 << 20  # in all arrays and maps of the arguments or values
 DEEPEST = 32  # arrays and maps within an argument or value
 
 _DATE, _ENDPOINT = 1, 18245  # tags
@@ -62,7 +62,7 @@ class _Encoder:
         self.out += number.to_bytes(1 << code, "big")
 
     def item(self, item: Item, depth: int) -> None:
-        self.items += depth >= 0
+        self.items += depth > 0
         if depth > DEEPEST or self.items > MOST_ITEMS:
             raise ValueError("too deep, or too many items, for a message")
         if item is None or isinstance(item, bool):
@@ -130,7 +130,7 @@ class _Decoder:
         return first, number
 
     def item(self, depth: int) -> Item:
-        self.items += depth >= 0
+        self.items += depth > 0
         if depth > DEEPEST or self.items > MOST_ITEMS:
             raise Malformed("too deep, or too many items")
         first, number = self.head()
@@ -216,6 +216,7 @@ class Channel:
 
     def __init__(self, connected: socket.socket) -> None:
         self.socket = connected
+        self.is_cut_off = False  # a message that was to be sent
         self._received = bytearray()
         self._descriptors = array.array("i")  # received, and not yet taken by a frame
 
@@ -241,8 +242,10 @@ class Channel:
             time.sleep(_ROOM_AGAIN)
             self._limit(deadline)
         if sent < len(frame):
+            self.is_cut_off = True
             self._limit(deadline)
             self.socket.sendall(memoryview(frame)[sent:])
+            self.is_cut_off = False
 
     def receive(self, deadline: Optional[float] = None) -> Optional[tuple[list[Item], list[int]]]:
         """The next message, and its descriptors, which are the caller's from then on; none at the end of the

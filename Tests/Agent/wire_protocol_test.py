@@ -3,6 +3,7 @@
 import logging
 import os
 import subprocess
+import sys
 import threading
 import unittest
 
@@ -31,7 +32,7 @@ class OnTheWire(AgentTestCase):
         listener, client = self.listen(echo=lambda value: value, both=lambda: ("one", 2))
         values = [[None, True, False, [], {}, "", b"\xff", 0.0, -1.5, gantrel.Date(-1e9), {"caf\u00e9": {"": []}}],
                   [0, 23, 24, 255, 256, 65535, 65536, (1 << 32) - 1, 1 << 32, (1 << 64) - 1, -1, -24, -25, -1 << 63]]
-        for value in *values, "x" * (20 * MIB), [["deep"]] * 1000:
+        for value in *values, "x" * (20 * MIB), [["deep"]] * 1000, [None] * (1 << 20):
             [echoed] = client.call("echo:", value, timeout=PATIENCE)
             self.assertEqual((echoed, repr(echoed)), (value, repr(value)))
         self.assertEqual(client.call("both:"), ["one", 2])
@@ -39,7 +40,7 @@ class OnTheWire(AgentTestCase):
         self.assertEqual(gantrel.connect(endpoint).call("echo:", 7), [7])
         for value, error, sentence in [
             (1 << 64, ValueError, "range"), ({"\u00e9": 1, "e\u0301": 2}, ValueError, "same text"),
-            ([None] * (1 << 20), ValueError, "too many"), (object(), TypeError, "object"), ([{1: 2}], TypeError, "key"),
+            ([None] * ((1 << 20) + 1), ValueError, "too many"), (object(), TypeError, "object"), ([{1: 2}], TypeError, "key"),
         ]:
             self.assertRaisesRegex(error, sentence, client.send, "echo:", value)
         self.assertEqual(client.call("echo:", 8), [8])
@@ -48,8 +49,8 @@ class OnTheWire(AgentTestCase):
         logging.disable()
         self.addCleanup(logging.disable, logging.NOTSET)
         answer = threading.Event()
-        listener, client = self.listen(fail=lambda: 1 / 0, strange=object, text=repr, slow=lambda: answer.wait(PATIENCE))
-        for call in ["unknown:"], ["fail:"], ["fail:", "one too many"], ["strange:"]:
+        listener, client = self.listen(fail=lambda: 1 / 0, leave=sys.exit, strange=object, text=repr, slow=lambda: answer.wait(PATIENCE))
+        for call in ["unknown:"], ["fail:"], ["leave:"], ["fail:", "one too many"], ["strange:"]:
             with self.assertRaises(gantrel.Refused):
                 client.call(*call)
         stranger = Connection(f"/proc/self/fd/{listener.endpoint.fileno()}")
@@ -57,6 +58,7 @@ class OnTheWire(AgentTestCase):
         self.assertEqual(stranger.receive(), ([REFUSAL, 1], []), "the descriptor is no endpoint")
         stranger.send_raw(frame([4, "a", []]))
         self.assertEqual(stranger.receive_to_end(), b"")
+        self.assertRaises(gantrel.TimedOut, client.send, "text:", 1, timeout=0)  # and nothing was sent
         with self.assertRaises(gantrel.TimedOut):
             client.call("slow:", timeout=0.1)
         answer.set()
