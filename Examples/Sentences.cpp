@@ -9,6 +9,7 @@
 #include "Platform/Foundation/NSBundle.h"
 #include "Platform/Runtime/Escaped.h"
 #include "Platform/Runtime/RuntimeDirectory.h"
+#include "Platform/Runtime/StandardStreams.h"
 #include "Platform/Workspace/NSRunningApplication.h"
 #include "Platform/XPC/NamedService.h"
 #include "Platform/XPC/Socket.h"
@@ -43,8 +44,10 @@ void say(const std::string& line) {
 
 void sayText(const std::string& lines) {
   if (std::fputs(lines.c_str(), stdout) >= 0 && std::fflush(stdout) == 0) return;
+  const int error = errno;
+  if (error == EPIPE) endByBrokenPipe();
   // At once: other threads may be at work, and nothing is left that this process is for.
-  std::_Exit(complain(std::string("its output cannot be written: ") + std::strerror(errno) + "."));
+  std::_Exit(complain(std::string("its output cannot be written: ") + std::strerror(error) + "."));
 }
 
 int complain(const std::string& sentence) {

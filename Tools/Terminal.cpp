@@ -11,6 +11,7 @@
 #include <string_view>
 
 #include "Platform/Runtime/Escaped.h"
+#include "Platform/Runtime/StandardStreams.h"
 
 namespace Gantrel_Sync_Helper {
 
@@ -70,7 +71,9 @@ bool isTerminal() {
 void printText(const std::string& text) {
   const bool isTaken = std::fwrite(text.data(), 1, text.size(), stdout) == text.size();
   if (isTaken && std::fflush(stdout) == 0) return;
-  complain(std::string("standard output cannot be written: ") + std::strerror(errno) + ".");
+  const int error = errno;
+  if (error == EPIPE) endByBrokenPipe();
+  complain(std::string("standard output cannot be written: ") + std::strerror(error) + ".");
   std::_Exit(static_cast<int>(Status::unwritten));  // other threads may be at work
 }
 

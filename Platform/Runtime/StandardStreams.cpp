@@ -11,8 +11,16 @@
 #include "Platform/Runtime/Stop.h"
 
 namespace Platform {
+namespace {
+
+bool pipeSignalIsIgnored = false;  // by whoever started the process
+
+}  // namespace
 
 void openStandardStreams() {
+  struct sigaction atStart;
+  ::sigaction(SIGPIPE, nullptr, &atStart);
+  pipeSignalIsIgnored = atStart.sa_handler == SIG_IGN;
   for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
     if (::fcntl(stream, F_GETFD) >= 0) continue;
     // The lowest free number is the one that is taken.
@@ -30,9 +38,18 @@ void endWhenNobodyReads() {
       told = ::poll(&output, 1, -1);
     } while (told < 0 && errno == EINTR);
     if (told <= 0) return;
-    ::kill(::getpid(), SIGPIPE);
+    endByBrokenPipe();
     ::_exit(1);
   });
+}
+
+void endByBrokenPipe() {
+  sigset_t signal;
+  ::sigemptyset(&signal);
+  ::sigaddset(&signal, SIGPIPE);
+  ::pthread_sigmask(SIG_UNBLOCK, &signal, nullptr);
+  if (!pipeSignalIsIgnored) ::signal(SIGPIPE, SIG_DFL);
+  ::raise(SIGPIPE);  // this thread's, so that it is taken at once
 }
 
 }  // namespace Platform

@@ -14,4 +14,9 @@ void openStandardStreams();
 // silent for long. Any thread, once.
 void endWhenNobodyReads();
 
+// To be called when a write has found nobody to read: ends the process by SIGPIPE, which threads of
+// this layer block and libraries ignore. Returns where whoever started the process has it ignored.
+// Any thread.
+void endByBrokenPipe();
+
 }  // namespace Platform

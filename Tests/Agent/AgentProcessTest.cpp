@@ -217,6 +217,8 @@ TEST_F(Agents, LeadToAMainApplicationAlsoWhenTheLastToRegisterHasEnded) {
   const auto [status, output, errors] = run({menuApp, "upcoming", "--wait"});
   EXPECT_EQ(std::tuple(status, errors), std::tuple(0, ""));
   EXPECT_NE(output.find(" (2035)  Weekly planning (weekly)\n"), std::string::npos) << output;
+  const std::string unread = "exec 3> >(:); wait $!; \"$0\" upcoming >&3; exit $?";
+  EXPECT_EQ(run({"bash", "-c", unread, menuApp}), std::tuple(128 + SIGPIPE, "", ""));
   first.signal(SIGSTOP);
   expectComplaint({menuApp, "upcoming"}, "runs, but has not answered for 5 seconds");
   agent.signal(SIGSTOP);
