@@ -23,7 +23,7 @@ namespace {
   switch (error) {
     case NSXPCConnectionError::refused:
       fail(Status::refused, who + " has refused: it knows no " + escaped(selector) +
-                                ", or not with these arguments.");
+                                ", or not with these arguments, or its method gave no answer.");
     case NSXPCConnectionError::timedOut:
       fail(Status::notInTime, who + " runs, but did not answer in time.");
     default:
