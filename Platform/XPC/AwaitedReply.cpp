@@ -25,26 +25,31 @@ AwaitedReply::Limit AwaitedReply::limitHere() {
   return scopeHere ? scopeHere->limit_ : std::nullopt;
 }
 
-bool AwaitedReply::begin() {
-  return !hasBegun_ && !hasBegun_.exchange(true);
-}
-
 void AwaitedReply::end() {
+  if (std::this_thread::get_id() == waiter_) {
+    hasEndedHere_ = true;
+    return;
+  }
   const std::lock_guard lock(mutex_);
-  isOver_ = true;
-  ended_.notify_one();
+  hasEnded_ = true;
+  ended_.notify_one();  // under the lock: without it the waiter may be gone
 }
 
-void AwaitedReply::wait(Limit limit) {
-  if (isOver_) return;
+bool AwaitedReply::endsWithin(Limit limit) {
+  if (hasEndedHere_) return true;
   std::unique_lock lock(mutex_);
-  constexpr std::chrono::milliseconds longest = std::chrono::hours(24 * 365);
   const WorkerPool::BlockingRegion waiting;
-  const auto isOver = [this] { return isOver_.load(); };
-  const bool isGivenUp =
-      !waiting || (limit && !ended_.wait_for(lock, std::min(*limit, longest), isOver));
-  if (isGivenUp && !hasBegun_.exchange(true)) return;
-  ended_.wait(lock, isOver);
+  if (!waiting) return hasEnded_;
+  constexpr std::chrono::milliseconds longest = std::chrono::hours(24 * 365);
+  const auto hasEnded = [this] { return hasEnded_; };
+  if (limit) return ended_.wait_for(lock, std::min(*limit, longest), hasEnded);
+  ended_.wait(lock, hasEnded);
+  return true;
+}
+
+void AwaitedReply::waitForEnd() {
+  std::unique_lock lock(mutex_);
+  ended_.wait(lock, [this] { return hasEnded_; });
 }
 
 }  // namespace Platform

@@ -14,6 +14,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <thread>
 #include <utility>
 
 #include "Platform/XPC/NSXPCInterface.h"
@@ -41,49 +42,64 @@ class AwaitedReply {
   static bool isWaitingHere();
   static Limit limitHere();  // none outside
 
-  // True once: then the answer may be written, before `end`. Any thread.
-  bool begin();
+  AwaitedReply() = default;
+  AwaitedReply(const AwaitedReply&) = delete;
+  AwaitedReply& operator=(const AwaitedReply&) = delete;
+
+  // Once, on any thread, as the last that is done with this object.
   void end();
-  // Returns after `end`, or when the limit is reached and nobody has begun; then nobody will. Any
-  // thread.
-  void wait(Limit limit);
+
+  // Both on the thread that made it. False when it has not ended within the limit, or may not be
+  // waited for so long: then it still may.
+  bool endsWithin(Limit limit);
+  void waitForEnd();
 
  private:
-  std::atomic<bool> hasBegun_ = false;
-  std::atomic<bool> isOver_ = false;  // set with mutex_ held, for who waits
+  const std::thread::id waiter_ = std::this_thread::get_id();
+  bool hasEndedHere_ = false;  // on the waiter's thread, which alone reads and writes it
   std::mutex mutex_;
   std::condition_variable ended_;
+  bool hasEnded_ = false;  // elsewhere; protected by mutex_
 };
 
 // None when the reply block went without having been called, or not within the limit.
 template <class Value, class Call>
 std::optional<Value> awaitReply(Call call, AwaitedReply::Limit limit = std::nullopt) {
-  struct Awaited {
-    AwaitedReply reply;
+  struct Awaited : AwaitedReply {
     std::optional<Value> value;
   };
+  // Whoever takes the awaited out of its block, which only one can, ends it, or gives it up.
   class Block final : public Reply<Value>::Block {
    public:
-    explicit Block(std::shared_ptr<Awaited> awaited) : answer_(std::move(awaited)) {}
+    explicit Block(Awaited& awaited) : awaited_(&awaited) {}
     ~Block() override {
-      if (answer_->reply.begin()) answer_->reply.end();
+      if (Awaited* const awaited = take()) awaited->end();
     }
     void call(Value value) override {
-      if (!answer_->reply.begin()) return;
-      answer_->value = std::move(value);
-      answer_->reply.end();
+      Awaited* const awaited = take();
+      if (!awaited) return;
+      awaited->value = std::move(value);
+      awaited->end();
     }
+    Awaited* take() { return awaited_.exchange(nullptr); }
 
    private:
-    const std::shared_ptr<Awaited> answer_;
+    std::atomic<Awaited*> awaited_;
   };
-  const auto answer = std::make_shared<Awaited>();
+  Awaited awaited;
+  std::weak_ptr<Block> weakBlock;
   {
     const AwaitedReply::Scope scope(limit);
-    call(Reply<Value>(std::make_shared<Block>(answer)));
+    auto block = std::make_shared<Block>(awaited);
+    weakBlock = block;
+    call(Reply<Value>(std::move(block)));
   }
-  answer->reply.wait(limit);
-  return std::move(answer->value);
+  if (!awaited.endsWithin(limit)) {
+    const auto block = weakBlock.lock();
+    if (block && block->take()) return std::nullopt;
+    awaited.waitForEnd();
+  }
+  return std::move(awaited.value);
 }
 
 }  // namespace Platform
