@@ -57,36 +57,37 @@ void EndPointHandler::connect(ErrorBlock onError) {
   agentConnection()->resume();
 }
 
-void EndPointHandler::registerEndpoint(const EndpointRef& endpoint, const Text& identifier,
-                                       Reply<bool> reply) {
+void EndPointHandler::registerEndpoint(EndpointRef endpoint, Text identifier, Reply<bool> reply) {
   if (const auto proxy = remoteObjectProxy()) {
-    proxy->registerListenerEndpoint(endpoint, identifier, std::move(reply));
+    proxy->registerListenerEndpoint(std::move(endpoint), std::move(identifier), std::move(reply));
   }
 }
 
-void EndPointHandler::retrieveEndpoint(const Text& identifier,
-                                       Reply<std::optional<EndpointRef>> reply) {
+void EndPointHandler::retrieveEndpoint(Text identifier, Reply<std::optional<EndpointRef>> reply) {
   if (const auto proxy = remoteObjectProxy()) {
-    proxy->retrieveListenerEndpoint(identifier, std::move(reply));
+    proxy->retrieveListenerEndpoint(std::move(identifier), std::move(reply));
   }
 }
 
-void EndPointHandler::removeEndpoint(const Text& identifier) {
-  if (const auto proxy = remoteObjectProxy()) proxy->removeListenerEndpoint(identifier);
+void EndPointHandler::removeEndpoint(Text identifier) {
+  if (const auto proxy = remoteObjectProxy()) proxy->removeListenerEndpoint(std::move(identifier));
 }
 
-std::optional<bool> EndPointHandler::registerWithin(const EndpointRef& endpoint,
-                                                    const Text& identifier,
+std::optional<bool> EndPointHandler::registerWithin(EndpointRef endpoint, Text identifier,
                                                     std::optional<Milliseconds> limit) {
   return awaitReply<bool>(
-      [&](Reply<bool> reply) { registerEndpoint(endpoint, identifier, std::move(reply)); }, limit);
+      [&](Reply<bool> reply) {
+        registerEndpoint(std::move(endpoint), std::move(identifier), std::move(reply));
+      },
+      limit);
 }
 
-std::optional<EndpointRef> EndPointHandler::retrieveWithin(const Text& identifier,
+std::optional<EndpointRef> EndPointHandler::retrieveWithin(Text identifier,
                                                            std::optional<Milliseconds> limit) {
   using Found = std::optional<EndpointRef>;
   const auto answer = awaitReply<Found>(
-      [&](Reply<Found> reply) { retrieveEndpoint(identifier, std::move(reply)); }, limit);
+      [&](Reply<Found> reply) { retrieveEndpoint(std::move(identifier), std::move(reply)); },
+      limit);
   return answer ? Found(answer->value_or(nullptr)) : std::nullopt;
 }
 

@@ -13,6 +13,7 @@
 #include <chrono>
 #include <memory>
 #include <optional>
+#include <utility>
 
 #include "Platform/Runtime/Text.h"
 #include "Platform/XPC/NSXPCConnection.h"
@@ -55,42 +56,40 @@ class EndPointHandler {
   // The messages of EndPointHandling. Of the reply block and the error block one is called; when
   // the handle goes first, and nobody else holds its proxy or connection, both are dropped
   // uncalled. What was sent before still leaves. Without a proxy they do nothing.
-  void registerEndpoint(const Platform::EndpointRef& endpoint, const Platform::Text& identifier,
+  void registerEndpoint(Platform::EndpointRef endpoint, Platform::Text identifier,
                         Platform::Reply<bool> reply);
-  void retrieveEndpoint(const Platform::Text& identifier,
+  void retrieveEndpoint(Platform::Text identifier,
                         Platform::Reply<std::optional<Platform::EndpointRef>> reply);
-  void removeEndpoint(const Platform::Text& identifier);
+  void removeEndpoint(Platform::Text identifier);
 
   // The same, waiting for the answer on the calling thread, which may be any, for `limit` at most,
   // or without end. None when there is no answer by then: the agent is not there, went away or
   // refused, or there is no proxy. Any proxy must call the reply block or drop it. Also what was
   // registered without an answer is registered when the agent is there again, until it is removed.
-  std::optional<bool> registerEndpoint(const Platform::EndpointRef& endpoint,
-                                       const Platform::Text& identifier) {
-    return registerWithin(endpoint, identifier, std::nullopt);
+  std::optional<bool> registerEndpoint(Platform::EndpointRef endpoint, Platform::Text identifier) {
+    return registerWithin(std::move(endpoint), std::move(identifier), std::nullopt);
   }
   template <class Rep, class Period>
-  std::optional<bool> registerEndpoint(const Platform::EndpointRef& endpoint,
-                                       const Platform::Text& identifier,
+  std::optional<bool> registerEndpoint(Platform::EndpointRef endpoint, Platform::Text identifier,
                                        std::chrono::duration<Rep, Period> limit) {
-    return registerWithin(endpoint, identifier, std::chrono::ceil<Milliseconds>(limit));
+    return registerWithin(std::move(endpoint), std::move(identifier),
+                          std::chrono::ceil<Milliseconds>(limit));
   }
   // The inner value is null when nothing is stored under the identifier.
-  std::optional<Platform::EndpointRef> retrieveEndpoint(const Platform::Text& identifier) {
-    return retrieveWithin(identifier, std::nullopt);
+  std::optional<Platform::EndpointRef> retrieveEndpoint(Platform::Text identifier) {
+    return retrieveWithin(std::move(identifier), std::nullopt);
   }
   template <class Rep, class Period>
-  std::optional<Platform::EndpointRef> retrieveEndpoint(const Platform::Text& identifier,
+  std::optional<Platform::EndpointRef> retrieveEndpoint(Platform::Text identifier,
                                                         std::chrono::duration<Rep, Period> limit) {
-    return retrieveWithin(identifier, std::chrono::ceil<Milliseconds>(limit));
+    return retrieveWithin(std::move(identifier), std::chrono::ceil<Milliseconds>(limit));
   }
 
  private:
   using Milliseconds = std::chrono::milliseconds;
-  std::optional<bool> registerWithin(const Platform::EndpointRef& endpoint,
-                                     const Platform::Text& identifier,
+  std::optional<bool> registerWithin(Platform::EndpointRef endpoint, Platform::Text identifier,
                                      std::optional<Milliseconds> limit);
-  std::optional<Platform::EndpointRef> retrieveWithin(const Platform::Text& identifier,
+  std::optional<Platform::EndpointRef> retrieveWithin(Platform::Text identifier,
                                                       std::optional<Milliseconds> limit);
 
   std::optional<Platform::Text> serviceName_;

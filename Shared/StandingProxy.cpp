@@ -54,11 +54,11 @@ StandingProxy::StandingProxy(const std::shared_ptr<NSXPCConnection>& connection,
 
 void StandingProxy::registerListenerEndpoint(EndpointRef endpoint, Text identifier,
                                              Reply<bool> completionHandler) {
-  const std::uint64_t number = registrations_->note(endpoint, identifier);
-  agent_->registerListenerEndpoint(std::move(endpoint), identifier,
-                                   [registrations = registrations_, identifier, number,
+  auto noted = registrations_->note(endpoint, identifier);
+  agent_->registerListenerEndpoint(std::move(endpoint), std::move(identifier),
+                                   [registrations = registrations_, noted = std::move(noted),
                                     reply = std::move(completionHandler)](bool stored) {
-                                     registrations->answered(identifier, number);
+                                     registrations->answered(noted);
                                      if (reply) reply(stored);
                                    });
 }

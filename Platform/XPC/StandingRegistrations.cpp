@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdint>
 #include <utility>
 #include <vector>
 
@@ -20,19 +21,28 @@ EndpointRef served(const std::weak_ptr<NSXPCListenerEndpoint>& noted) {
 
 }  // namespace
 
+struct StandingRegistrations::Entry {
+  explicit Entry(const EndpointRef& noted) : endpoint(noted) {}
+
+  const std::weak_ptr<NSXPCListenerEndpoint> endpoint;
+  std::uint64_t process = 0;  // that answered for it last; 0: none has, or one not to be told
+  bool isAsked = false;       // being restored
+
+  bool wasAnsweredBy(std::uint64_t answering) const { return process != 0 && process == answering; }
+};
+
 StandingRegistrations::StandingRegistrations(Text name, Service service)
     : name_(std::move(name)),
       service_(std::move(service)),
       queue_(dispatch_queue_create("StandingRegistrations", DISPATCH_QUEUE_SERIAL)) {}
 
-std::uint64_t StandingRegistrations::note(const EndpointRef& endpoint, const Text& identifier) {
-  if (!endpoint) return 0;  // will be refused, and changes nothing
+StandingRegistrations::Noted StandingRegistrations::note(const EndpointRef& endpoint,
+                                                         const Text& identifier) {
+  if (!endpoint) return nullptr;
+  Noted entry = std::make_shared<Entry>(endpoint);
   const std::lock_guard lock(mutex_);
-  Entry& entry = entries_[identifier];
-  entry.endpoint = endpoint;
-  entry.number = ++lastNumber_;
-  entry.isAsked = false;
-  return entry.number;
+  entries_.insert_or_assign(identifier, entry);
+  return entry;
 }
 
 void StandingRegistrations::forget(const Text& identifier) {
@@ -40,18 +50,17 @@ void StandingRegistrations::forget(const Text& identifier) {
   entries_.erase(identifier);
 }
 
-void StandingRegistrations::answered(const Text& identifier, std::uint64_t number) {
+void StandingRegistrations::answered(const Noted& noted) {
+  if (!noted) return;
   const std::lock_guard lock(mutex_);
-  const auto entry = entries_.find(identifier);
-  if (entry == entries_.end() || entry->second.number != number) return;
-  entry->second.process = NSXPCConnection::answeringProcess();
-  entry->second.isAsked = false;
+  noted->process = NSXPCConnection::answeringProcess();
+  noted->isAsked = false;
 }
 
 void StandingRegistrations::serviceIsAway() {
   const std::lock_guard lock(mutex_);
   if (!dropEnded()) return;
-  for (auto& [identifier, entry] : entries_) entry.isAsked = false;
+  for (const auto& [identifier, entry] : entries_) entry->isAsked = false;
   // Watched first, asked then: so it cannot appear unseen in between.
   if (!watch_) {
     watch_ = std::make_unique<ServiceWatch>(name_, queue_, [weak = weak_from_this()] {
@@ -72,7 +81,7 @@ void StandingRegistrations::serviceIsAway() {
 
 // Whether anything is left. Called with mutex_ held.
 bool StandingRegistrations::dropEnded() {
-  std::erase_if(entries_, [](const auto& entry) { return !served(entry.second.endpoint); });
+  std::erase_if(entries_, [](const auto& entry) { return !served(entry.second->endpoint); });
   if (entries_.empty()) watch_.reset();
   return !entries_.empty();
 }
@@ -83,10 +92,10 @@ void StandingRegistrations::check() {
     const std::lock_guard lock(mutex_);
     if (!dropEnded()) return;
     const bool isUnderWay = std::any_of(entries_.begin(), entries_.end(),
-                                        [](const auto& each) { return each.second.isAsked; });
+                                        [](const auto& each) { return each.second->isAsked; });
     if (isUnderWay) return;
     first = entries_.begin()->first;
-    entries_.begin()->second.isAsked = true;
+    entries_.begin()->second->isAsked = true;
   }
   ask(first, true);
 }
@@ -113,15 +122,15 @@ void StandingRegistrations::take(const Text& identifier, bool isFirst, Outcome o
     if (outcome != Outcome::failed) watch_.reset();
     const std::uint64_t process = NSXPCConnection::answeringProcess();
     const auto entry = entries_.find(identifier);
-    if (entry != entries_.end() && std::exchange(entry->second.isAsked, false)) {
-      if (outcome == Outcome::known) entry->second.process = process;
-      if (outcome == Outcome::unknown && !entry->second.wasAnsweredBy(process)) {
+    if (entry != entries_.end() && std::exchange(entry->second->isAsked, false)) {
+      if (outcome == Outcome::known) entry->second->process = process;
+      if (outcome == Outcome::unknown && !entry->second->wasAnsweredBy(process)) {
         offer(identifier, entry->second);
       }
     }
     if (!isFirst) return;
-    for (auto& [other, its] : entries_) {
-      if (its.wasAnsweredBy(process) || std::exchange(its.isAsked, true)) continue;
+    for (const auto& [other, its] : entries_) {
+      if (its->wasAnsweredBy(process) || std::exchange(its->isAsked, true)) continue;
       others.push_back(other);
     }
   }
@@ -129,22 +138,21 @@ void StandingRegistrations::take(const Text& identifier, bool isFirst, Outcome o
 }
 
 // Sent under the lock, which takes no more than appending it, so that no `forget` comes between.
-void StandingRegistrations::offer(const Text& identifier, Entry& entry) {
-  const EndpointRef endpoint = served(entry.endpoint);
+void StandingRegistrations::offer(const Text& identifier, const Noted& entry) {
+  const EndpointRef endpoint = served(entry->endpoint);
   if (!endpoint) return;
-  entry.isAsked = true;  // until it is answered
-  const auto number = entry.number;
+  entry->isAsked = true;  // until it is answered
   service_.retrieve(
       identifier,
-      [weak = weak_from_this(), identifier, number](const std::optional<EndpointRef>& found) {
+      [weak = weak_from_this(), identifier, entry](const std::optional<EndpointRef>& found) {
         const auto self = weak.lock();
-        if (self && found) self->putBack(*found, identifier, number);
+        if (self && found) self->putBack(*found, identifier, entry);
       },
       {});
   service_.store(
       endpoint, identifier,
-      [weak = weak_from_this(), identifier, number](bool) {
-        if (const auto self = weak.lock()) self->answered(identifier, number);
+      [weak = weak_from_this(), entry](bool) {
+        if (const auto self = weak.lock()) self->answered(entry);
       },
       [weak = weak_from_this(), identifier](NSXPCConnectionError) {
         if (const auto self = weak.lock()) self->take(identifier, false, Outcome::failed);
@@ -152,10 +160,10 @@ void StandingRegistrations::offer(const Text& identifier, Entry& entry) {
 }
 
 void StandingRegistrations::putBack(const EndpointRef& replaced, const Text& identifier,
-                                    std::uint64_t number) {
+                                    const Noted& offered) {
   const std::lock_guard lock(mutex_);
   const auto entry = entries_.find(identifier);
-  if (entry == entries_.end() || entry->second.number != number) return;
+  if (entry == entries_.end() || entry->second != offered) return;
   service_.store(replaced, identifier, {}, {});
 }
 

@@ -14,7 +14,6 @@
 // While the service is there nothing is watched and nothing runs.
 #pragma once
 
-#include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
@@ -40,37 +39,30 @@ class StandingRegistrations : public std::enable_shared_from_this<StandingRegist
         store;
   };
 
+  // One registration, until another takes its identifier.
+  struct Entry;
+  using Noted = std::shared_ptr<Entry>;
+
   StandingRegistrations(Text name, Service service);
 
   // Called before the message that it is about is sent, so that what is sent again never overtakes
   // it. Endpoints are held weakly; those of other processes' listeners are not registered again.
-  // The number is this registration's, for `answered`.
-  std::uint64_t note(const EndpointRef& endpoint, const Text& identifier);
+  // Null for a null endpoint, which will be refused, and changes nothing.
+  Noted note(const EndpointRef& endpoint, const Text& identifier);
   void forget(const Text& identifier);
   // Called inside the registration's reply block.
-  void answered(const Text& identifier, std::uint64_t number);
+  void answered(const Noted& noted);
 
   // The connection was lost, or nobody is there. Does nothing when nothing is noted.
   void serviceIsAway();
 
  private:
   enum class Outcome { known, unknown, failed };
-  struct Entry {
-    std::weak_ptr<NSXPCListenerEndpoint> endpoint;
-    std::uint64_t number = 0;
-    std::uint64_t process = 0;  // that answered for it last; 0: none has, or one not to be told
-    bool isAsked = false;       // being restored
-
-    bool wasAnsweredBy(std::uint64_t answering) const {
-      return process != 0 && process == answering;
-    }
-  };
-
   void check();
   void ask(const Text& identifier, bool isFirst);
   void take(const Text& identifier, bool isFirst, Outcome outcome);
-  void offer(const Text& identifier, Entry& entry);
-  void putBack(const EndpointRef& replaced, const Text& identifier, std::uint64_t number);
+  void offer(const Text& identifier, const Noted& entry);
+  void putBack(const EndpointRef& replaced, const Text& identifier, const Noted& offered);
   bool dropEnded();
 
   const Text name_;
@@ -79,8 +71,7 @@ class StandingRegistrations : public std::enable_shared_from_this<StandingRegist
 
   std::mutex mutex_;
   // Protected by mutex_:
-  std::map<Text, Entry> entries_;
-  std::uint64_t lastNumber_ = 0;
+  std::map<Text, Noted> entries_;        // and what they hold
   std::unique_ptr<ServiceWatch> watch_;  // null while the service is there
   bool isDue_ = false;                   // `check` comes soon
 };
