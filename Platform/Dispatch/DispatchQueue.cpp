@@ -24,20 +24,25 @@ void DispatchQueue::async(Task&& task) {
     task = [kept = currentKeep->kept_, inner = std::move(task)]() mutable { inner(); };
   }
   // Behind what others have appended, if this thread can know of it: else there is no order.
-  if (isCurrent() && !othersWait_.load(std::memory_order_relaxed)) {
+  if (isCurrent() && state_.load(std::memory_order_relaxed) != State::othersWait) {
     next_.push_back(std::move(task));
     return;
   }
-  {
+  State found = State::atRest;
+  if (!state_.compare_exchange_strong(found, State::runs)) {
     const std::lock_guard lock(mutex_);
-    if (inLine_) {
+    found = state_;
+    while (found != State::othersWait) {
+      const State wanted = found == State::atRest ? State::runs : State::othersWait;
+      if (state_.compare_exchange_weak(found, wanted)) break;
+    }
+    if (found != State::atRest) {
       others_.push_back(std::move(task));
-      othersWait_.store(true, std::memory_order_relaxed);
       return;
     }
-    inLine_ = shared_from_this();
-    next_.push_back(std::move(task));
   }
+  inLine_ = shared_from_this();
+  next_.push_back(std::move(task));
   WorkerPool::shared().enqueue(this);
 }
 
@@ -57,17 +62,20 @@ bool DispatchQueue::runWaitingTasks() {
   // A queue keeps room for its next few tasks, not for the longest line it ever had.
   if (running_.capacity() > 64) running_.shrink_to_fit();
   if (!next_.empty()) return true;
-  dispatch_queue_t self;  // may be the last to hold it
+  State found = state_;
+  if (found == State::runs) {
+    // At rest one buffer is enough.
+    next_.swap(running_);
+    running_.shrink_to_fit();
+    const dispatch_queue_t self = std::move(inLine_);  // may be the last to hold it
+    if (state_.compare_exchange_strong(found, State::atRest)) return false;
+    inLine_ = self;
+  }
   const std::lock_guard lock(mutex_);
   next_.swap(others_);
-  othersWait_.store(false, std::memory_order_relaxed);
-  if (!next_.empty()) return true;
-  // At rest one of them is enough, but where many come at a time.
-  next_.swap(running_);
-  running_.shrink_to_fit();
-  if (others_.capacity() < 8) others_.shrink_to_fit();
-  self.swap(inLine_);
-  return false;
+  if (others_.capacity() < 8) others_.shrink_to_fit();  // it stays where many come at a time
+  state_ = State::runs;
+  return true;
 }
 
 dispatch_queue_t dispatch_queue_create(std::string label, DispatchQueueAttribute) {

@@ -53,16 +53,19 @@ class DispatchQueue : public std::enable_shared_from_this<DispatchQueue> {
   // Runs the tasks that wait now, and says whether others have come meanwhile. Pool threads only.
   bool runWaitingTasks();
 
+  // Whoever takes it from `atRest` has the queue: puts it in line, and runs it or has it run. So a
+  // task for a queue at rest takes no lock, nor does one that a task of the queue itself appends.
+  enum class State { atRest, runs, othersWait };
+
   const std::string label_;
-  // Those of the next run, and of this one. Both belong to whoever runs the queue; while nobody
-  // does, to whoever puts it in line. So a task that appends to its own queue takes no lock.
-  std::vector<Task> next_;
-  std::vector<Task> running_;
+  std::atomic<State> state_ = State::atRest;
+  // Of whoever has the queue:
+  std::vector<Task> next_;                 // the next run's
+  std::vector<Task> running_;              // this run's
+  std::shared_ptr<DispatchQueue> inLine_;  // itself, while somebody has it
   std::mutex mutex_;
-  // Protected by mutex_:
-  std::vector<Task> others_;               // appended by other threads meanwhile, behind next_
-  std::shared_ptr<DispatchQueue> inLine_;  // itself, while it is at the pool or runs
-  std::atomic<bool> othersWait_ = false;   // there are others_; also read without the lock
+  // Protected by mutex_, with which the state becomes `othersWait` and ceases to be:
+  std::vector<Task> others_;  // appended by other threads meanwhile, behind next_
 };
 
 using dispatch_queue_t = std::shared_ptr<DispatchQueue>;
