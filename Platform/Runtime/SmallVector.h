@@ -17,7 +17,9 @@ class SmallVector {
   SmallVector() = default;
   SmallVector(SmallVector&& other) noexcept { take(other); }
   SmallVector& operator=(SmallVector&& other) noexcept {
-    if (this != &other) take(other);
+    if (this == &other) return *this;
+    if (!empty()) clear();
+    take(other);
     return *this;
   }
 
@@ -62,19 +64,20 @@ class SmallVector {
     many_.assign(std::make_move_iterator(few_.begin()),
                  std::make_move_iterator(few_.begin() + static_cast<std::ptrdiff_t>(size_)));
   }
+  void clear() {
+    for (std::size_t i = 0; i < std::min(size_, few); ++i) few_[i] = T();
+    many_.clear();
+    size_ = 0;
+  }
+  // There must be nothing here.
   void take(SmallVector& other) {
-    if (empty() && other.empty()) return;
-    const std::size_t before = size_;
     size_ = std::exchange(other.size_, 0);
-    if (size_ > few) {
+    if (size_ <= few) {
+      std::move(other.few_.data(), other.few_.data() + size_, few_.data());
+    } else {
       many_ = std::move(other.many_);
       other.many_.clear();
-    } else {
-      std::move(other.few_.data(), other.few_.data() + size_, few_.data());
-      // What was here before goes at once.
-      if (before > few) many_.clear();
     }
-    for (std::size_t i = size_ > few ? 0 : size_; i < std::min(before, few); ++i) few_[i] = T();
   }
 
   std::array<T, few> few_;

@@ -94,7 +94,7 @@ class Closers {
 
 ForeignDescriptors& ForeignDescriptors::operator=(ForeignDescriptors&& other) noexcept {
   if (this == &other) return *this;
-  close({});
+  if (!descriptors_.empty()) close({});
   descriptors_ = std::move(other.descriptors_);
   taken_ = std::exchange(other.taken_, 0);
   return *this;
