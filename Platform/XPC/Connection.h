@@ -75,7 +75,7 @@ class Connection final : public ReadinessHandler,
   void sendMessage(OutgoingFrame&& frame);
   void sendCall(std::uint64_t serial, OutgoingFrame&& frame, PendingCall call);
   std::optional<Error> waitForCall(std::uint64_t serial, OutgoingFrame&& frame,
-                                   const DecodeReply& onReply, Limit limit);
+                                   const ReplyReader& onReply, Limit limit);
   bool waitUntilSent(std::chrono::milliseconds limit);
 
   void answer(std::uint64_t link, OutgoingFrame&& frame) override;

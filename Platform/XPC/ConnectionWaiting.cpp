@@ -28,7 +28,7 @@ std::chrono::milliseconds timeUntil(Clock::time_point end) {
 
 std::optional<Connection::Error> Connection::waitForCall(std::uint64_t serial,
                                                          OutgoingFrame&& frame,
-                                                         const DecodeReply& onReply, Limit limit) {
+                                                         const ReplyReader& onReply, Limit limit) {
   WaitingCall call{serial};
   ReceiveRoom room;
   ClosingTogether::closeNow();

@@ -78,13 +78,13 @@ void NSXPCConnection::sendMessage(OutgoingFrame&& frame) {
   connection_->sendMessage(std::move(frame));
 }
 
-void NSXPCConnection::sendCall(std::uint64_t serial, OutgoingFrame&& frame, DecodeReply onReply,
+void NSXPCConnection::sendCall(std::uint64_t serial, OutgoingFrame&& frame, ReplyReader onReply,
                                SharedErrorHandler onError) {
   connection_->sendCall(serial, std::move(frame), {std::move(onReply), std::move(onError)});
 }
 
 std::optional<NSXPCConnectionError> NSXPCConnection::waitForCall(
-    std::uint64_t serial, OutgoingFrame&& frame, const DecodeReply& onReply,
+    std::uint64_t serial, OutgoingFrame&& frame, const ReplyReader& onReply,
     std::optional<std::chrono::milliseconds> limit) {
   return connection_->waitForCall(serial, std::move(frame), onReply, limit);
 }

@@ -99,7 +99,6 @@ class NSXPCConnection final : public NSObject {
     bool waits = false;
     std::optional<std::chrono::milliseconds> limit = std::nullopt;  // none: without end
   };
-  using DecodeReply = std::function<void(Decoder&)>;
 
   template <class Interface>
   std::shared_ptr<Interface> proxy(Waiting waiting, NSXPCErrorHandler handler) {
@@ -111,11 +110,11 @@ class NSXPCConnection final : public NSObject {
   static Encoder beginMessage(std::string_view selector);
   Encoder beginCall(std::string_view selector, std::uint64_t& serial);
   void sendMessage(OutgoingFrame&& frame);
-  void sendCall(std::uint64_t serial, OutgoingFrame&& frame, DecodeReply onReply,
+  void sendCall(std::uint64_t serial, OutgoingFrame&& frame, ReplyReader onReply,
                 SharedErrorHandler onError);
   // None when there is an answer, which `onReply` has been given.
   std::optional<NSXPCConnectionError> waitForCall(std::uint64_t serial, OutgoingFrame&& frame,
-                                                  const DecodeReply& onReply,
+                                                  const ReplyReader& onReply,
                                                   std::optional<std::chrono::milliseconds> limit);
 
   const std::shared_ptr<Connection> connection_;
@@ -164,26 +163,24 @@ class RemoteProxy : public Interface {
 
   template <class... Values>
   void call(std::uint64_t serial, OutgoingFrame&& frame, const Reply<Values...>& reply) {
+    ReplyReader onReply{reply.block(), &giveAnswer<Values...>};
     if (!waiting_.waits && !AwaitedReply::isWaitingHere()) {
-      connection_->sendCall(
-          serial, std::move(frame), [reply](Decoder& decoder) { giveAnswer(decoder, reply); },
-          onError_);
+      connection_->sendCall(serial, std::move(frame), std::move(onReply), onError_);
       return;
     }
     const auto limit = waiting_.waits ? waiting_.limit : AwaitedReply::limitHere();
-    const auto error = connection_->waitForCall(
-        serial, std::move(frame), [&reply](Decoder& decoder) { giveAnswer(decoder, reply); },
-        limit);
+    const auto error = connection_->waitForCall(serial, std::move(frame), onReply, limit);
     if (error && onError_) (*onError_)(*error);
   }
 
   template <class... Values>
-  static void giveAnswer(Decoder& decoder, const Reply<Values...>& reply) {
+  static void giveAnswer(Decoder& decoder, void* block) {
     std::tuple<std::remove_cvref_t<Values>...> values;
     if (decoder.array() != sizeof...(Values)) return decoder.wrongClass();
     std::apply([&](auto&... value) { (decode(decoder, value), ...); }, values);
-    if (!decoder.isSound() || !decoder.isAtEnd() || !reply) return;
-    std::apply([&](auto&... value) { reply(std::move(value)...); }, values);
+    if (!decoder.isSound() || !decoder.isAtEnd() || !block) return;
+    auto& reply = *static_cast<typename Reply<Values...>::Block*>(block);
+    std::apply([&](auto&... value) { reply.call(std::move(value)...); }, values);
   }
 
   const std::shared_ptr<NSXPCConnection> connection_;

@@ -10,6 +10,17 @@ void WaitingCall::end(NSXPCConnectionError why) {
   wake.notify_one();
 }
 
+void PendingCalls::add(std::uint64_t serial, PendingCall call) {
+  call.age = ends_;
+  if (spare_) {
+    spare_.key() = serial;
+    spare_.mapped() = std::move(call);
+    blocks_.insert(std::move(spare_));
+  } else {
+    blocks_.emplace(serial, std::move(call));
+  }
+}
+
 bool PendingCalls::giveToWaiting(Frame& frame, const Origin& origin, const WaitingCall* reader) {
   Decoder decoder(frame);
   decoder.array();
@@ -28,10 +39,10 @@ bool PendingCalls::giveToWaiting(Frame& frame, const Origin& origin, const Waiti
 }
 
 std::optional<PendingCall> PendingCalls::take(std::uint64_t serial) {
-  const auto found = blocks_.find(serial);
-  if (found == blocks_.end()) return std::nullopt;
-  PendingCall call = std::move(found->second);
-  blocks_.erase(found);
+  Blocks::node_type ended = blocks_.extract(serial);
+  if (!ended) return std::nullopt;
+  PendingCall call = std::move(ended.mapped());
+  spare_ = std::move(ended);
   return call;
 }
 

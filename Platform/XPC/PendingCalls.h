@@ -7,7 +7,6 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
-#include <functional>
 #include <optional>
 #include <unordered_map>
 #include <vector>
@@ -15,10 +14,9 @@
 #include "Platform/XPC/Codec.h"
 #include "Platform/XPC/Link.h"
 #include "Platform/XPC/NSXPCConnectionError.h"
+#include "Platform/XPC/Reply.h"
 
 namespace Platform {
-
-using DecodeReply = std::function<void(Decoder&)>;
 
 struct WaitingCall {
   const std::uint64_t serial;
@@ -32,7 +30,7 @@ struct WaitingCall {
 };
 
 struct PendingCall {
-  DecodeReply onReply;
+  ReplyReader onReply;
   SharedErrorHandler onError;
   std::uint64_t age = 0;  // how many ends there were before it was made
 };
@@ -44,10 +42,7 @@ class PendingCalls {
 
   std::uint64_t nextSerial() { return ++lastSerial_; }  // any thread
 
-  void add(std::uint64_t serial, PendingCall call) {
-    call.age = ends_;
-    blocks_.emplace(serial, std::move(call));
-  }
+  void add(std::uint64_t serial, PendingCall call);
   void add(WaitingCall& call) { waiting_.push_back(&call); }
   void remove(WaitingCall& call) { std::erase(waiting_, &call); }
 
@@ -71,6 +66,7 @@ class PendingCalls {
  private:
   std::atomic<std::uint64_t> lastSerial_ = 0;
   Blocks blocks_;
+  Blocks::node_type spare_;  // an ended call's place: an answer often leads to the next call
   std::vector<WaitingCall*> waiting_;  // in order of arrival
   std::uint64_t ends_ = 0;
 };

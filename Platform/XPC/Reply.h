@@ -19,6 +19,16 @@ inline constexpr bool isFunction<std::function<Signature>> = true;
 
 }  // namespace Detail
 
+class Decoder;
+
+// A reply block without its type, and how it is called with what a decoder reads.
+struct ReplyReader {
+  std::shared_ptr<void> block;  // null: the answer is read for nobody
+  void (*read)(Decoder& answer, void* block);
+
+  void operator()(Decoder& answer) const { read(answer, block.get()); }
+};
+
 // Anything that can be called with the values of an answer, or nothing. Copies share it. One handed
 // to an exported object's method may be called from any thread, once: a second call is ignored, and
 // one that goes without having been called answers with a refusal.
@@ -47,6 +57,7 @@ class Reply {
 
   explicit operator bool() const { return block_ != nullptr; }
   friend bool operator==(const Reply& reply, std::nullptr_t) { return !reply; }
+  const std::shared_ptr<Block>& block() const { return block_; }
   // There must be a block.
   void operator()(Values... values) const { block_->call(std::forward<Values>(values)...); }
 

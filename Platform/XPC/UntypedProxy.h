@@ -40,12 +40,14 @@ class UntypedProxy {
     std::uint64_t serial;
     Encoder encoder = connection_->beginCall(selector, serial);
     encodeAll(encoder, arguments);
-    const auto onReply = [&answer](Decoder& decoder) {
-      answer.clear();  // and grows with what is there, not with what was promised
+    const auto read = [](Decoder& decoder, void* into) {
+      auto& values = *static_cast<Array*>(into);
+      values.clear();  // and grows with what is there, not with what was promised
       for (auto left = decoder.array(); left > 0 && decoder.isSound(); --left) {
-        decode(decoder, answer.emplace_back());
+        decode(decoder, values.emplace_back());
       }
     };
+    const ReplyReader onReply{std::shared_ptr<void>(std::shared_ptr<void>(), &answer), read};
     return connection_->waitForCall(serial, encoder.finish(), onReply, limit);
   }
 
