@@ -27,7 +27,7 @@
 namespace Platform {
 namespace {
 
-constexpr std::size_t bufferLimit = 4 << 20;  // bytes of waiting messages
+constexpr std::size_t bufferLimit = 8 << 20;  // bytes of waiting lines
 constexpr std::size_t mostKept = 8 << 20;     // bytes that a drained buffer may keep for the next
 constexpr std::size_t alwaysKept = 64 << 10;  // bytes that it keeps without having needed them
 constexpr std::size_t writeSize = 64 << 10;   // bytes that go out in one call
@@ -48,19 +48,21 @@ void clearForReuse(Buffer& buffer) {
 
 struct Record {
   std::chrono::system_clock::time_point time;
-  std::size_t length;  // of the message in Batch::messages
+  std::string_view text;
+  std::size_t length;  // of the value in Batch::values
   std::string_view sourceFile;
   std::string_view function;
   unsigned line;
 };
 
 struct Batch {
-  std::string messages;  // one after the other, without separator
+  std::string values;  // one after the other, without separator
   std::vector<Record> records;
   std::uint64_t dropped = 0;  // lines lost after the last record
 
+  std::size_t size() const { return values.size() + records.size() * sizeof(Record); }
   void clear() {
-    clearForReuse(messages);
+    clearForReuse(values);
     clearForReuse(records);
     dropped = 0;
   }
@@ -94,7 +96,7 @@ std::string_view writeAll(std::string_view bytes) {
 
 class LineFormatter {
  public:
-  void append(std::string& out, const Record& record, std::string_view message) {
+  void append(std::string& out, const Record& record, std::string_view value) {
     const auto sinceEpoch = record.time.time_since_epoch();
     const auto second = std::chrono::floor<std::chrono::seconds>(sinceEpoch);
     if (second.count() != second_) setSecond(second.count());
@@ -102,8 +104,8 @@ class LineFormatter {
     for (std::size_t i = 0; i < 6; ++i, micros /= 10) {
       time_[time_.size() - 3 - i] = static_cast<char>('0' + micros % 10);
     }
-    out.append(time_);
-    appendEscaped(out, message);
+    out.append(time_).append(record.text);
+    appendEscaped(out, value);
     out.append(placeText(record));
   }
 
@@ -145,9 +147,9 @@ class LineFormatter {
 };
 
 // False when the journal did not take the line.
-bool writeToJournal(const Record& record, std::string_view message) {
+bool writeToJournal(const Record& record, std::string_view value) {
   std::string fields[] = {
-      std::string("MESSAGE=").append(message),
+      std::string("MESSAGE=").append(record.text).append(value),
       std::string("PRIORITY=6"),
       std::string("CODE_FILE=").append(record.sourceFile),
       std::string("CODE_FUNC=").append(record.function),
@@ -165,7 +167,7 @@ class Destination {
  public:
   void write(const Batch& batch) {
     tellOfDropped(std::exchange(lost_, 0));
-    std::string_view rest = batch.messages;
+    std::string_view rest = batch.values;
     for (const Record& record : batch.records) {
       writeLine(record, rest.substr(0, record.length));
       rest.remove_prefix(record.length);
@@ -181,21 +183,21 @@ class Destination {
     if (count == 0) return;
     writeOut();
     const std::uint64_t lostBefore = lost_;
-    const std::string message = std::to_string(count) + " log lines dropped";
+    const std::string value = std::to_string(count) + " log lines dropped";
     writeLine(
-        {std::chrono::system_clock::now(), message.size(), "Platform/Runtime/Logger", "info", 0},
-        message);
+        {std::chrono::system_clock::now(), {}, value.size(), "Platform/Runtime/Logger", "info", 0},
+        value);
     writeOut();
     // That line is lost itself: it is to be told later.
     if (lost_ != lostBefore) lost_ = lostBefore + count;
   }
 
-  void writeLine(const Record& record, std::string_view message) {
+  void writeLine(const Record& record, std::string_view value) {
     if (isJournal_) {
-      if (!writeToJournal(record, message)) ++lost_;
+      if (!writeToJournal(record, value)) ++lost_;
       return;
     }
-    formatter_.append(text_, record, message);
+    formatter_.append(text_, record, value);
     if (text_.size() >= writeSize) writeOut();
   }
 
@@ -278,12 +280,12 @@ void Logger::info(const Message& message, std::string_view sourceFile, std::stri
   const std::lock_guard lock(state_->mutex);
   Batch& waiting = state_->waiting;
   if (waiting.dropped != 0 ||
-      (!waiting.records.empty() && waiting.messages.size() + message.size() > bufferLimit)) {
+      (!waiting.records.empty() && waiting.size() + message.value.size() > bufferLimit)) {
     ++waiting.dropped;
     return;
   }
-  waiting.messages.append(message.text).append(message.value);
-  waiting.records.push_back({now, message.size(), sourceFile, function, line});
+  waiting.values.append(message.value);
+  waiting.records.push_back({now, message.text, message.value.size(), sourceFile, function, line});
   if (!state_->writerStarted) {
     state_->writerStarted =
         startBackgroundThread("gantrel-log", [state = state_] { state->writeForever(); });

@@ -10,7 +10,6 @@
 // characters escaped and the time in UTC.
 #pragma once
 
-#include <cstddef>
 #include <string_view>
 
 namespace Platform {
@@ -18,19 +17,17 @@ namespace Platform {
 // All methods: any thread.
 class Logger {
  public:
-  // A fixed text with a value behind it, both UTF-8. They are put together in the logger's buffer:
-  // a value may be large, and a request should not wait for a copy more.
+  // A fixed text with a value behind it, UTF-8. The value is copied into the logger's buffer: it
+  // may be large, and a request should not wait for a copy more.
   struct Message {
     std::string_view text;
     std::string_view value = {};
-
-    std::size_t size() const { return text.size() + value.size(); }
   };
 
   // The one logger of the process. It is never destroyed: threads may log until the very end.
   static Logger& sharedInstance();
 
-  // `sourceFile` and `function` must live as long as the process, as literals do.
+  // All texts but the value must live as long as the process, as literals do.
   void info(const Message& message, std::string_view sourceFile, std::string_view function,
             unsigned line);
 
