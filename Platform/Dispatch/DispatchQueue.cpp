@@ -71,9 +71,11 @@ bool DispatchQueue::runWaitingTasks() {
     if (state_.compare_exchange_strong(found, State::atRest)) return false;
     inLine_ = self;
   }
+  // The larger of the two empty buffers is for those to come; it stays where many come at a time.
+  if (next_.capacity() < running_.capacity()) next_.swap(running_);
+  if (next_.capacity() < 8) next_.shrink_to_fit();
   const std::lock_guard lock(mutex_);
   next_.swap(others_);
-  if (others_.capacity() < 8) others_.shrink_to_fit();  // it stays where many come at a time
   state_ = State::runs;
   return true;
 }
