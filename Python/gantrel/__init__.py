@@ -32,6 +32,7 @@ import fcntl
 import inspect
 import itertools
 import logging
+import math
 import os
 import secrets
 import socket
@@ -50,6 +51,7 @@ __all__ = ["AGENT", "Agent", "Connection", "Date", "Endpoint", "Error", "Exports
 AGENT = "com.gantrel.Gantrel.agent"  # the name of the agent's service
 
 _logger = logging.getLogger(__name__)
+_LONGEST = 365 * 86400.0  # seconds, of a time limit
 _FULL = 0.1  # seconds, after which a listener without room for a connection looks again
 
 
@@ -152,14 +154,18 @@ class Connection:
                   deadline: Optional[float] = None) -> None:
         descriptors: list[int] = []
 
-        def item(value: Sendable) -> wire.Item:
+        def item(value: Sendable, depth: int = 0) -> wire.Item:
+            if depth > wire.DEEPEST:  # or it holds itself
+                raise ValueError("too deep for a message")
             if isinstance(value, Endpoint):
+                if value.fileno() < 0:
+                    raise ValueError("the endpoint is closed")
                 descriptors.append(value.fileno())
                 return wire.Index(len(descriptors) - 1)
             if isinstance(value, Mapping):
-                return {key: item(each) for key, each in value.items()}
+                return {key: item(each, depth + 1) for key, each in value.items()}
             if isinstance(value, Sequence) and not isinstance(value, (str, bytes, bytearray)):
-                return [item(each) for each in value]
+                return [item(each, depth + 1) for each in value]
             return value
 
         if values is not None:
@@ -354,7 +360,11 @@ def _listen(listening: socket.socket) -> Endpoint:
 
 
 def _deadline(timeout: Optional[float]) -> Optional[float]:
-    return None if timeout is None else time.monotonic() + timeout
+    if timeout is None:
+        return None
+    if math.isnan(timeout):
+        raise ValueError("the time limit is no number")
+    return time.monotonic() + min(timeout, _LONGEST)
 
 
 def _values(items: list[wire.Item], descriptors: list[int]) -> list[Value]:

@@ -1,6 +1,7 @@
 """What a client in another language finds true of the agent and of applications: Python's, in Python/gantrel."""
 
 import logging
+import math
 import os
 import subprocess
 import sys
@@ -38,12 +39,16 @@ class OnTheWire(AgentTestCase):
         self.assertEqual(client.call("both:"), ["one", 2])
         [endpoint] = client.call("echo:", listener.endpoint)
         self.assertEqual(gantrel.connect(endpoint).call("echo:", 7), [7])
+        endpoint.close()
+        itself = []
+        itself.append(itself)
         for value, error, sentence in [
-            (1 << 64, ValueError, "range"), ({"\u00e9": 1, "e\u0301": 2}, ValueError, "same text"),
+            (endpoint, ValueError, "closed"), (itself, ValueError, "too deep"), (1 << 64, ValueError, "range"),
+            ({"\u00e9": 1, "e\u0301": 2}, ValueError, "same text"),
             ([None] * ((1 << 20) + 1), ValueError, "too many"), (object(), TypeError, "object"), ([{1: 2}], TypeError, "key"),
         ]:
             self.assertRaisesRegex(error, sentence, client.send, "echo:", value)
-        self.assertEqual(client.call("echo:", 8), [8])
+        self.assertEqual(client.call("echo:", 8, timeout=math.inf), [8])
 
     def test_tells_refusals_from_silence_and_ends(self):
         logging.disable()
