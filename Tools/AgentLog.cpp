@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <fstream>
 #include <string_view>
+#include <system_error>
 #include <thread>
 #include <utility>
 
@@ -154,11 +155,18 @@ class FileLog final : public AgentLog {
 }  // namespace
 
 std::unique_ptr<AgentLog> AgentLog::find(const std::optional<std::string>& path) {
+  std::error_code missing;
+  const auto kind =
+      path ? std::filesystem::status(*path, missing).type() : std::filesystem::file_type::directory;
+  const bool isFile = kind == std::filesystem::file_type::regular;
+  if (!missing && !isFile && kind != std::filesystem::file_type::directory) {
+    fail(Status::noLog, "the log " + escaped(*path) + " is neither a file nor a folder.");
+  }
   if (path && !std::ifstream(*path)) {
     fail(Status::noLog,
          "the log " + escaped(*path) + " cannot be read: " + std::strerror(errno) + ".");
   }
-  if (path && !std::filesystem::is_directory(*path)) return std::make_unique<FileLog>(*path);
+  if (isFile) return std::make_unique<FileLog>(*path);
   sd_journal* journal = nullptr;
   const int error = path ? sd_journal_open_directory(&journal, path->c_str(), 0)
                          : sd_journal_open(&journal, SD_JOURNAL_LOCAL_ONLY);

@@ -4,7 +4,6 @@
 #include <optional>
 #include <utility>
 
-#include "Platform/Runtime/Escaped.h"
 #include "Platform/XPC/UntypedProxy.h"
 #include "Tools/Commands.h"
 #include "Tools/Json.h"
@@ -18,11 +17,11 @@ using namespace Platform;
 namespace {
 
 [[noreturn]] void failWith(NSXPCConnectionError error, const Text& identifier,
-                           const std::string& selector) {
+                           const Text& selector) {
   const std::string who = "whoever serves " + shown(identifier);
   switch (error) {
     case NSXPCConnectionError::refused:
-      fail(Status::refused, who + " has refused: it knows no " + escaped(selector) +
+      fail(Status::refused, who + " has refused: it knows no " + shown(selector) +
                                 ", or not with these arguments, or its method gave no answer.");
     case NSXPCConnectionError::timedOut:
       fail(Status::notInTime, who + " runs, but did not answer in time.");
@@ -32,10 +31,11 @@ namespace {
 }
 
 Status exchange(const Request& request, bool isCall) {
-  const std::string selector = typed(request.words[0], "the selector").utf8();
+  const Text name = typed(request.words[0], "the selector");
+  const std::string& selector = name.utf8();
   const auto colons = static_cast<std::size_t>(std::count(selector.begin(), selector.end(), ':'));
   if (colons != request.words.size() - (isCall ? 0 : 1)) {
-    fail(Status::badArgument, escaped(selector) + " is to have a colon for each argument" +
+    fail(Status::badArgument, shown(name) + " is to have a colon for each argument" +
                                   (isCall ? " and one for the reply block." : ", and no other."));
   }
   Registry registry(request.patience());
@@ -63,7 +63,7 @@ Status exchange(const Request& request, bool isCall) {
     error = proxy.call("", {}, request.patience(), answer);
     if (error == NSXPCConnectionError::refused) return Status::done;
   }
-  if (error) failWith(*error, request.identifier, selector);
+  if (error) failWith(*error, request.identifier, name);
   if (!answer.empty()) {
     print({{jsonFromValue(answer.size() == 1 ? answer[0] : Value(std::move(answer)))}});
   }

@@ -94,7 +94,10 @@ Status run(int count, char** arguments) {
       printText(asked.str());
       return Status::done;
     }
-    fail(Status::usage, Platform::escaped(error.what()) + ": see gantrel --help.");
+    const bool isUnknown = count > 1 && parser.get_subcommands().empty();
+    const std::string problem =
+        isUnknown ? std::string("it has no command or option ") + arguments[1] : error.what();
+    fail(Status::usage, Platform::escaped(problem) + ": see gantrel --help.");
   }
   if (words.size() < chosen->fewestWords || words.size() > chosen->mostWords) {
     fail(Status::usage, "its usage is: " + usage(*chosen) + ".");
