@@ -17,15 +17,13 @@ bool isPlain(char c) {
   return c >= 0x20 && c < 0x7F && c != '\\';
 }
 
-// Each term of the alarm has a byte's high bit set where that byte is not plain; borrows only add
-// false alarms.
+// Each term of the alarm has the high bit set where the byte is not plain.
 bool areAllPlain(std::string_view text) {
-  const std::size_t i = lengthWithoutAlarm(text, [](std::uint64_t word) {
-    constexpr std::uint64_t ones = highBits >> 7;
-    const std::uint64_t backslash = (word ^ ones * '\\') - ones;
-    const std::uint64_t erased = (word ^ ones * 0x7F) - ones;
-    const std::uint64_t control = word - ones * 0x20;
-    return word | backslash | erased | control;
+  const std::size_t i = lengthWithoutAlarm(text, [](std::uint8_t byte) {
+    const int backslash = (byte ^ '\\') - 1;
+    const int erased = (byte ^ 0x7F) - 1;
+    const int control = byte - 0x20;
+    return static_cast<std::uint8_t>(byte | backslash | erased | control);
   });
   return std::all_of(text.begin() + static_cast<std::ptrdiff_t>(i), text.end(), isPlain);
 }

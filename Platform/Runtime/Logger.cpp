@@ -9,12 +9,14 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <mutex>
 #include <string>
@@ -94,56 +96,76 @@ std::string_view writeAll(std::string_view bytes) {
   return bytes;
 }
 
+// Lines differ in their time and their value; what stands before and behind that is made once for
+// each place in the code that logs. A place is literals, and there are few: where they lie tells
+// them apart.
 class LineFormatter {
  public:
   void append(std::string& out, const Record& record, std::string_view value) {
+    Form& form = formOf(record);
     const auto sinceEpoch = record.time.time_since_epoch();
     const auto second = std::chrono::floor<std::chrono::seconds>(sinceEpoch);
-    if (second.count() != second_) setSecond(second.count());
-    auto micros = std::chrono::floor<std::chrono::microseconds>(sinceEpoch - second).count();
-    for (std::size_t i = 0; i < 6; ++i, micros /= 10) {
-      time_[time_.size() - 3 - i] = static_cast<char>('0' + micros % 10);
+    if (second.count() != form.second) setSecond(form, second.count());
+    using std::chrono::microseconds;
+    auto micros = static_cast<std::uint32_t>(
+        std::chrono::duration_cast<microseconds>(sinceEpoch - second).count());
+    char* const fraction = form.head.data() + secondLength;
+    for (std::size_t i = fractionLength; i > 0; micros /= 100) {
+      i -= 2;
+      std::memcpy(fraction + i, twoDigits[micros % 100].data(), 2);
     }
-    out.append(time_).append(record.text);
+    out.append(form.head);
     appendEscaped(out, value);
-    out.append(placeText(record));
+    out.append(form.tail);
   }
 
  private:
-  void setSecond(std::int64_t second) {
-    second_ = second;
+  static constexpr std::string_view noTime = "0000-00-00T00:00:00.000000Z ";
+  static constexpr std::size_t secondLength = noTime.find('.') + 1;
+  static constexpr std::size_t fractionLength = 6;
+  static constexpr auto twoDigits = [] {
+    std::array<std::array<char, 2>, 100> all{};
+    for (std::size_t i = 0; i < all.size(); ++i) {
+      all[i] = {static_cast<char>('0' + i / 10), static_cast<char>('0' + i % 10)};
+    }
+    return all;
+  }();
+
+  struct Form {
+    const char* text;
+    const char* function;
+    unsigned line;
+    std::string head;
+    std::string tail;
+    std::int64_t second = -1;  // that `head` shows
+  };
+
+  static void setSecond(Form& form, std::int64_t second) {
+    form.second = second;
     const auto calendarTime = static_cast<std::time_t>(second);
     std::tm utc{};
     ::gmtime_r(&calendarTime, &utc);
     char text[40];
-    time_.assign(text, std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S.000000Z ", &utc));
+    form.head.replace(0, secondLength, text,
+                      std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S.", &utc));
   }
 
-  // A place is literals, and there are few: where they lie tells them apart.
-  const std::string& placeText(const Record& record) {
-    const auto found = std::ranges::find_if(places_, [&](const Place& place) {
-      return place.function == record.function.data() && place.line == record.line &&
-             place.sourceFile == record.sourceFile.data();
+  Form& formOf(const Record& record) {
+    const auto found = std::ranges::find_if(forms_, [&](const Form& form) {
+      return form.line == record.line && form.function == record.function.data() &&
+             form.text == record.text.data();
     });
-    if (found != places_.end()) return found->text;
-    std::string text = " (";
-    text.append(record.sourceFile).append(":").append(std::to_string(record.line));
-    text.append(" ").append(record.function).append(")\n");
-    places_.push_back(
-        {record.sourceFile.data(), record.function.data(), record.line, std::move(text)});
-    return places_.back().text;
+    if (found != forms_.end()) return *found;
+    Form& form =
+        forms_.emplace_back(Form{record.text.data(), record.function.data(), record.line, {}, {}});
+    form.head.append(noTime).append(record.text);
+    form.tail.append(" (").append(record.sourceFile).append(":");
+    form.tail.append(std::to_string(record.line)).append(" ");
+    form.tail.append(record.function).append(")\n");
+    return form;
   }
 
-  struct Place {
-    const char* sourceFile;
-    const char* function;
-    unsigned line;
-    std::string text;
-  };
-
-  std::int64_t second_ = -1;
-  std::string time_;
-  std::vector<Place> places_;
+  std::vector<Form> forms_;
 };
 
 // False when the journal did not take the line.

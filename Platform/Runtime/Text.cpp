@@ -21,7 +21,7 @@ namespace {
 constexpr UChar32 firstInteresting = 0xC0;
 
 std::size_t asciiPrefixLength(std::string_view bytes) {
-  std::size_t i = lengthWithoutAlarm(bytes, [](std::uint64_t word) { return word; });
+  std::size_t i = lengthWithoutAlarm(bytes, [](std::uint8_t byte) { return byte; });
   while (i < bytes.size() && static_cast<unsigned char>(bytes[i]) < 0x80) ++i;
   return i;
 }
@@ -122,7 +122,9 @@ std::string decompose(std::string_view validUtf8) {
 
 }  // namespace
 
-Text::Text(std::string validUtf8, std::size_t asciiLength) : bytes_(std::move(validUtf8)) {
+void Text::set(std::string validUtf8, std::size_t asciiLength) {
+  bytes_ = std::move(validUtf8);
+  canonical_.reset();
   if (asciiLength != bytes_.size()) {
     std::string canonical = decompose(bytes_);
     if (canonical != bytes_) canonical_ = std::make_shared<const std::string>(std::move(canonical));
@@ -133,7 +135,7 @@ std::size_t Text::hash() const {
   static const KeyedHash::Key key = [] {
     KeyedHash::Key random;
     // So few bytes never come short.
-    if (::getrandom(&random, sizeof random, 0) < 0) stopProcess(ExitStatus::software);
+    if (::getrandom(random.data(), sizeof random, 0) < 0) stopProcess(ExitStatus::software);
     return random;
   }();
   return static_cast<std::size_t>(KeyedHash::of(canonical(), key));
@@ -144,15 +146,25 @@ bool Text::isUtf8(std::string_view bytes) {
 }
 
 std::optional<Text> Text::fromUtf8(std::string bytes) {
+  std::optional<Text> text;
   const std::size_t asciiLength = asciiPrefixLength(bytes);
-  if (!isUtf8From(bytes, asciiLength)) return std::nullopt;
-  return Text(std::move(bytes), asciiLength);
+  if (isUtf8From(bytes, asciiLength)) text.emplace().set(std::move(bytes), asciiLength);
+  return text;
+}
+
+bool Text::assignUtf8(std::string_view bytes) {
+  const std::size_t asciiLength = asciiPrefixLength(bytes);
+  const bool isUtf8 = isUtf8From(bytes, asciiLength);
+  if (isUtf8) set(std::string(bytes), asciiLength);
+  return isUtf8;
 }
 
 Text operator+(const Text& a, const Text& b) {
-  std::string both = a.bytes_ + b.bytes_;
-  const std::size_t asciiLength = asciiPrefixLength(both);
-  return Text(std::move(both), asciiLength);
+  Text both;
+  std::string bytes = a.bytes_ + b.bytes_;
+  const std::size_t asciiLength = asciiPrefixLength(bytes);
+  both.set(std::move(bytes), asciiLength);
+  return both;
 }
 
 Text operator""_text(const char* literal, std::size_t length) {

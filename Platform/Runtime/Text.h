@@ -29,6 +29,8 @@ class Text {
 
   // None when `bytes` is not valid UTF-8.
   static std::optional<Text> fromUtf8(std::string bytes);
+  // Becomes the text that fromUtf8 would give. False, and nothing changes, when there is none.
+  bool assignUtf8(std::string_view bytes);
 
   // Whether fromUtf8 would give a text.
   static bool isUtf8(std::string_view bytes);
@@ -48,7 +50,7 @@ class Text {
   friend Text operator+(const Text& a, const Text& b);
 
  private:
-  Text(std::string validUtf8, std::size_t asciiLength);
+  void set(std::string validUtf8, std::size_t asciiLength);
   const std::string& canonical() const { return canonical_ ? *canonical_ : bytes_; }
 
   std::string bytes_;

@@ -69,12 +69,7 @@ void decode(Decoder& decoder, double& real) {
 }
 
 void decode(Decoder& decoder, Text& text) {
-  auto read = Text::fromUtf8(std::string(decoder.text()));
-  if (!read) {
-    decoder.malformed();
-    return;
-  }
-  text = *std::move(read);
+  if (!text.assignUtf8(decoder.text())) decoder.malformed();
 }
 
 void decode(Decoder& decoder, Data& data) {
