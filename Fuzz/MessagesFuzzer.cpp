@@ -178,16 +178,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   FrameReader reader;
   for (std::size_t at = 0; at + 2 <= size;) {
     const std::size_t length = std::min<std::size_t>(data[at], size - at - 2);
-    ForeignDescriptors descriptors;
     for (int i = 0; i < (data[at + 1] & 0x0F); ++i) {
-      descriptors.add(descriptorOf(data[at + 1] >> 4));
+      reader.arriving().add(descriptorOf(data[at + 1] >> 4));
     }
     // Part of a chunk's descriptors may have been lost on the way.
     const auto arrived = (data[at + 1] & 0xF0) == 0xF0 ? Arrived::some : Arrived::all;
     reader.bytesWithFewDescriptors(input.subspan(at + 2, length));
     std::vector<Frame> frames;
-    const bool isSound =
-        reader.feed(input.subspan(at + 2, length), std::move(descriptors), arrived, frames);
+    const bool isSound = reader.feed(input.subspan(at + 2, length), arrived, frames);
     for (Frame& frame : frames) {
       if (frame.lacksDescriptors) continue;  // not decoded
       asExporter(frame);

@@ -52,6 +52,17 @@ class SmallVector {
     size_ += items.size();
   }
 
+  // The first `count` of them; to copy all, where there is room, takes less than to copy a few.
+  template <std::size_t most>
+  void appendFirst(std::size_t count, const std::array<T, most>& items) {
+    if (size_ + most <= few) {
+      std::copy(items.begin(), items.end(), few_.data() + size_);
+      size_ += count;
+    } else {
+      append(std::span(items).first(count));
+    }
+  }
+
   // All of them as a vector; there are none afterwards.
   std::vector<T> release() {
     if (size_ <= few) spill();

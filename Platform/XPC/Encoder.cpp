@@ -41,7 +41,7 @@ void Encoder::item(std::uint8_t firstByte, std::uint64_t argument, std::size_t w
   std::array<std::byte, 1 + sizeof argument> bytes{std::byte{firstByte}};
   const std::uint64_t bigEndian = htobe64(argument << (8 * (sizeof argument - width)));
   std::memcpy(bytes.data() + 1, &bigEndian, sizeof bigEndian);
-  frame_.bytes.append(std::span(bytes).first(width + 1));
+  frame_.bytes.appendFirst(width + 1, bytes);
 }
 
 void Encoder::real(double number) {

@@ -101,18 +101,9 @@ ForeignDescriptors& ForeignDescriptors::operator=(ForeignDescriptors&& other) no
 }
 
 void ForeignDescriptors::add(UniqueFd descriptor) {
+  closeGap();
   descriptors_.push_back(std::move(descriptor));
   ++heldDescriptors;
-}
-
-void ForeignDescriptors::add(ForeignDescriptors&& others) {
-  if (size() == 0) {
-    *this = std::move(others);
-    return;
-  }
-  closeGap();
-  for (UniqueFd& other : others.all()) descriptors_.push_back(std::move(other));
-  heldDescriptors += others.size();
 }
 
 void ForeignDescriptors::giveFirst(std::size_t count, ForeignDescriptors& other) {

@@ -31,7 +31,6 @@ class ForeignDescriptors {
   }
 
   void add(UniqueFd descriptor);
-  void add(ForeignDescriptors&& others);
   // Moves the first `count` of them to `other`.
   void giveFirst(std::size_t count, ForeignDescriptors& other);
 

@@ -27,9 +27,8 @@ FrameReader::Header FrameReader::parsed(const std::byte* header) {
   return {loadLittleEndian(header), loadLittleEndian(header + 4)};
 }
 
-bool FrameReader::feed(std::span<const std::byte> bytes, ForeignDescriptors&& descriptors,
-                       Arrived arrived, std::vector<Frame>& frames) {
-  if (descriptors.size() != 0) descriptors_.add(std::move(descriptors));
+bool FrameReader::feed(std::span<const std::byte> bytes, Arrived arrived,
+                       std::vector<Frame>& frames) {
   if (descriptors_.size() > mostWaitingDescriptors) return false;
   for (;;) {
     if (headerBytes_ == 0 && bytes.size() >= header_.size()) {

@@ -23,12 +23,14 @@ enum class Arrived { all, some };
 // One for a link's life. Not synchronised: used by whoever reads the link.
 class FrameReader {
  public:
-  // Takes what one receive brought and appends the frames that it completes; `bytes` lends them
-  // their payloads. False when the stream
-  // is not of the wire's format, or when it cannot be told whose descriptors were lost; it has no
-  // future then.
-  bool feed(std::span<const std::byte> bytes, ForeignDescriptors&& descriptors, Arrived arrived,
-            std::vector<Frame>& frames);
+  // Takes the bytes that one receive brought, whose descriptors are among those that are arriving,
+  // and appends the frames that it completes; `bytes` lends them their payloads. False when the
+  // stream is not of the wire's format, or when it cannot be told whose descriptors were lost; it
+  // has no future then.
+  bool feed(std::span<const std::byte> bytes, Arrived arrived, std::vector<Frame>& frames);
+
+  // In order of arrival, those that no frame has yet: what a receive brings is added to them.
+  ForeignDescriptors& arriving() { return descriptors_; }
 
   // How many descriptors are here that no frame begun so far has declared.
   std::size_t undeclaredDescriptors() const;
@@ -61,7 +63,7 @@ class FrameReader {
   bool lacksDescriptors_ = false;        // some of the frame's were lost
   std::vector<std::byte> payload_;       // grows with what arrives, not with what was declared
   BudgetPart part_;                      // the payload's, if it is large
-  ForeignDescriptors descriptors_;       // in order of arrival
+  ForeignDescriptors descriptors_;       // those that are arriving
 };
 
 }  // namespace Platform

@@ -76,7 +76,7 @@ Reception Link::receive(Wait wait, bool mayHoldBack, ReceiveRoom& room) {
     if (fitting != 0) buffer = all.first(fitting);
     if (!next.empty()) mayBeCut = fitting != next.size() || fitting == all.size();
   }
-  Received received = Platform::receive(socket_.get(), buffer, wait);
+  const Received received = Platform::receive(socket_.get(), buffer, reader_.arriving(), wait);
   if (received.outcome == Received::Outcome::nothingYet) return {Outcome::nothingYet};
   if (received.outcome == Received::Outcome::ended) return {Outcome::ended};
   if (std::exchange(asksForSender_, false)) tellSenders(socket_.get(), false);
@@ -85,7 +85,7 @@ Reception Link::receive(Wait wait, bool mayHoldBack, ReceiveRoom& room) {
   // Whose descriptors were lost can be told only when all is here that was sent with them.
   if (received.lostDescriptors && isCut) return {Outcome::fault};
   const bool isSound =
-      reader_.feed(buffer.first(received.bytes), std::move(received.descriptors),
+      reader_.feed(buffer.first(received.bytes),
                    received.lostDescriptors ? Arrived::some : Arrived::all, room.frames());
   // When all that was sent with these descriptors is here, a frame must have claimed them. Else its
   // header is near, unless somebody wants to fill this process with descriptors.

@@ -97,15 +97,11 @@ Outbox::Result Outbox::sendAll(int socket) {
     descriptorsSent_ += count;
     for (; endpointsSent_ < next; ++endpointsSent_) endpoints_[endpointsSent_].endpoint.reset();
   }
-  dropSent();
+  clear();
   return Result::done;
 }
 
 void Outbox::dropSent() {
-  if (isEmpty()) {
-    clear();
-    return;
-  }
   // Not before as much has gone as is to be moved.
   if (sent_ < compactAfter || sent_ < bytes_.size() - sent_) return;
   bytes_.erase(bytes_.begin(), bytes_.begin() + static_cast<std::ptrdiff_t>(sent_));
@@ -127,7 +123,9 @@ void Outbox::clear() {
   endpoints_.clear();
   sent_ = 0;
   endpointsSent_ = 0;
-  keepAtMost(keptWhenBusy);
+  if (bytes_.capacity() + endpoints_.capacity() * sizeof(Waiting) > keptWhenBusy) {
+    keepAtMost(keptWhenBusy);
+  }
 }
 
 void Outbox::rest() {

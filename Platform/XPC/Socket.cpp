@@ -36,7 +36,8 @@ void setReceivePatience(int socket, std::chrono::microseconds patience) {
   ::setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &time, sizeof time);
 }
 
-Received receive(int socket, std::span<std::byte> buffer, Wait wait) {
+Received receive(int socket, std::span<std::byte> buffer, ForeignDescriptors& descriptors,
+                 Wait wait) {
   Received received;
   iovec bytes{buffer.data(), buffer.size()};
   alignas(cmsghdr) char
@@ -63,11 +64,11 @@ Received receive(int socket, std::span<std::byte> buffer, Wait wait) {
       received.sender = sender.pid;
     }
     if (header->cmsg_type != SCM_RIGHTS) continue;
-    const std::size_t descriptors = (header->cmsg_len - CMSG_LEN(0)) / sizeof(int);
-    for (std::size_t i = 0; i < descriptors; ++i) {
+    const std::size_t carried = (header->cmsg_len - CMSG_LEN(0)) / sizeof(int);
+    for (std::size_t i = 0; i < carried; ++i) {
       int descriptor;
       std::memcpy(&descriptor, CMSG_DATA(header) + i * sizeof(int), sizeof descriptor);
-      received.descriptors.add(UniqueFd(descriptor));
+      descriptors.add(UniqueFd(descriptor));
     }
   }
   if (count == 0) return received;

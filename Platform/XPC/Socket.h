@@ -23,17 +23,17 @@ struct Received {
     ended,  // the peer sends nothing more
   };
   Outcome outcome = Outcome::ended;
-  std::size_t bytes = 0;           // in the buffer
-  ForeignDescriptors descriptors;  // with data only
-  bool lostDescriptors = false;    // there were more, for which this process had no room
-  pid_t sender = 0;                // who sent the data, if the socket tells; see `tellSenders`
+  std::size_t bytes = 0;         // in the buffer
+  bool lostDescriptors = false;  // there were more, for which this process had no room
+  pid_t sender = 0;              // who sent the data, if the socket tells; see `tellSenders`
 };
 
 // How long a `receive` that waits does so at most; zero: for ever.
 void setReceivePatience(int socket, std::chrono::microseconds patience);
 
-// Reads what is there. Every descriptor is owned before anything else happens.
-Received receive(int socket, std::span<std::byte> buffer, Wait wait);
+// Reads what is there. Every descriptor is owned, by `descriptors`, before anything else happens.
+Received receive(int socket, std::span<std::byte> buffer, ForeignDescriptors& descriptors,
+                 Wait wait);
 
 // Whether what is received from now on tells which process sent it. For a connected socket.
 void tellSenders(int socket, bool whether);

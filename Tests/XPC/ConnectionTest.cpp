@@ -253,7 +253,7 @@ TEST_F(Connections, AnswerAWaitingCallThatFindsAWorkerReading) {
   std::thread answering([&] {
     for (std::uint8_t serial = 1; serial <= calls; ++serial) {
       std::byte request[256];
-      receive(peer.get(), request, Wait::yes);
+      ::recv(peer.get(), request, sizeof request, 0);
       // Every second one, the waiting call, after longer than a worker stays with a connection.
       if (serial % 2 == 0) ::poll(nullptr, 0, 30);
       const std::uint8_t nil[] = {5, 0, 0, 0, 0, 0, 0, 0, 0x83, 2, serial, 0x81, 0xF6};
@@ -327,7 +327,7 @@ TEST_F(Connections, TakeAFaultOfANamedServiceForAnInterruption) {
     for (const bool isSound : {false, true}) {
       const UniqueFd peer = raw.accept();
       std::array<std::byte, 256> request;
-      receive(peer.get(), request, Wait::yes);
+      ::recv(peer.get(), request.data(), request.size(), 0);
       const std::uint8_t nil[] = {5, 0, 0, 0, 0, 0, 0, 0, 0x83, 2, 2, 0x81, 0xF6};
       const std::uint8_t none[] = {0xFF, 0xFF, 0xFF, 0xFF, 0, 0, 0, 0};
       isSound ? ::write(peer.get(), nil, sizeof nil) : ::write(peer.get(), none, sizeof none);
