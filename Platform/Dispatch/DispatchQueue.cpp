@@ -19,19 +19,30 @@ TasksKeep::~TasksKeep() {
   currentKeep = outer_;
 }
 
-void DispatchQueue::async(Task&& task) {
+bool TasksKeep::isThere() {
+  return currentKeep != nullptr;
+}
+
+std::vector<Task>* DispatchQueue::openTasks() {
+  if (isCurrent() && state_.load(std::memory_order_relaxed) != State::othersWait) return &next_;
+  State found = State::atRest;
+  return state_.compare_exchange_strong(found, State::runs) ? &next_ : nullptr;
+}
+
+void DispatchQueue::beginUnlessCurrent() {
+  if (isCurrent()) return;
+  inLine_ = shared_from_this();
+  WorkerPool::shared().enqueue(this);
+}
+
+void DispatchQueue::append(Task&& task) {
   if (currentKeep) {
     task = [kept = currentKeep->kept_, inner = std::move(task)]() mutable { inner(); };
   }
-  // Behind what others have appended, if this thread can know of it: else there is no order.
-  if (isCurrent() && state_.load(std::memory_order_relaxed) != State::othersWait) {
-    next_.push_back(std::move(task));
-    return;
-  }
-  State found = State::atRest;
-  if (!state_.compare_exchange_strong(found, State::runs)) {
+  std::vector<Task>* tasks = openTasks();
+  if (!tasks) {
     const std::lock_guard lock(mutex_);
-    found = state_;
+    State found = state_;
     while (found != State::othersWait) {
       const State wanted = found == State::atRest ? State::runs : State::othersWait;
       if (state_.compare_exchange_weak(found, wanted)) break;
@@ -40,10 +51,10 @@ void DispatchQueue::async(Task&& task) {
       others_.push_back(std::move(task));
       return;
     }
+    tasks = &next_;
   }
-  inLine_ = shared_from_this();
-  next_.push_back(std::move(task));
-  WorkerPool::shared().enqueue(this);
+  tasks->push_back(std::move(task));
+  beginUnlessCurrent();
 }
 
 bool DispatchQueue::isCurrent() const {
@@ -82,10 +93,6 @@ bool DispatchQueue::runWaitingTasks() {
 
 dispatch_queue_t dispatch_queue_create(std::string label, DispatchQueueAttribute) {
   return std::make_shared<DispatchQueue>(std::move(label));
-}
-
-void dispatch_async(const dispatch_queue_t& queue, Task&& task) {
-  queue->async(std::move(task));
 }
 
 }  // namespace Platform

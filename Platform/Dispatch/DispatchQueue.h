@@ -6,9 +6,11 @@
 #pragma once
 
 #include <atomic>
+#include <concepts>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "Platform/Dispatch/Task.h"
@@ -30,6 +32,8 @@ class TasksKeep {
 
  private:
   friend class DispatchQueue;
+  static bool isThere();  // on this thread
+
   const std::shared_ptr<void> kept_;
   TasksKeep* const outer_;
 };
@@ -41,8 +45,18 @@ class DispatchQueue : public std::enable_shared_from_this<DispatchQueue> {
 
   const std::string& label() const { return label_; }
 
-  // Appends and returns at once.
-  void async(Task&& task);
+  // Appends and returns at once. A task takes its place without having been anywhere else, when
+  // this thread has the queue.
+  template <class Callable>
+  requires std::constructible_from<Task, Callable>
+  void async(Callable&& callable) {
+    if (std::vector<Task>* const tasks = TasksKeep::isThere() ? nullptr : openTasks()) {
+      tasks->emplace_back(std::forward<Callable>(callable));
+      beginUnlessCurrent();
+    } else {
+      append(Task(std::forward<Callable>(callable)));
+    }
+  }
 
   // Whether the calling thread is running a task of this queue.
   bool isCurrent() const;
@@ -52,6 +66,13 @@ class DispatchQueue : public std::enable_shared_from_this<DispatchQueue> {
 
   // Runs the tasks that wait now, and says whether others have come meanwhile. Pool threads only.
   bool runWaitingTasks();
+
+  // next_, which is the calling thread's if this is current, and if it was at rest; else null. What
+  // is appended there goes behind what others have appended, if this thread can know of it: if it
+  // cannot there is no order.
+  std::vector<Task>* openTasks();
+  void beginUnlessCurrent();
+  void append(Task&& task);
 
   // Whoever takes it from `atRest` has the queue: puts it in line, and runs it or has it run. So a
   // task for a queue at rest takes no lock, nor does one that a task of the queue itself appends.
@@ -73,7 +94,11 @@ using dispatch_queue_t = std::shared_ptr<DispatchQueue>;
 // `label` names the queue in diagnostics.
 dispatch_queue_t dispatch_queue_create(std::string label, DispatchQueueAttribute attribute);
 
-// Appends a task and returns at once.
-void dispatch_async(const dispatch_queue_t& queue, Task&& task);
+// Appends a task, anything that can be called without arguments, and returns at once.
+template <class Callable>
+requires std::constructible_from<Task, Callable>
+void dispatch_async(const dispatch_queue_t& queue, Callable&& callable) {
+  queue->async(std::forward<Callable>(callable));
+}
 
 }  // namespace Platform
