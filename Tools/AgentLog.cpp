@@ -1,5 +1,6 @@
 #include "Tools/AgentLog.h"
 
+#include <sys/stat.h>
 #include <systemd/sd-journal.h>
 #include <unistd.h>
 
@@ -112,7 +113,7 @@ class JournalLog final : public AgentLog {
 
 class FileLog final : public AgentLog {
  public:
-  explicit FileLog(const std::string& path) : path_(path), file_(path) {}
+  explicit FileLog(const std::string& path) : path_(path) { open(); }
 
   std::optional<std::set<Text>> registered() override {
     std::optional<std::set<Text>> identifiers;
@@ -127,18 +128,24 @@ class FileLog final : public AgentLog {
   void skipToEnd() override { file_.seekg(0, std::ios::end); }
 
   std::optional<LogEvent> next() override {
-    std::error_code error;
-    const bool isEmptied =
-        std::filesystem::file_size(path_, error) < static_cast<std::uintmax_t>(file_.tellg());
-    if (isEmptied) file_.seekg(0);
     for (std::string line;;) {
       const auto begin = file_.tellg();
-      if (!std::getline(file_, line) || file_.eof()) {  // a line that is not yet whole is for later
-        file_.clear();
-        file_.seekg(begin);
+      if (std::getline(file_, line) && !file_.eof()) {
+        if (auto event = eventFromLine(line)) return event;
+        continue;
+      }
+      file_.clear();
+      file_.seekg(begin);  // a line that is not yet whole is for later
+      // It may have been emptied, or there may be another by its name, which has all that follows.
+      struct stat now {};
+      if (::stat(path_.c_str(), &now) != 0) return std::nullopt;
+      if (now.st_dev != opened_.st_dev || now.st_ino != opened_.st_ino) {
+        open();
+      } else if (now.st_size < begin) {
+        file_.seekg(0);
+      } else {
         return std::nullopt;
       }
-      if (auto event = eventFromLine(line)) return event;
     }
   }
 
@@ -148,8 +155,15 @@ class FileLog final : public AgentLog {
   }
 
  private:
+  // Which file it is is looked at first: what is put in its place meanwhile is opened once more.
+  void open() {
+    ::stat(path_.c_str(), &opened_);
+    file_ = std::ifstream(path_);
+  }
+
   const std::string path_;
   std::ifstream file_;
+  struct stat opened_ {};
 };
 
 }  // namespace

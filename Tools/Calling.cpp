@@ -53,18 +53,15 @@ Status exchange(const Request& request, bool isCall) {
 
   const UntypedProxy proxy(connection);
   Array answer;
-  std::optional<NSXPCConnectionError> error;
-  if (isCall) {
-    error = proxy.call(selector, values, request.patience(), answer);
-  } else {
-    // Messages are received in order: the refusal of a call that nobody knows tells that this one
-    // has been, which nothing else does.
-    proxy.send(selector, values);
-    error = proxy.call("", {}, request.patience(), answer);
-    if (error == NSXPCConnectionError::refused) return Status::done;
+  // Messages are received in order: what comes of a call that nobody knows tells that this one has
+  // been, which nothing else does.
+  if (!isCall) proxy.send(selector, values);
+  const auto error = isCall ? proxy.call(selector, values, request.patience(), answer)
+                            : proxy.call("", {}, request.patience(), answer);
+  if (error && (isCall || error != NSXPCConnectionError::refused)) {
+    failWith(*error, request.identifier, name);
   }
-  if (error) failWith(*error, request.identifier, name);
-  if (!answer.empty()) {
+  if (isCall && !answer.empty()) {
     print({{jsonFromValue(answer.size() == 1 ? answer[0] : Value(std::move(answer)))}});
   }
   return Status::done;

@@ -42,14 +42,17 @@ void waitForRegistration(AgentLog& log, const Text& identifier, Clock::time_poin
 }
 
 std::string timeText(NSDate time) {
-  if (!isTerminal()) return textFromDate(time);
-  const double seconds = std::floor(time.timeIntervalSince1970);
-  const auto calendarTime = static_cast<std::time_t>(seconds);
-  std::tm local{};
-  ::localtime_r(&calendarTime, &local);
-  char text[32];
-  std::snprintf(text, sizeof text, "%02d:%02d:%02d.%03d", local.tm_hour, local.tm_min, local.tm_sec,
-                static_cast<int>((time.timeIntervalSince1970 - seconds) * std::milli::den));
+  const auto micros = std::llround(time.timeIntervalSince1970 * std::micro::den);
+  const auto second = static_cast<std::time_t>(micros / std::micro::den);
+  const auto fraction = static_cast<int>(micros % std::micro::den);
+  std::tm parts{};
+  isTerminal() ? ::localtime_r(&second, &parts) : ::gmtime_r(&second, &parts);
+  char text[64];
+  const std::size_t length =
+      std::strftime(text, sizeof text, isTerminal() ? "%H:%M:%S" : "%Y-%m-%dT%H:%M:%S", &parts);
+  const char* const format = isTerminal() ? ".%03d" : ".%06dZ";
+  std::snprintf(text + length, sizeof text - length, format,
+                isTerminal() ? fraction / 1000 : fraction);
   return text;
 }
 
@@ -98,13 +101,18 @@ class LaunchTeller final : public NSObject {
 Status wait(const Request& request) {
   const auto log = AgentLog::find(request.log);
   if (log) log->skipToEnd();
-  Registry registry(Request{}.patience());
+  requireRuntimeDirectory();
+  const Patience patience = Request{}.patience();  // for one answer
+  Registry registry(patience);
   const auto last = request.seconds ? Clock::now() + request.patience() : Clock::time_point::max();
   for (;;) {
-    const auto endpoint = registry.tryToRetrieve(request.identifier);
+    const auto endpoint = registry.tryToRetrieve(
+        request.identifier,
+        std::clamp(std::chrono::ceil<Patience>(last - Clock::now()), Patience(1), patience));
     if (endpoint && *endpoint && isServed(**endpoint)) return Status::done;
     if (last <= Clock::now()) {
-      fail(Status::notInTime, shown(request.identifier) + " was not served in time.");
+      fail(Status::notInTime, shown(request.identifier) + " was not served in time" +
+                                  (endpoint ? "." : ": " + registry.whyNoAnswer().sentence));
     }
     const auto end = std::min(last, Clock::now() + (log ? withLog : withoutLog));
     if (log) {

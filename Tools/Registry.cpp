@@ -25,6 +25,12 @@ bool areOfSameListener(const NSXPCListenerEndpoint& one, const NSXPCListenerEndp
   return first.st_dev == second.st_dev && first.st_ino == second.st_ino;
 }
 
+// Empty where an agent could be reached.
+std::string whyOutOfReach() {
+  const std::string problem = runtimeDirectoryProblem();
+  return problem.empty() ? "" : "the agent cannot be reached: " + escaped(problem) + ".";
+}
+
 }  // namespace
 
 Registry::Registry(Patience patience)
@@ -32,11 +38,13 @@ Registry::Registry(Patience patience)
   agent_->connect();
 }
 
-std::optional<EndpointRef> Registry::tryToRetrieve(const Text& identifier) {
+std::optional<EndpointRef> Registry::tryToRetrieve(const Text& identifier,
+                                                   std::optional<Patience> patience) {
   std::optional<EndpointRef> answer;
   const auto onError = [this](NSXPCConnectionError error) { error_ = error; };
   agent_->agentConnection()
-      ->synchronousRemoteObjectProxyWithErrorHandler<EndPointHandling>(onError, patience_)
+      ->synchronousRemoteObjectProxyWithErrorHandler<EndPointHandling>(onError,
+                                                                       patience.value_or(patience_))
       ->retrieveListenerEndpoint(identifier, [&](std::optional<EndpointRef> found) {
         answer = std::move(found).value_or(nullptr);
       });
@@ -89,10 +97,7 @@ Registry::Reason Registry::whyNoAnswer() const {
   if (error_ == NSXPCConnectionError::refused || error_ == NSXPCConnectionError::replyInvalid) {
     return {Status::ended, "whoever serves " + name + " does not answer as the agent does."};
   }
-  const std::string problem = runtimeDirectoryProblem();
-  if (!problem.empty()) {
-    return {Status::noAgent, "the agent cannot be reached: " + escaped(problem) + "."};
-  }
+  if (std::string why = whyOutOfReach(); !why.empty()) return {Status::noAgent, std::move(why)};
   const auto path = namedServicePath(agentAppBundleIdentifier);
   switch (path ? connectTo(*path).outcome : ConnectOutcome::refused) {
     case ConnectOutcome::connected:
@@ -108,6 +113,10 @@ Registry::Reason Registry::whyNoAnswer() const {
 void Registry::failWithoutAnswer() const {
   const auto [status, sentence] = whyNoAnswer();
   fail(status, sentence);
+}
+
+void requireRuntimeDirectory() {
+  if (const std::string why = whyOutOfReach(); !why.empty()) fail(Status::noAgent, why);
 }
 
 void failAsGone(const Text& identifier) {

@@ -19,8 +19,10 @@ class Registry {
   Platform::EndpointRef retrieve(const Platform::Text& identifier);
   // The same, with a sentence and the end of the process for null.
   Platform::EndpointRef require(const Platform::Text& identifier);
-  // The same as `retrieve`; none when there is no agent, or it does not answer.
-  std::optional<Platform::EndpointRef> tryToRetrieve(const Platform::Text& identifier);
+  // The same as `retrieve`; none when there is no agent, or it does not answer within the patience,
+  // the registry's where there is no other.
+  std::optional<Platform::EndpointRef> tryToRetrieve(const Platform::Text& identifier,
+                                                     std::optional<Patience> patience = {});
 
   // Returns when the endpoint can be found. From then on it is registered again whenever the agent
   // was away, as long as this object lives.
@@ -30,18 +32,22 @@ class Registry {
   // does not answer, this is said, and the status is for it.
   Status remove(const Platform::EndpointRef& endpoint, const Platform::Text& identifier);
 
- private:
   struct Reason {
     Status status;
     std::string sentence;
   };
   Reason whyNoAnswer() const;  // to the last question
+
+ private:
   [[noreturn]] void failWithoutAnswer() const;
 
   const Patience patience_;
   const std::shared_ptr<EndPointHandler> agent_;
   Platform::NSXPCConnectionError error_{};  // of the last question without an answer
 };
+
+// A sentence and the end of the process where no agent could be reached.
+void requireRuntimeDirectory();
 
 // The sentence about an entry whose listener is gone, and the end of the process.
 [[noreturn]] void failAsGone(const Platform::Text& identifier);

@@ -199,7 +199,7 @@ Status serve(const Request& request) {
   const UniqueFd signals = takeSignals();
   std::optional<Registry> registry(request.patience());
   auto own = makeAnonymousSocket();
-  if (!own) registry->require(request.identifier);  // says why, where it is the runtime directory
+  if (!own) requireRuntimeDirectory();
   if (!own) fail(Status::noAgent, "the system has no socket to give.");
   registry->registerEndpoint(own->endpoint, request.identifier);
   complain("serves " + shown(request.identifier) + ".");

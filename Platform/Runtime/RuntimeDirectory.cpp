@@ -21,10 +21,11 @@ std::string base() {
 }
 
 // Empty when `path` is a directory that only this user can enter. `kind` is what people call it.
-std::string problemWith(const std::string& kind, const std::string& path) {
+// One that `isOurs` only has its mode wrong; another may be the whole machine's.
+std::string problemWith(const std::string& kind, const std::string& path, bool isOurs) {
   const std::string that = kind + " " + path;
-  const std::string mend = ": chmod 700 " + path + " mends it";
   const std::string another = ": set XDG_RUNTIME_DIR to a private folder of your own";
+  const std::string mend = isOurs ? ": chmod 700 " + path + " mends it" : another + ", of mode 700";
   const UniqueFd directory(::open(path.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   struct stat status {};
   if (!directory.isValid() || ::fstat(directory.get(), &status) != 0) {
@@ -47,13 +48,13 @@ std::string problemMaking(const std::string& path) {
   if (::mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) {
     return "the folder " + path + " cannot be made: " + std::strerror(errno);
   }
-  return problemWith("the folder", path);
+  return problemWith("the folder", path, true);
 }
 
 // Makes `path` the path of <runtime>/gantrel, or of the folder `below` in it. Empty when it is one.
 std::string problemFinding(std::string& path, std::string_view below) {
   path = base();
-  std::string problem = problemWith("the runtime directory", path);
+  std::string problem = problemWith("the runtime directory", path, false);
   path += "/gantrel";
   if (problem.empty()) problem = problemMaking(path);
   if (below.empty()) return problem;

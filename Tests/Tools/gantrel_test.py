@@ -204,6 +204,7 @@ class Gantrel(AgentTestCase):
         server.send_signal(signal.SIGINT)
         self.assertEqual(server.wait(PATIENCE), 6)
         self.assertIn(b"entry kept could not be removed: the agent runs", server.stderr.read())
+        self.assert_fails(6, "in time: the agent runs", "wait", "--timeout", "0.1", "x")
         self.agent.kill()
         self.agent.wait()
         self.assert_fails(3, "not running", "call", MAIN_APP, FETCH)
@@ -319,7 +320,13 @@ class Gantrel(AgentTestCase):
             self.assertEqual(waiting.wait(PATIENCE), 0)
             while b"register  x\r\n" not in told:
                 told += os.read(screen.fileno(), 65536)
+            os.rename(self.log, self.log + ".1")  # as a log is rotated
+            with open(self.log, "w") as log:
+                log.write(REGISTRATION % "y")
+            while b"register  y\r\n" not in told:
+                told += os.read(screen.fileno(), 65536)
             self.assertRegex(told, rb"(?m)^\d\d:\d\d:\d\d\.\d{3}  retrieve  x\\x1b\r$")
+            self.assertEqual(told.count(b"register  x\r\n"), 1)
             self.assertNotIn(b"\x1b", told)
 
 
