@@ -1,5 +1,6 @@
 // Making text safe to show. Text that came from outside may hold anything: line breaks that forge
-// log lines, sequences that command a terminal, marks that turn the reading direction around.
+// log lines, sequences that command a terminal, marks that turn the reading direction around, and
+// such as nobody sees, by which one text passes for another.
 #pragma once
 
 #include <optional>
@@ -8,9 +9,9 @@
 
 namespace Platform {
 
-// `utf8` with every control, line-separating and direction-changing character written as \xNN or
-// \u{NNNN}, and the backslash doubled so that nothing else can look like an escape. Bytes that are
-// not UTF-8 are written as \xNN.
+// `utf8` with every control, line-separating, direction-changing and invisible character written as
+// \xNN or \u{NNNN}, and the backslash doubled so that nothing else can look like an escape. Bytes
+// that are not UTF-8 are written as \xNN.
 std::string escaped(std::string_view utf8);
 void appendEscaped(std::string& out, std::string_view utf8);
 
