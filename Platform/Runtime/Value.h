@@ -20,6 +20,13 @@ namespace Platform {
 
 using Data = std::vector<std::byte>;
 
+// Integers of up to 64 bits; characters are none.
+template <class T>
+concept PlainInteger = std::integral<T> && sizeof(T) <= sizeof(std::uint64_t) &&
+                       !std::same_as<T, bool> && !std::same_as<T, char> &&
+                       !std::same_as<T, wchar_t> && !std::same_as<T, char8_t> &&
+                       !std::same_as<T, char16_t> && !std::same_as<T, char32_t>;
+
 // Copies are independent, save that a copied object reference names the same object. Any thread, as
 // for any value. Accessors give none or null when the value is of another kind.
 class Value {
@@ -29,8 +36,8 @@ class Value {
 
   Value() = default;                                             // nil
   Value(std::same_as<bool> auto boolean) : content_(boolean) {}  // a pointer is none
-  template <std::integral Integer>
-  requires(!std::same_as<Integer, bool>) Value(Integer integer) {
+  template <PlainInteger Integer>
+  Value(Integer integer) {
     // One form for one number, so that equal integers are equal values: negative ones are signed.
     if (integer < 0) {
       content_ = static_cast<std::int64_t>(integer);
@@ -38,7 +45,7 @@ class Value {
       content_ = static_cast<std::uint64_t>(integer);
     }
   }
-  Value(double real) : content_(real) {}
+  Value(std::floating_point auto real) : content_(double{real}) {}
   Value(Text text) : content_(std::move(text)) {}
   Value(Data data) : content_(std::move(data)) {}
   Value(NSDate date) : content_(date) {}

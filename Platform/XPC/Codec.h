@@ -43,13 +43,6 @@ void takeForNone(Decoder&, std::optional<T>& value) {
 
 }  // namespace Detail
 
-// Integers of up to 64 bits; characters are none.
-template <class T>
-concept WireInteger = std::integral<T> && sizeof(T) <= sizeof(std::uint64_t) &&
-                      !std::same_as<T, bool> && !std::same_as<T, char> &&
-                      !std::same_as<T, wchar_t> && !std::same_as<T, char8_t> &&
-                      !std::same_as<T, char16_t> && !std::same_as<T, char32_t>;
-
 template <class T>
 concept WireType = requires(Encoder& encoder, Decoder& decoder, T& value) {
   encode(encoder, std::as_const(value));
@@ -96,7 +89,7 @@ void decode(Decoder& decoder, NSDate& date);
 void decode(Decoder& decoder, EndpointRef& endpoint);  // nil is of the wrong class
 void decode(Decoder& decoder, Value& value);
 
-template <WireInteger T>
+template <PlainInteger T>
 void encode(Encoder& encoder, const T& integer) {
   if (std::cmp_less(integer, 0)) {
     encoder.head(Wire::Major::negativeInteger, ~static_cast<std::uint64_t>(integer));
@@ -106,7 +99,7 @@ void encode(Encoder& encoder, const T& integer) {
 }
 
 // An integer out of range is of the wrong class.
-template <WireInteger T>
+template <PlainInteger T>
 void decode(Decoder& decoder, T& integer) {
   const auto keep = [&](auto read) {
     if (!std::in_range<T>(read)) return decoder.wrongClass();

@@ -5,12 +5,31 @@
 #include <cstddef>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <type_traits>
 #include <utility>
 
 namespace Platform {
 
 namespace Detail {
+
+template <class T>
+struct Bare {
+  using Type = T;
+};
+template <class T>
+struct Bare<std::optional<T>> : Bare<T> {};
+// What an optional one is of, at the end.
+template <class T>
+using BareOf = typename Bare<std::decay_t<T>>::Type;
+
+// Whether a value would turn into one of another kind, as the language lets it: a pointer or a
+// number into a Boolean, a real or a Boolean into an integer.
+template <class To, class From>
+inline constexpr bool isOfOtherKind =
+    std::is_same_v<To, bool>
+        ? std::is_pointer_v<From> || (std::is_arithmetic_v<From> && !std::is_same_v<From, bool>)
+        : std::is_integral_v<To> && (std::is_floating_point_v<From> || std::is_same_v<From, bool>);
 
 template <class T>
 inline constexpr bool isFunction = false;
@@ -60,6 +79,11 @@ class Reply {
   const std::shared_ptr<Block>& block() const { return block_; }
   // There must be a block.
   void operator()(Values... values) const { block_->call(std::forward<Values>(values)...); }
+  // Nothing turns into a value of another kind.
+  template <class... Given>
+  requires(sizeof...(Given) == sizeof...(Values) &&
+           (Detail::isOfOtherKind<Detail::BareOf<Values>, Detail::BareOf<Given>> || ...)) void
+  operator()(Given&&... given) const = delete;
 
  private:
   template <class Callable>

@@ -60,7 +60,13 @@ static_assert(!Detail::fits<&Oracle::divide, double, int>());
 static_assert(!Detail::fits<&Oracle::divide, std::uint64_t, int>());
 static_assert(!Detail::fits<&Oracle::divide, int>() &&
               !Detail::fits<&Oracle::knows, const char*>());
-static_assert(!std::constructible_from<Value, const char*>);
+static_assert(!std::constructible_from<Value, const char*> &&
+              !std::constructible_from<Value, char>);
+static_assert(!Detail::Fitting<std::optional<int>, double> &&
+              Detail::Fitting<std::optional<int>, int>);
+static_assert(!std::invocable<const Reply<bool>&, const char*> &&
+              std::invocable<const Reply<bool>&, bool>);
+static_assert(!std::invocable<const Reply<std::optional<int>>&, double>);
 
 // The least that a coroutine needs: it begins at once, and its frame goes at its end.
 struct Coroutine {
