@@ -72,8 +72,7 @@ class EndPointHandler {
   template <class Rep, class Period>
   std::optional<bool> registerEndpoint(Platform::EndpointRef endpoint, Platform::Text identifier,
                                        std::chrono::duration<Rep, Period> limit) {
-    return registerWithin(std::move(endpoint), std::move(identifier),
-                          std::chrono::ceil<Milliseconds>(limit));
+    return registerWithin(std::move(endpoint), std::move(identifier), milliseconds(limit));
   }
   // The inner value is null when nothing is stored under the identifier.
   std::optional<Platform::EndpointRef> retrieveEndpoint(Platform::Text identifier) {
@@ -82,11 +81,18 @@ class EndPointHandler {
   template <class Rep, class Period>
   std::optional<Platform::EndpointRef> retrieveEndpoint(Platform::Text identifier,
                                                         std::chrono::duration<Rep, Period> limit) {
-    return retrieveWithin(std::move(identifier), std::chrono::ceil<Milliseconds>(limit));
+    return retrieveWithin(std::move(identifier), milliseconds(limit));
   }
 
  private:
   using Milliseconds = std::chrono::milliseconds;
+  // Of any limit, of which a year is as good as a longer one.
+  template <class Rep, class Period>
+  static Milliseconds milliseconds(std::chrono::duration<Rep, Period> limit) {
+    constexpr std::chrono::hours year(24 * 365);
+    if (limit <= limit.zero()) return Milliseconds(0);
+    return limit < year ? std::chrono::ceil<Milliseconds>(limit) : year;
+  }
   std::optional<bool> registerWithin(Platform::EndpointRef endpoint, Platform::Text identifier,
                                      std::optional<Milliseconds> limit);
   std::optional<Platform::EndpointRef> retrieveWithin(Platform::Text identifier,

@@ -4,8 +4,10 @@
 // A connection delivers its peer's messages on a serial queue of its own, in the order in which
 // they were sent; different connections run concurrently. Reply blocks and handlers run on that
 // queue too. Calls through a waiting proxy return when the answer is there; the calling thread
-// reads the connection itself meanwhile, so waiting is safe on any thread, also inside a handler of
-// this very connection.
+// reads the connection itself meanwhile, so an answer comes on any thread, also inside a handler of
+// this very connection. The peer's messages keep their order: while a handler waits they wait for
+// their turn. So when a handler of either side waits, over one connection, for a call that the
+// other's handler is to carry out, neither ends, unless one has a time limit.
 //
 // How it ends: an interruption means that the service behind a named connection went away; the same
 // object connects anew with the next message. An invalidation is final: the peer of an endpoint's

@@ -117,7 +117,7 @@ class Connection:
         serial = next(self._serials)
         self._answers[serial] = None
         try:
-            self._transmit([wire.CALL, serial, selector], arguments, deadline)
+            self._transmit([wire.CALL, serial, _selector(selector)], arguments, deadline)
             while (answer := self._answers[serial]) is None:
                 self._take(deadline)
         finally:
@@ -128,7 +128,7 @@ class Connection:
 
     def send(self, selector: str, *arguments: Sendable, timeout: Optional[float] = None) -> None:
         """Sends a message that has no answer."""
-        self._transmit([wire.MESSAGE, selector], arguments, _deadline(timeout))
+        self._transmit([wire.MESSAGE, _selector(selector)], arguments, _deadline(timeout))
 
     def serve(self) -> None:
         """Carries out what the peer sends, until the connection ends."""
@@ -357,6 +357,12 @@ def _listen(listening: socket.socket) -> Endpoint:
         os.close(lock)
     listening.listen(socket.SOMAXCONN)
     return endpoint
+
+
+def _selector(selector: str) -> str:
+    if not isinstance(selector, str):
+        raise TypeError("a selector is a str")
+    return selector
 
 
 def _deadline(timeout: Optional[float]) -> Optional[float]:
