@@ -46,8 +46,8 @@ void append(std::string& out, UChar32 codePoint) {
 }
 
 // Builds the canonical decomposition code point by code point. Marks wait in `run_` until the next
-// starter and are then put in order by a stable sort: the library's own whole-text normaliser
-// inserts each mark by a linear search, which makes a long run of misordered marks quadratic.
+// starter and are then sorted: the library's own whole-text normaliser inserts each mark by a
+// linear search, which makes a long run of misordered marks quadratic.
 class Decomposer {
  public:
   void add(UChar32 codePoint) {
@@ -87,9 +87,10 @@ class Decomposer {
   }
 
   void addDecomposed(UChar32 codePoint) {
-    const std::uint32_t combiningClass = u_getCombiningClass(codePoint);
+    const std::uint64_t combiningClass = u_getCombiningClass(codePoint);
     if (combiningClass != 0) {
-      run_.push_back(combiningClass << 24 | static_cast<std::uint32_t>(codePoint));
+      run_.push_back(combiningClass << classShift | run_.size() << placeShift |
+                     static_cast<std::uint32_t>(codePoint));
       return;
     }
     endRun();
@@ -98,14 +99,19 @@ class Decomposer {
 
   void endRun() {
     if (run_.empty()) return;
-    std::stable_sort(run_.begin(), run_.end(),
-                     [](std::uint32_t a, std::uint32_t b) { return a >> 24 < b >> 24; });
-    for (const std::uint32_t mark : run_) append(out_, static_cast<UChar32>(mark & 0xFFFFFF));
+    std::sort(run_.begin(), run_.end());
+    for (const std::uint64_t mark : run_) {
+      append(out_, static_cast<UChar32>(mark & ((1u << placeShift) - 1)));
+    }
     run_.clear();
   }
 
+  // A mark as a number to sort by: its class on top, its place in the run, and its code point.
+  static constexpr int classShift = 56;
+  static constexpr int placeShift = 21;
+
   std::string out_;
-  std::vector<std::uint32_t> run_;  // combining class in the top byte, code point below
+  std::vector<std::uint64_t> run_;
 };
 
 std::string decompose(std::string_view validUtf8) {
