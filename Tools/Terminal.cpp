@@ -39,7 +39,10 @@ std::size_t widthOf(const std::string& utf8) {
 }  // namespace
 
 std::string shown(const Text& text) {
-  return text.isEmpty() ? "\\u{}" : escaped(text.utf8());
+  if (text.isEmpty()) return "\\u{}";
+  std::string escapes = escaped(text.utf8());
+  if (escapes.starts_with('-')) escapes.replace(0, 1, "\\x2d");
+  return escapes;
 }
 
 Text typed(const std::string& argument, const std::string& what) {

@@ -30,7 +30,8 @@ enum class Status : int {
 // How long to wait for others.
 using Patience = std::chrono::milliseconds;
 
-// The text as people are shown it and may type it: escaped, and the empty one as \u{}.
+// The text as people are shown it and may type it: escaped, the empty one as \u{}, and one that
+// could be taken for an option as \x2d and the rest.
 std::string shown(const Platform::Text& text);
 
 // The text that somebody typed, in which a backslash begins an escape. Ends the process when it is

@@ -43,14 +43,15 @@ class NSXPCConnection final : public NSObject {
  public:
   // To the named service. It need not be there yet: a connection is made with the first message.
   static std::shared_ptr<NSXPCConnection> initWithMachServiceName(const Text& name);
-  // To the listener behind the endpoint. The endpoint must not be null.
+  // To the listener behind the endpoint. Without an endpoint the process stops.
   static std::shared_ptr<NSXPCConnection> initWithListenerEndpoint(
       std::shared_ptr<NSXPCListenerEndpoint> endpoint);
   // For the layer's own use.
   explicit NSXPCConnection(std::shared_ptr<Connection> connection);
   ~NSXPCConnection() override;
 
-  // What the peer may call, and on what. Both or neither; the object must implement the interface.
+  // What the peer may call, and on what. Both or neither, and the object must implement the
+  // interface: else `resume` stops the process.
   void setExportedInterface(NSXPCInterface interface);
   void setExportedObject(std::shared_ptr<NSObject> object);
 

@@ -70,12 +70,6 @@ class NSXPCListener::Acceptor final : public ReadinessHandler,
     socket_.reset();
   }
 
-  EndpointRef endpoint() const {
-    const std::lock_guard lock(mutex_);
-    const auto* const anonymous = socket_ ? std::get_if<AnonymousSocket>(&*socket_) : nullptr;
-    return anonymous ? anonymous->endpoint : nullptr;
-  }
-
   void ready(std::uint32_t) override { schedule(); }
 
  private:
@@ -126,7 +120,7 @@ class NSXPCListener::Acceptor final : public ReadinessHandler,
 
   const dispatch_queue_t queue_ = dispatch_queue_create("NSXPCListener", DISPATCH_QUEUE_SERIAL);
   bool retryScheduled_ = false;  // only in tasks on queue_
-  mutable std::mutex mutex_;
+  std::mutex mutex_;
   // Protected by mutex_:
   std::weak_ptr<NSXPCListenerDelegate> delegate_;
   std::weak_ptr<NSXPCListener> listener_;
@@ -134,13 +128,15 @@ class NSXPCListener::Acceptor final : public ReadinessHandler,
   Watch watch_;                   // after socket_, so that it ends before
 };
 
-NSXPCListener::NSXPCListener(std::shared_ptr<Acceptor> acceptor) : acceptor_(std::move(acceptor)) {}
+NSXPCListener::NSXPCListener(std::shared_ptr<Acceptor> acceptor, EndpointRef endpoint)
+    : acceptor_(std::move(acceptor)), endpoint_(std::move(endpoint)) {}
 
 std::shared_ptr<NSXPCListener> NSXPCListener::anonymousListener() {
   auto socket = makeAnonymousSocket();
   if (!socket) return nullptr;
+  EndpointRef endpoint = socket->endpoint;
   return std::shared_ptr<NSXPCListener>(
-      new NSXPCListener(std::make_shared<Acceptor>(*std::move(socket))));
+      new NSXPCListener(std::make_shared<Acceptor>(*std::move(socket)), std::move(endpoint)));
 }
 
 std::shared_ptr<NSXPCListener> NSXPCListener::initWithMachServiceName(const Text& name) {
@@ -150,7 +146,7 @@ std::shared_ptr<NSXPCListener> NSXPCListener::initWithMachServiceName(const Text
   if (!service) return nullptr;
   removeLeftOverSocketNames();
   return std::shared_ptr<NSXPCListener>(
-      new NSXPCListener(std::make_shared<Acceptor>(std::move(service))));
+      new NSXPCListener(std::make_shared<Acceptor>(std::move(service)), nullptr));
 }
 
 NSXPCListener::~NSXPCListener() {
@@ -170,7 +166,7 @@ void NSXPCListener::invalidate() {
 }
 
 std::shared_ptr<NSXPCListenerEndpoint> NSXPCListener::endpoint() const {
-  return acceptor_->endpoint();
+  return endpoint_;
 }
 
 }  // namespace Platform

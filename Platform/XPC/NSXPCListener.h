@@ -48,14 +48,16 @@ class NSXPCListener final : public NSObject {
   // Stops for good: whoever connects from now on is refused.
   void invalidate();
 
-  // The same object at each call; null for a named listener.
+  // The same object at each call, also when it has stopped; null for a named listener.
   std::shared_ptr<NSXPCListenerEndpoint> endpoint() const;
 
  private:
   class Acceptor;
-  explicit NSXPCListener(std::shared_ptr<Acceptor> acceptor);
+  NSXPCListener(std::shared_ptr<Acceptor> acceptor,
+                std::shared_ptr<NSXPCListenerEndpoint> endpoint);
 
   const std::shared_ptr<Acceptor> acceptor_;
+  const std::shared_ptr<NSXPCListenerEndpoint> endpoint_;
 };
 
 }  // namespace Platform

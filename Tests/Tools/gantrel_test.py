@@ -71,7 +71,7 @@ class Gantrel(AgentTestCase):
 
     def test_lists_a_thousand_entries_whatever_they_are_called_and_who_serves_them(self):
         connection = Connection(self.path)
-        names = [f"n{i:04}" for i in range(996)] + ["$(>hole)", "", "\0\t\x1b[31m\\", "cafe\u0301"]
+        names = [f"n{i:04}" for i in range(995)] + ["$(>hole)", "", "\0\t\x1b[31m\\", "-f\u200b", "cafe\u0301"]
         for name in names:
             self.assertTrue(self.register(connection, name))
         self.assertTrue(eventually(lambda: "cafe\u0301" in open(self.log, encoding="utf-8").read()))
@@ -82,14 +82,14 @@ class Gantrel(AgentTestCase):
         print(f"\nlist of 1,000 entries: {time.monotonic() - began:.2f} s")
         rows = [line.split("\t") for line in output.splitlines()]
         self.assertEqual(status, 0)
-        shown = ["\\u{}", "\\x00\\x09\\x1b[31m\\\\", "cafe\u0301"]
-        self.assertEqual(sorted(row[0] for row in rows), sorted(names[:-3] + shown))
+        shown = ["\\u{}", "\\x00\\x09\\x1b[31m\\\\", "\\x2df\\u{200b}", "cafe\u0301"]
+        self.assertEqual(sorted(row[0] for row in rows), sorted(names[:-4] + shown))
         name = open("/proc/self/comm").read().strip()
         self.assertEqual({tuple(row[1:]) for row in rows}, {("served", str(os.getpid()), name, "-")})
         listed = json.loads(self.run_tool("list", "--json", "--log", self.log)[1])
         self.assertEqual({entry["identifier"] for entry in listed}, set(names))
         completed = subprocess.run(
-            ["bash", "-c", r"""program=$0 log=$2; _init_completion() { words=(gantrel find) cword=2 cur='\$'; }
+            ["bash", "-c", r"""program=$0 log=$2; _init_completion() { words=(gantrel find --json) cword=3 cur='\$'; }
              __ltrim_colon_completions() { :; }; gantrel() { "$program" "$@" --log "$log"; }
              source "$1"; _gantrel; echo "${COMPREPLY[@]}" """, GANTREL, SOURCE + "/Packaging/completion/gantrel", self.log],
             cwd=self.folder, stdout=subprocess.PIPE).stdout
