@@ -190,6 +190,8 @@ std::unique_ptr<AgentLog> AgentLog::find(const std::optional<std::string>& path)
 std::unique_ptr<AgentLog> AgentLog::require(const std::optional<std::string>& path) {
   auto log = find(path);
   if (log) return log;
+  if (path)
+    fail(Status::noLog, "no line of the agent is in the journal of " + escaped(*path) + ".");
   fail(Status::noLog,
        "no line of the agent is in the journal, or this user may not read it: for an agent that "
        "writes elsewhere, give the file with --log FILE.");

@@ -59,7 +59,8 @@ void requireProgram(const std::string& name) {
     const auto file = std::filesystem::path(folder) / name;
     std::error_code hidden;
     const auto status = std::filesystem::status(file, hidden);
-    isThere = isThere || std::filesystem::exists(status);
+    const bool isFolder = std::filesystem::is_directory(status);  // passed over on the path
+    isThere = isThere || (std::filesystem::exists(status) && (isPath || !isFolder));
     if (std::filesystem::is_regular_file(status) && ::access(file.c_str(), X_OK) == 0) return;
   }
   if (isThere) fail(Status::cannotRun, "the command " + escaped(name) + " may not be run.");
@@ -68,25 +69,37 @@ void requireProgram(const std::string& name) {
 
 enum class Group { same, own };  // whom an interrupt of the terminal reaches
 
+// As nohup(1) leaves it to what it starts. Shells do so with SIGINT for whatever is to run in the
+// background; but who sends one to it all the same means it.
+bool ignoresHangup() {
+  struct sigaction now {};
+  return ::sigaction(SIGHUP, nullptr, &now) == 0 && now.sa_handler == SIG_IGN;
+}
+
 // Starts the program with these as its standard input and output, and every signal as at first. 0
 // when it cannot be started, which is said.
 pid_t start(const Words& command, int input, int output, Group group) {
   std::vector<char*> arguments;
   for (const auto& argument : command) arguments.push_back(const_cast<char*>(argument.c_str()));
   arguments.push_back(nullptr);
-  const auto prepare = [](void* isOwnGroup) {  // in the new process
+  struct Setup {
+    bool isOwnGroup;
+    bool ignoresHangup;  // which the library has reset
+  } setup{group == Group::own, ignoresHangup()};
+  const auto prepare = [](void* data) {  // in the new process
+    const auto& its = *static_cast<const Setup*>(data);
+    if (its.ignoresHangup) std::signal(SIGHUP, SIG_IGN);
     sigset_t none;
     sigemptyset(&none);
     ::sigprocmask(SIG_SETMASK, &none, nullptr);
-    if (isOwnGroup) ::setpgid(0, 0);
+    if (its.isOwnGroup) ::setpgid(0, 0);
   };
   constexpr auto flags =
       GSpawnFlags(G_SPAWN_SEARCH_PATH | G_SPAWN_DO_NOT_REAP_CHILD | G_SPAWN_LEAVE_DESCRIPTORS_OPEN);
   pid_t process = 0;
   GError* error = nullptr;
-  g_spawn_async_with_fds(nullptr, arguments.data(), nullptr, flags, prepare,
-                         group == Group::own ? &group : nullptr, &process, input, output, -1,
-                         &error);
+  g_spawn_async_with_fds(nullptr, arguments.data(), nullptr, flags, prepare, &setup, &process,
+                         input, output, -1, &error);
   if (!error) return process;
   complain(escaped(command[0]) + " could not be started: " + escaped(error->message) + ".");
   g_error_free(error);
@@ -97,7 +110,8 @@ pid_t start(const Words& command, int input, int output, Group group) {
 UniqueFd takeSignals() {
   sigset_t signals;
   sigemptyset(&signals);
-  for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGCHLD, SIGALRM}) sigaddset(&signals, signal);
+  for (const int signal : {SIGINT, SIGTERM, SIGCHLD, SIGALRM}) sigaddset(&signals, signal);
+  if (!ignoresHangup()) sigaddset(&signals, SIGHUP);
   ::sigprocmask(SIG_BLOCK, &signals, nullptr);
   return UniqueFd(::signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
 }
@@ -153,23 +167,25 @@ int relay(int from, int to, int peer = -1) {
   }
 }
 
-// Sends what there is, and then the sign that this was all. False when the peer did not take it.
-bool sendFrom(int input, int peer) {
-  const bool isSent = relay(input, peer, peer) != peer;
+// Sends what there is, and then the sign that this was all. Gives the side that failed, as `relay`.
+int sendFrom(int input, int peer) {
+  const int failed = relay(input, peer, peer);
   ::shutdown(peer, SHUT_WR);
-  return isSent;
+  return failed;
 }
 
 Status connectStandard(int peer) {
-  auto isSent = std::async(std::launch::async, sendFrom, STDIN_FILENO, peer);
+  auto sending = std::async(std::launch::async, sendFrom, STDIN_FILENO, peer);
   const int failed = relay(peer, STDOUT_FILENO);
   if (failed == STDOUT_FILENO) ::shutdown(peer, SHUT_RDWR);
   // The peer may still read when it has nothing more to say.
-  const bool isTaken = isSent.get() && failed != peer;
+  const int failedToSend = sending.get();
+  const bool isTaken = failedToSend != peer && failed != peer;
   int error = 0;
   socklen_t size = sizeof error;
   ::getsockopt(peer, SOL_SOCKET, SO_ERROR, &error, &size);
   if (failed == STDOUT_FILENO) fail(Status::unwritten, "standard output cannot be written.");
+  if (failedToSend == STDIN_FILENO) fail(Status::unread, "standard input cannot be read.");
   if (isTaken && error == 0) return Status::done;
   fail(Status::ended, "the other side ended before it had read everything.");
 }

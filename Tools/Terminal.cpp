@@ -98,10 +98,12 @@ void print(const Row& row) {
 }
 
 void printTable(const Row& heading, std::vector<Row> rows) {
+  constexpr std::size_t widest = 60;  // one long text should not widen all rows
   if (isTerminal()) rows.insert(rows.begin(), heading);
   for (std::size_t column = 0; column + 1 < heading.size(); ++column) {
     std::size_t width = 0;
     for (const Row& row : rows) width = std::max(width, widthOf(row[column].text));
+    width = std::min(width, widest);
     for (Row& row : rows) row[column].text = padded(row[column].text, width);
   }
   for (const Row& row : rows) print(row);

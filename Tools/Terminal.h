@@ -22,6 +22,7 @@ enum class Status : int {
   noLog = 7,  // of the agent
   usage = 64,
   badArgument = 65,  // no UTF-8, no JSON, or more than the wire takes
+  unread = 66,       // standard input
   unwritten = 74,    // standard output is full or closed
   cannotRun = 126,   // a command, though it is there
   notFound = 127,    // a command to be run

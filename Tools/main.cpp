@@ -1,6 +1,7 @@
 // gantrel: the command line, and which command it asks for.
 
 #include <CLI/CLI.hpp>
+#include <csignal>
 #include <limits>
 #include <sstream>
 #include <string>
@@ -118,5 +119,6 @@ Status run(int count, char** arguments) {
 
 int main(int count, char** arguments) {
   Platform::openStandardStreams();
+  std::signal(SIGCHLD, SIG_DFL);  // may be ignored by inheritance, and then no end could be seen
   return static_cast<int>(Gantrel_Sync_Helper::run(count, arguments));
 }

@@ -77,8 +77,9 @@ class Endpoint:
 
     def __init__(self, descriptor: int) -> None:
         """Takes the descriptor over. ValueError, and it is closed, when it is of anything else."""
-        self._descriptor = descriptor
+        self._descriptor = -1
         is_path = fcntl.fcntl(descriptor, fcntl.F_GETFL) & os.O_PATH
+        self._descriptor = descriptor
         if not (is_path and stat.S_ISSOCK(os.fstat(descriptor).st_mode)):
             self.close()
             raise ValueError("the descriptor is no endpoint")

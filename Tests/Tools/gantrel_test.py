@@ -64,8 +64,8 @@ class Gantrel(AgentTestCase):
         self.assertEqual((caller.wait(PATIENCE), caller.stdout.read()), (5, b""))
         self.assertIn(sentence.encode(), caller.stderr.read())
 
-    def serve(self, identifier, *command):
-        server = self.start("serve", identifier, *command)
+    def serve(self, identifier, *command, **options):
+        server = self.start("serve", identifier, *command, **options)
         self.assertIn(b"serves", server.stderr.readline())
         return server
 
@@ -153,7 +153,7 @@ class Gantrel(AgentTestCase):
             (4, "refused", "call", MAIN_APP, "unknown:"),
             (64, "no option --bogus", "call", "--bogus", MAIN_APP, FETCH),
             (4, "refused", "call", MAIN_APP, FETCH + "x:", "1"),
-            (7, "--log FILE", "list", "--log", self.folder),
+            (7, "in the journal of /", "list", "--log", self.folder),
             (7, "No such file", "monitor", "--log", "/nowhere"),
             (7, "no line of the agent", "list", "--log", __file__),
             (7, "neither a file nor", "wait", "--log", "/dev/null", "x"),
@@ -174,6 +174,7 @@ class Gantrel(AgentTestCase):
             (65, "backslash", "find", "\\q"),
             (126, "may not be run", "serve", "a", SOURCE + "/README.md"),
             (127, "no command", "serve", "a", "/nowhere"),
+            (127, "no command", "serve", "a", ""),
         ]:
             self.assert_fails(status, sentence, *arguments)
         for arguments in ["--help"], ["find", MAIN_APP], ["monitor", "--log", self.log]:
@@ -303,6 +304,11 @@ class Gantrel(AgentTestCase):
         done = self.run_tool("connect", "count", "sh", "-c", "printf abc; exec >&-; cat >&2; exit 3")
         self.assertEqual(done, (3, "", "3\n"))
         self.assert_fails(127, "no command", "connect", "count", "nowhere")
+        deaf = self.serve("deaf", "cat", preexec_fn=lambda: signal.signal(signal.SIGHUP, signal.SIG_IGN))
+        deaf.send_signal(signal.SIGHUP)
+        with open("/dev/null", "wb") as unreadable:
+            client = self.start("connect", "deaf", stdin=unreadable)
+        self.assertEqual((client.wait(PATIENCE), self.run_tool("connect", "deaf", input=b"x")[:2]), (66, (0, "x")))
 
     def test_waits_and_monitors_and_shows_it_well_in_a_terminal(self):
         control, terminal = pty.openpty()
