@@ -89,10 +89,12 @@ std::optional<Connection::Error> Connection::submit(OutgoingFrame&& frame, Kind 
   if (phase_ != Phase::open) return Error::invalid;
   if (!frame.isSendable()) return Error::refused;
   if (!link_ && !dialer_.isTrying() && dial() == ConnectOutcome::refused) {
+    dialer_.lose();
     if (dialer_.isNamed()) return Error::interrupted;
     endAll(Error::invalid, true);
     return Error::invalid;
   }
+  dialer_.nothingNewIsLost();
   if (!link_) {
     dialer_.keep(std::move(frame));
   } else {
@@ -263,7 +265,10 @@ void Connection::endLink(Ending ending) {
 }
 
 void Connection::endAll(Error error, bool isFinal) {
-  if (link_) link_->shutDown();  // wakes a thread that reads
+  if (link_) {
+    link_->shutDown();  // wakes a thread that reads
+    if (link_->hasUnsent() || link_->hasLostUnsent()) dialer_.lose();
+  }
   link_.reset();
   dialer_.dropUnsent();
   dialer_.setTrying(false);

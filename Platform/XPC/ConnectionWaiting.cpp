@@ -112,11 +112,11 @@ bool Connection::waitUntilSent(std::chrono::milliseconds limit) {
   const auto end = Clock::now() + std::min(limit, longestLimit);
   Lock lock(mutex_);
   flush();
-  if (phase_ == Phase::open && !link_ && !dialer_.isTrying()) return true;  // nothing was sent
   for (std::shared_ptr<Link> link = link_;; flush()) {
     if (!link) link = link_;  // the one that it is sent on
-    if (phase_ != Phase::open || link != link_ || (!link && !dialer_.isTrying())) return false;
-    if (link && !link->hasUnsent()) return !link->hasLostUnsent();
+    const bool hasLost = dialer_.hasLost() || (link && link->hasLostUnsent());
+    if (phase_ != Phase::open || link != link_ || hasLost) return false;
+    if (link ? !link->hasUnsent() : !dialer_.isTrying()) return true;
     const auto left = timeUntil(end);
     if (left.count() == 0) return false;
     lock.unlock();

@@ -47,6 +47,18 @@ void Dialer::handOver(Link& link) {
   dialing_->unsent.shrink_to_fit();
 }
 
+void Dialer::dropUnsent() {
+  if (!dialing_ || dialing_->unsent.empty()) return;
+  lose();
+  dialing_->unsent.clear();
+}
+
+bool Dialer::hasLost() {
+  if (!dialing_ || dialing_->loss == Loss::none) return false;
+  dialing_->loss = Loss::told;
+  return true;
+}
+
 std::uint64_t Dialer::processNumber(pid_t sender) {
   const auto process = SenderProcess::of(sender);
   if (!process || process != dialing_->lastProcess) ++dialing_->lastProcessNumber;

@@ -50,19 +50,29 @@ class Dialer {
   }
   void keep(OutgoingFrame&& frame) { dialing_->unsent.push_back(std::move(frame)); }
   void handOver(Link& link);
-  void dropUnsent() {
-    if (dialing_) dialing_->unsent.clear();
+  void dropUnsent();
+
+  // What was handed over and never left, on whichever link, is told of until something else is
+  // handed over: `hasLost` tells. A connection with one link ends with its losses.
+  void lose() {
+    if (dialing_) dialing_->loss = Loss::untold;
   }
+  void nothingNewIsLost() {
+    if (dialing_ && dialing_->loss == Loss::told) dialing_->loss = Loss::none;
+  }
+  bool hasLost();
 
   // The number of the process that the kernel names as a sender: the same as the last one's exactly
   // when it is the same process.
   std::uint64_t processNumber(pid_t sender);
 
  private:
+  enum class Loss { none, untold, told };
   struct Dialing {
     const Target target;
     std::vector<OutgoingFrame> unsent = {};
     bool isTrying = false;
+    Loss loss = Loss::none;
     std::chrono::steady_clock::time_point restUntil = {};
     std::optional<SenderProcess> lastProcess = {};
     std::uint64_t lastProcessNumber = 0;

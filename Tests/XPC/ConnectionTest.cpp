@@ -317,6 +317,12 @@ TEST_F(Connections, SendWhatWasHandedToThemAlsoWhenTheirOwnerGoes) {
   EXPECT_TRUE(raw.connection->waitUntilSent(std::chrono::minutes(1)));
   raw.connection->invalidate();
   EXPECT_GT(read.get(), data.size());
+
+  const auto toNobody = NSXPCConnection::initWithMachServiceName("nobody"_text);
+  toNobody->resume();
+  EXPECT_TRUE(toNobody->waitUntilSent(std::chrono::minutes(1))) << "there is nothing to send";
+  toNobody->remoteObjectProxy<Peer>()->echo(1, {});
+  for (int i = 0; i < 2; ++i) EXPECT_FALSE(toNobody->waitUntilSent(std::chrono::minutes(1)));
 }
 
 TEST_F(Connections, TakeAFaultOfANamedServiceForAnInterruption) {
