@@ -1,5 +1,6 @@
 #include "Shared/GApp.h"
 
+#include <memory>
 #include <string>
 
 #include "Platform/Runtime/Stop.h"
@@ -10,13 +11,32 @@ namespace Gantrel_Sync_Helper {
 
 using namespace Platform;
 
+namespace {
+
 // Made before anything that has no priority: a program's own globals, in whatever file, may be made
-// from them.
-[[gnu::init_priority(101)]] const Text mainAppBundleIdentifier = GANTREL_BUNDLE_IDENTIFIER ""_text;
-[[gnu::init_priority(101)]] const Text menuAppBundleIdentifier =
-    GANTREL_BUNDLE_IDENTIFIER ".menu"_text;
-[[gnu::init_priority(101)]] const Text agentAppBundleIdentifier =
-    GANTREL_BUNDLE_IDENTIFIER ".agent"_text;
+// from them. Never destroyed: handlers still run on threads of the layer while a process ends.
+struct Identifiers {
+  Text main = GANTREL_BUNDLE_IDENTIFIER ""_text;
+  Text menu = GANTREL_BUNDLE_IDENTIFIER ".menu"_text;
+  Text agent = GANTREL_BUNDLE_IDENTIFIER ".agent"_text;
+};
+union Place {
+  constexpr Place() : empty() {}
+  ~Place() {}
+  char empty;
+  Identifiers identifiers;
+};
+constinit Place place;
+struct Maker {
+  Maker() { std::construct_at(&place.identifiers); }
+};
+[[gnu::init_priority(101)]] const Maker maker;
+
+}  // namespace
+
+constinit const Text& mainAppBundleIdentifier = place.identifiers.main;
+constinit const Text& menuAppBundleIdentifier = place.identifiers.menu;
+constinit const Text& agentAppBundleIdentifier = place.identifiers.agent;
 
 const Text& bundleIdentifier(GApp app) {
   switch (app) {

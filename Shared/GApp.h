@@ -10,9 +10,9 @@
 
 namespace Gantrel_Sync_Helper {
 
-extern const Platform::Text mainAppBundleIdentifier;
-extern const Platform::Text menuAppBundleIdentifier;
-extern const Platform::Text agentAppBundleIdentifier;
+extern const Platform::Text& mainAppBundleIdentifier;
+extern const Platform::Text& menuAppBundleIdentifier;
+extern const Platform::Text& agentAppBundleIdentifier;
 
 enum class GApp : std::int64_t { main, menu, agent };
 

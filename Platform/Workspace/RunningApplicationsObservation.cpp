@@ -21,7 +21,7 @@
 namespace Platform {
 namespace {
 
-const Text keyPath = "runningApplications"_text;
+const Text& keyPath = *new Text("runningApplications"_text);  // never destroyed
 
 // The delays double: ten looks within ten seconds.
 constexpr auto firstDelay = std::chrono::milliseconds(10);
