@@ -20,6 +20,13 @@ std::string base() {
   return "/run/user/" + std::to_string(::geteuid());
 }
 
+// Whether it is a directory of this user's, in which nobody else can do anything: as it usually is.
+bool isPrivate(const std::string& path) {
+  struct stat status {};
+  return ::lstat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode) &&
+         status.st_uid == ::geteuid() && (status.st_mode & 0777) == 0700;
+}
+
 // Empty when `path` is a directory that only this user can enter. `kind` is what people call it.
 // One that `isOurs` only has its mode wrong; another may be the whole machine's.
 std::string problemWith(const std::string& kind, const std::string& path, bool isOurs) {
@@ -45,6 +52,7 @@ std::string problemWith(const std::string& kind, const std::string& path, bool i
 
 // Makes the folder when it is missing; empty when it is then there and safe.
 std::string problemMaking(const std::string& path) {
+  if (isPrivate(path)) return {};
   if (::mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) {
     return "the folder " + path + " cannot be made: " + std::strerror(errno);
   }
@@ -54,7 +62,7 @@ std::string problemMaking(const std::string& path) {
 // Makes `path` the path of <runtime>/gantrel, or of the folder `below` in it. Empty when it is one.
 std::string problemFinding(std::string& path, std::string_view below) {
   path = base();
-  std::string problem = problemWith("the runtime directory", path, false);
+  std::string problem = isPrivate(path) ? "" : problemWith("the runtime directory", path, false);
   path += "/gantrel";
   if (problem.empty()) problem = problemMaking(path);
   if (below.empty()) return problem;

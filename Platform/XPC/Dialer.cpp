@@ -60,9 +60,8 @@ bool Dialer::hasLost() {
 }
 
 std::uint64_t Dialer::processNumber(pid_t sender) {
-  const auto process = SenderProcess::of(sender);
-  if (!process || process != dialing_->lastProcess) ++dialing_->lastProcessNumber;
-  dialing_->lastProcess = process;
+  if (!dialing_->lastProcess.isStill(sender)) ++dialing_->lastProcessNumber;
+  dialing_->lastProcess = SenderProcess(sender);
   return dialing_->lastProcessNumber;
 }
 

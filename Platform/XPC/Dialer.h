@@ -4,7 +4,6 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
-#include <optional>
 #include <utility>
 #include <variant>
 #include <vector>
@@ -74,7 +73,7 @@ class Dialer {
     bool isTrying = false;
     Loss loss = Loss::none;
     std::chrono::steady_clock::time_point restUntil = {};
-    std::optional<SenderProcess> lastProcess = {};
+    SenderProcess lastProcess = {};
     std::uint64_t lastProcessNumber = 0;
   };
 

@@ -3,15 +3,27 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <ctime>
+#include <optional>
 #include <sstream>
 #include <string>
 
 #include "Platform/Runtime/UniqueFd.h"
 
 namespace Platform {
+namespace {
 
-std::optional<SenderProcess> SenderProcess::of(pid_t number) {
-  if (number <= 0) return std::nullopt;
+std::uint64_t ticksNow() {
+  timespec now{};
+  ::clock_gettime(CLOCK_BOOTTIME, &now);
+  const auto ticks = static_cast<std::uint64_t>(::sysconf(_SC_CLK_TCK));  // a second
+  constexpr std::uint64_t second = 1'000'000'000;                         // nanoseconds
+  return static_cast<std::uint64_t>(now.tv_sec) * ticks +
+         static_cast<std::uint64_t>(now.tv_nsec) * ticks / second;
+}
+
+// When the process began, on the same clock.
+std::optional<std::uint64_t> beginningOf(pid_t number) {
   const std::string path = "/proc/" + std::to_string(number) + "/stat";
   const UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
   char bytes[1024];
@@ -24,8 +36,17 @@ std::optional<SenderProcess> SenderProcess::of(pid_t number) {
   std::string passedOver;
   for (int field = 3; field < 22; ++field) rest >> passedOver;
   std::uint64_t beginning;
-  if (!(rest >> beginning)) return std::nullopt;
-  return SenderProcess(number, beginning);
+  return rest >> beginning ? std::optional(beginning) : std::nullopt;
+}
+
+}  // namespace
+
+SenderProcess::SenderProcess(pid_t number) : number_(number), seen_(ticksNow()) {}
+
+bool SenderProcess::isStill(pid_t number) const {
+  if (number <= 0 || number != number_) return false;
+  const auto beginning = beginningOf(number);
+  return beginning && *beginning <= seen_;
 }
 
 }  // namespace Platform

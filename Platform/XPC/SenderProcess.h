@@ -1,30 +1,30 @@
-// SenderProcess: the process that sent something, told apart from any other, before or after it.
+// SenderProcess: a process that has sent something, told apart from any that sends later.
 //
 // The kernel says with a message which process sent it (unix(7), SO_PASSCRED), by a number that is
-// given again when the process is gone. With the time at which it began it names one process, and
-// nothing has to be kept open for it.
+// given again when the process is gone. Whoever has it later is the same process when it began
+// before it was first seen. So nothing has to be kept open for it, and most are never looked at.
 #pragma once
 
 #include <sys/types.h>
 
 #include <cstdint>
-#include <optional>
 
 namespace Platform {
 
 // A value.
 class SenderProcess {
  public:
-  // The process that has the number now. None when there is none, or it cannot be seen from here.
-  static std::optional<SenderProcess> of(pid_t number);
+  SenderProcess() = default;  // none
+  // The process that has the number, and has sent something just now.
+  explicit SenderProcess(pid_t number);
 
-  friend bool operator==(const SenderProcess&, const SenderProcess&) = default;
+  // Whether the process that has the number now is this one. False when it cannot be seen from
+  // here.
+  bool isStill(pid_t number) const;
 
  private:
-  SenderProcess(pid_t number, std::uint64_t beginning) : number_(number), beginning_(beginning) {}
-
-  pid_t number_;
-  std::uint64_t beginning_;  // since the machine's, in clock ticks
+  pid_t number_ = 0;
+  std::uint64_t seen_ = 0;  // since the machine's beginning, in clock ticks
 };
 
 }  // namespace Platform

@@ -196,7 +196,7 @@ TEST_F(Agents, AreExplainedToPeopleByTheExamples) {
   ChildProcess agent = startAgent();
   expectComplaint({menuApp, "upcoming"}, "the main application is not running");
   if (!TestSupport::isSanitized) {  // a sanitizer takes descriptors to look at memory
-    expectComplaint({"bash", "-c", "exec 3>&- 4>&-; ulimit -n 5; exec \"$0\" watch", menuApp},
+    expectComplaint({"bash", "-c", "exec 3>&- 4>&-; ulimit -n 4; exec \"$0\" watch", menuApp},
                     "inotify");
   }
   const std::filesystem::path applications = directory.path() + "/gantrel/applications";
