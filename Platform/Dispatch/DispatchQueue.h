@@ -10,6 +10,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -45,17 +46,18 @@ class DispatchQueue : public std::enable_shared_from_this<DispatchQueue> {
 
   const std::string& label() const { return label_; }
 
-  // Appends and returns at once. A task takes its place without having been anywhere else, when
-  // this thread has the queue.
+  // Appends and returns at once. When this thread has the queue, a task takes its place without
+  // having been anywhere else, unless something of the callable's own could happen meanwhile.
   template <class Callable>
   requires std::constructible_from<Task, Callable>
   void async(Callable&& callable) {
-    if (std::vector<Task>* const tasks = TasksKeep::isThere() ? nullptr : openTasks()) {
-      tasks->emplace_back(std::forward<Callable>(callable));
-      beginUnlessCurrent();
-    } else {
-      append(Task(std::forward<Callable>(callable)));
+    if constexpr (std::is_nothrow_constructible_v<std::decay_t<Callable>, Callable>) {
+      if (std::vector<Task>* const tasks = TasksKeep::isThere() ? nullptr : openTasks()) {
+        tasks->emplace_back(std::forward<Callable>(callable));
+        return beginUnlessCurrent();
+      }
     }
+    append(Task(std::forward<Callable>(callable)));
   }
 
   // Whether the calling thread is running a task of this queue.
