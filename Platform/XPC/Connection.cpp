@@ -89,18 +89,18 @@ std::optional<Connection::Error> Connection::submit(OutgoingFrame&& frame, Kind 
   if (phase_ != Phase::open) return Error::invalid;
   if (!frame.isSendable()) return Error::refused;
   if (!link_ && !dialer_.isTrying() && dial() == ConnectOutcome::refused) {
-    dialer_.lose();
+    if (kind == Kind::message) dialer_.lose();  // a call's end is told
     if (dialer_.isNamed()) return Error::interrupted;
     endAll(Error::invalid, true);
     return Error::invalid;
   }
-  dialer_.nothingNewIsLost();
   if (!link_) {
     dialer_.keep(std::move(frame));
   } else {
     if (kind == Kind::call && link_->state == Link::State::halfShut) return Error::invalid;
     link_->append(std::move(frame));
   }
+  dialer_.nothingNewIsLost();
   return std::nullopt;
 }
 

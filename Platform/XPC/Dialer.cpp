@@ -60,8 +60,9 @@ bool Dialer::hasLost() {
 }
 
 std::uint64_t Dialer::processNumber(pid_t sender) {
+  const SenderProcess process(sender);
   if (!dialing_->lastProcess.isStill(sender)) ++dialing_->lastProcessNumber;
-  dialing_->lastProcess = SenderProcess(sender);
+  dialing_->lastProcess = process;
   return dialing_->lastProcessNumber;
 }
 

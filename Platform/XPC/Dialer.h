@@ -51,8 +51,8 @@ class Dialer {
   void handOver(Link& link);
   void dropUnsent();
 
-  // What was handed over and never left, on whichever link, is told of until something else is
-  // handed over: `hasLost` tells. A connection with one link ends with its losses.
+  // What was handed over and never left, on whichever link, is told of at least once, by `hasLost`,
+  // and until something else is handed over. A connection with one link ends with its losses.
   void lose() {
     if (dialing_) dialing_->loss = Loss::untold;
   }
@@ -61,8 +61,8 @@ class Dialer {
   }
   bool hasLost();
 
-  // The number of the process that the kernel names as a sender: the same as the last one's exactly
-  // when it is the same process.
+  // The number of the process that the kernel names as a sender: the same as the last one's when it
+  // is the same process (SenderProcess.h).
   std::uint64_t processNumber(pid_t sender);
 
  private:

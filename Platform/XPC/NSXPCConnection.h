@@ -68,8 +68,9 @@ class NSXPCConnection final : public NSObject {
 
   // Waits, on the calling thread, until everything that was sent before is on its way: the peer
   // gets it even if this process ends. False when the limit is reached before, the connection ends,
-  // or something was lost: on a named connection that nobody serves, say. A loss is told until
-  // something else is sent. A message of more than the wire takes is not sent, and not waited for.
+  // or something was lost: on a named connection that nobody serves, say. A loss is told at
+  // least once, and until something else is sent; a call's is its error. A message of more than the
+  // wire takes is not sent, and not waited for.
   bool waitUntilSent(std::chrono::milliseconds limit);
 
   // Inside a reply block of a named connection: the number of the service's process that sent this

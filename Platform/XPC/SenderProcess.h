@@ -2,7 +2,8 @@
 //
 // The kernel says with a message which process sent it (unix(7), SO_PASSCRED), by a number that is
 // given again when the process is gone. Whoever has it later is the same process when it began
-// before it was first seen. So nothing has to be kept open for it, and most are never looked at.
+// before it was first seen, or within the same clock tick, a hundredth of a second. So nothing has
+// to be kept open for it, and most are never looked at.
 #pragma once
 
 #include <sys/types.h>

@@ -12,6 +12,7 @@
 #include "Platform/XPC/NSXPCListener.h"
 #include "Platform/XPC/NamedService.h"
 #include "Platform/XPC/Socket.h"
+#include "Platform/XPC/UntypedProxy.h"
 #include "Tests/Support/TestProcess.h"
 
 namespace Platform {
@@ -318,11 +319,16 @@ TEST_F(Connections, SendWhatWasHandedToThemAlsoWhenTheirOwnerGoes) {
   raw.connection->invalidate();
   EXPECT_GT(read.get(), data.size());
 
-  const auto toNobody = NSXPCConnection::initWithMachServiceName("nobody"_text);
-  toNobody->resume();
-  EXPECT_TRUE(toNobody->waitUntilSent(std::chrono::minutes(1))) << "there is nothing to send";
-  toNobody->remoteObjectProxy<Peer>()->echo(1, {});
-  for (int i = 0; i < 2; ++i) EXPECT_FALSE(toNobody->waitUntilSent(std::chrono::minutes(1)));
+  const auto early = NSXPCConnection::initWithMachServiceName("early"_text);
+  early->resume();
+  EXPECT_EQ(ask(early, 1), Value());
+  EXPECT_TRUE(early->waitUntilSent(std::chrono::minutes(1))) << "the call's error has told of it";
+  UntypedProxy(early).send("note:", {1});
+  for (int i = 0; i < 2; ++i) EXPECT_FALSE(early->waitUntilSent(std::chrono::minutes(1)));
+  const UniqueFd listening = bindTo(*namedServicePath("early"_text));
+  ASSERT_TRUE(listenOn(listening.get()));
+  UntypedProxy(early).send("note:", {1});
+  EXPECT_TRUE(early->waitUntilSent(std::chrono::minutes(1)));
 }
 
 TEST_F(Connections, TakeAFaultOfANamedServiceForAnInterruption) {
