@@ -45,7 +45,7 @@ class Value {
       content_ = static_cast<std::uint64_t>(integer);
     }
   }
-  Value(std::floating_point auto real) : content_(double{real}) {}
+  Value(std::floating_point auto real) : content_(static_cast<double>(real)) {}
   Value(Text text) : content_(std::move(text)) {}
   Value(Data data) : content_(std::move(data)) {}
   Value(NSDate date) : content_(date) {}

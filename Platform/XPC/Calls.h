@@ -66,9 +66,10 @@ struct AnswerOf<Reply<Value>> {
 };
 
 template <class To, class From>
-concept Fitting = std::convertible_to<From, To> && !isOfOtherKind<BareOf<To>, BareOf<From>> &&
-                  (!std::is_arithmetic_v<BareOf<To>> || std::is_class_v<BareOf<From>> ||
-                   requires(BareOf<From> from) { BareOf<To>{from}; });
+concept Fitting =
+    std::convertible_to<From, To> && !isOfOtherKind<BareOf<To>, BareOf<From>> &&
+    (!std::is_arithmetic_v<BareOf<To>> || std::same_as<BareOf<From>, std::nullopt_t> ||
+     requires(BareOf<From> from) { BareOf<To>{from}; });
 
 // Whether a call of the method takes these.
 template <auto Member, class... Given>

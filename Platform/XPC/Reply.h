@@ -9,6 +9,8 @@
 #include <type_traits>
 #include <utility>
 
+#include "Platform/Runtime/Value.h"
+
 namespace Platform {
 
 namespace Detail {
@@ -23,13 +25,14 @@ struct Bare<std::optional<T>> : Bare<T> {};
 template <class T>
 using BareOf = typename Bare<std::decay_t<T>>::Type;
 
-// Whether a value would turn into one of another kind, as the language lets it: a pointer or a
-// number into a Boolean, a real or a Boolean into an integer.
+// Whether a value would turn into one of another kind, as the language lets it: anything but a
+// class into a Boolean, a Boolean or a character into a number, a real into an integer.
 template <class To, class From>
 inline constexpr bool isOfOtherKind =
     std::is_same_v<To, bool>
-        ? std::is_pointer_v<From> || (std::is_arithmetic_v<From> && !std::is_same_v<From, bool>)
-        : std::is_integral_v<To> && (std::is_floating_point_v<From> || std::is_same_v<From, bool>);
+        ? !std::is_class_v<From> && !std::is_same_v<From, bool>
+        : std::is_arithmetic_v<To> && std::is_arithmetic_v<From> && !PlainInteger<From> &&
+              !(std::is_floating_point_v<To> && std::is_floating_point_v<From>);
 
 template <class T>
 inline constexpr bool isFunction = false;

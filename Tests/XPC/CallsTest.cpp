@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+
 #include "Platform/Dispatch/WorkerPool.h"
 #include "Platform/XPC/NSXPCListener.h"
 #include "Tests/Support/TestProcess.h"
@@ -63,10 +65,11 @@ static_assert(!Detail::fits<&Oracle::divide, int>() &&
 static_assert(!std::constructible_from<Value, const char*> &&
               !std::constructible_from<Value, char>);
 static_assert(!Detail::Fitting<std::optional<int>, double> &&
-              Detail::Fitting<std::optional<int>, int>);
+              !Detail::Fitting<int, std::atomic<double>&>);
+static_assert(Detail::Fitting<std::optional<int>, std::nullopt_t>);
 static_assert(!std::invocable<const Reply<bool>&, const char*> &&
-              std::invocable<const Reply<bool>&, bool>);
-static_assert(!std::invocable<const Reply<std::optional<int>>&, double>);
+              !std::invocable<const Reply<int>&, char>);
+static_assert(std::invocable<const Reply<std::optional<double>>&, int>);
 
 // The least that a coroutine needs: it begins at once, and its frame goes at its end.
 struct Coroutine {
