@@ -39,12 +39,11 @@ void appendCode(std::string& out, const char* format, unsigned code) {
 bool isUnsafeToShow(char32_t codePoint) {
   const auto character = static_cast<UChar32>(codePoint);
   constexpr std::uint32_t unsafe = U_GC_CC_MASK | U_GC_ZL_MASK | U_GC_ZP_MASK;
-  const std::uint32_t category = U_GET_GC_MASK(character);
-  // Those that join letters are seen by what they do.
-  return (category & unsafe) != 0 ||
-         (category == U_GC_CF_MASK &&
-          u_hasBinaryProperty(character, UCHAR_DEFAULT_IGNORABLE_CODE_POINT) &&
-          !u_hasBinaryProperty(character, UCHAR_JOIN_CONTROL));
+  // Those that shape their neighbours are seen by what they do.
+  return (U_GET_GC_MASK(character) & unsafe) != 0 ||
+         (u_hasBinaryProperty(character, UCHAR_DEFAULT_IGNORABLE_CODE_POINT) &&
+          !u_hasBinaryProperty(character, UCHAR_JOIN_CONTROL) &&
+          !u_hasBinaryProperty(character, UCHAR_VARIATION_SELECTOR));
 }
 
 std::string escaped(std::string_view utf8) {

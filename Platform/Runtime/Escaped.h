@@ -1,6 +1,7 @@
 // Making text safe to show. Text that came from outside may hold anything: line breaks that forge
 // log lines, sequences that command a terminal, marks that turn the reading direction around, and
-// such as nobody sees, by which one text passes for another.
+// such as nobody sees, by which one text passes for another. Joiners and variation selectors, which
+// scripts and emoji need, pass.
 #pragma once
 
 #include <optional>

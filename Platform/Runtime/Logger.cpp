@@ -18,6 +18,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <limits>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -132,12 +133,13 @@ class LineFormatter {
   }();
 
   struct Form {
-    const char* text;
+    const char* sourceFile;
     const char* function;
     unsigned line;
-    std::string head;
-    std::string tail;
-    std::int64_t second = -1;  // that `head` shows
+    std::string_view text;
+    std::string head = {};
+    std::string tail = {};
+    std::int64_t second = std::numeric_limits<std::int64_t>::min();  // that `head` shows
   };
 
   static void setSecond(Form& form, std::int64_t second) {
@@ -153,11 +155,12 @@ class LineFormatter {
   Form& formOf(const Record& record) {
     const auto found = std::ranges::find_if(forms_, [&](const Form& form) {
       return form.line == record.line && form.function == record.function.data() &&
-             form.text == record.text.data();
+             form.sourceFile == record.sourceFile.data() &&
+             form.text.data() == record.text.data() && form.text.size() == record.text.size();
     });
     if (found != forms_.end()) return *found;
-    Form& form =
-        forms_.emplace_back(Form{record.text.data(), record.function.data(), record.line, {}, {}});
+    Form& form = forms_.emplace_back(
+        Form{record.sourceFile.data(), record.function.data(), record.line, record.text});
     form.head.append(noTime).append(record.text);
     form.tail.append(" (").append(record.sourceFile).append(":");
     form.tail.append(std::to_string(record.line)).append(" ");
