@@ -90,8 +90,9 @@ class EndPointHandler {
   template <class Rep, class Period>
   static Milliseconds milliseconds(std::chrono::duration<Rep, Period> limit) {
     constexpr std::chrono::hours year(24 * 365);
-    if (limit <= limit.zero()) return Milliseconds(0);
-    return limit < year ? std::chrono::ceil<Milliseconds>(limit) : year;
+    const std::chrono::duration<double> seconds(limit);  // which none overflows
+    if (seconds <= seconds.zero()) return Milliseconds(0);
+    return seconds < year ? std::chrono::ceil<Milliseconds>(limit) : year;
   }
   std::optional<bool> registerWithin(Platform::EndpointRef endpoint, Platform::Text identifier,
                                      std::optional<Milliseconds> limit);

@@ -128,6 +128,7 @@ class FileLog final : public AgentLog {
   void skipToEnd() override { file_.seekg(0, std::ios::end); }
 
   std::optional<LogEvent> next() override {
+    bool isOther = false;
     for (std::string line;;) {
       const auto begin = file_.tellg();
       if (std::getline(file_, line) && !file_.eof()) {
@@ -140,7 +141,8 @@ class FileLog final : public AgentLog {
       struct stat now {};
       if (::stat(path_.c_str(), &now) != 0) return std::nullopt;
       if (now.st_dev != opened_.st_dev || now.st_ino != opened_.st_ino) {
-        open();
+        // Once more to the end of the old one: it may have been written to until it was moved.
+        if (std::exchange(isOther, true)) open();
       } else if (now.st_size < begin) {
         file_.seekg(0);
       } else {

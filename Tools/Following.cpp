@@ -27,6 +27,7 @@ using Clock = std::chrono::steady_clock;
 namespace {
 
 constexpr std::chrono::microseconds withoutLog = 1s;
+constexpr Patience leastPatience = 100ms;          // for the last question
 constexpr std::chrono::microseconds withLog = 5s;  // a log may lose lines, and be before its time
 
 // Returns when the log tells of a registration of the identifier, or at `end`.
@@ -105,14 +106,15 @@ Status wait(const Request& request) {
   const Patience patience = Request{}.patience();  // for one answer
   Registry registry(patience);
   const auto last = request.seconds ? Clock::now() + request.patience() : Clock::time_point::max();
-  for (;;) {
+  for (bool isAnswered = false;;) {
     const auto endpoint = registry.tryToRetrieve(
         request.identifier,
-        std::clamp(std::chrono::ceil<Patience>(last - Clock::now()), Patience(1), patience));
+        std::clamp(std::chrono::ceil<Patience>(last - Clock::now()), leastPatience, patience));
     if (endpoint && *endpoint && isServed(**endpoint)) return Status::done;
+    isAnswered = isAnswered || endpoint;
     if (last <= Clock::now()) {
       fail(Status::notInTime, shown(request.identifier) + " was not served in time" +
-                                  (endpoint ? "." : ": " + registry.whyNoAnswer().sentence));
+                                  (isAnswered ? "." : ": " + registry.whyNoAnswer().sentence));
     }
     const auto end = std::min(last, Clock::now() + (log ? withLog : withoutLog));
     if (log) {

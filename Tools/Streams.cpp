@@ -155,7 +155,7 @@ int relay(int from, int to, int peer = -1) {
     if (::poll(events, std::size(events), -1) < 0) continue;
     if (events[0].revents == 0) return -1;
     const ssize_t count = ::read(from, buffer.data(), buffer.size());
-    if (count == 0) return -1;
+    if (count == 0 || (count < 0 && errno == EBADF)) return -1;  // as nohup(1) leaves an input
     if (count < 0 && errno == EINTR) continue;
     if (count < 0) return from;
     auto rest = std::span<const std::byte>(buffer).first(static_cast<std::size_t>(count));
