@@ -45,13 +45,15 @@ std::optional<LogEvent> eventFromMessage(const std::string& message, NSDate time
   return std::nullopt;
 }
 
-std::optional<LogEvent> eventFromLine(const std::string& line) {
+std::optional<LogEvent> eventFromLine(std::string_view line) {
+  // Whoever does not append leaves a hole in a file that has been emptied since.
+  line.remove_prefix(std::min(line.find_first_not_of('\0'), line.size()));
   // An identifier may hold anything, also what looks like a place: the last one counts.
   const std::size_t time = line.find(' ');
   const std::size_t place = line.rfind(" (" + source + ":");
   if (place == line.npos || place < time || !line.ends_with(')')) return std::nullopt;
-  const auto date = dateFromText(line.substr(0, time));
-  const auto message = unescaped(std::string_view(line).substr(time + 1, place - time - 1));
+  const auto date = dateFromText(std::string(line.substr(0, time)));
+  const auto message = unescaped(line.substr(time + 1, place - time - 1));
   return date && message ? eventFromMessage(*message, *date) : std::nullopt;
 }
 

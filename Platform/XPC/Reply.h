@@ -82,7 +82,7 @@ class Reply {
   const std::shared_ptr<Block>& block() const { return block_; }
   // There must be a block.
   void operator()(Values... values) const { block_->call(std::forward<Values>(values)...); }
-  // Nothing turns into a value of another kind.
+  // Nothing turns into a value of another kind, but for what stands in braces.
   template <class... Given>
   requires(sizeof...(Given) == sizeof...(Values) &&
            (Detail::isOfOtherKind<Detail::BareOf<Values>, Detail::BareOf<Given>> || ...)) void

@@ -97,8 +97,9 @@ class Endpoint:
 
 Value = Union[None, bool, int, float, str, bytes, Date, Endpoint, list["Value"], dict[str, "Value"]]
 Sendable = Union[None, bool, int, float, str, bytes, Date, Endpoint, Sequence["Sendable"], Mapping[str, "Sendable"]]
-# Functions by selector: the name, with a colon for each argument and one for the reply, if there is one. What a
-# function gives is the answer's value, or its values where that is a tuple.
+# Functions by selector: the name, with a colon for each argument and one for the reply, if there is one; not the empty
+# one, which others count on nobody to know. What a function gives is the answer's value, or its values where that is a
+# tuple.
 Exports = Mapping[str, Callable[..., "Sendable | tuple[Sendable, ...]"]]
 
 
@@ -218,7 +219,7 @@ class Connection:
     def _carry_out(self, selector: str, items: list[wire.Item],
                    descriptors: list[int]) -> Optional[tuple[Sendable, ...]]:
         """What the function gives; none when there is no such function, or it fails."""
-        function = self._exports.get(selector)
+        function = self._exports.get(selector) if selector else None
         try:
             arguments = _values(items, descriptors)
             if function is None or not _takes(function, arguments):
